@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+// Decoded audio held whole in memory: 32-bit float, non-interleaved, full scale ±1.0.
+//
+// Lifetime: immutable after construction and shared as std::shared_ptr<const AudioClip> by the
+// media table and by every mixer voice that plays it; the last owner frees the samples. The
+// render thread only reads a clip, and never holds the last reference to one (voices are
+// retired on the control thread), so a clip is never freed on the render thread.
+struct AudioClip {
+    // Takes ownership of the channel data; every channel must hold the same number of frames.
+    AudioClip(std::vector<std::vector<float>> channelData, double sampleRate);
+
+    AudioClip(const AudioClip&) = delete;
+    AudioClip& operator=(const AudioClip&) = delete;
+
+    // The samples; `channels` points into it.
+    const std::vector<std::vector<float>> buffer;
+    // One pointer per channel, each to `frameCount` floats.
+    std::vector<const float*> channels;
+    std::int64_t channelCount = 0;
+    std::int64_t frameCount = 0;
+    double sampleRate = 0.0;
+    // Overview for waveform display: at most 1500 values in 0…1.
+    std::vector<float> peaks;
+
+    static constexpr std::int64_t kMaxPeaks = 1500;
+
+    // Largest magnitude of any channel within each of min(frames, 1500) equal bins, clamped to 1.
+    static std::vector<float> computePeaks(const float* const* channels, std::int64_t channelCount,
+                                           std::int64_t frames);
+};
+
+using AudioClipPtr = std::shared_ptr<const AudioClip>;

@@ -1,0 +1,137 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "audio/AudioBufferList.h"
+#include "audio/AudioClip.h"
+#include "audio/PriorityMutex.h"
+#include "audio/Route.h"
+#include "audio/Voice.h"
+#include "audio/VoiceStatus.h"
+
+// The real-time mixer: sums every playing Voice into the device's channel buffers once per
+// block, with per-route interpolation, a squared fade envelope, per-voice and master volume,
+// an optional 1 kHz test tone, output mutes and peak meters.
+//
+// Threads:
+// - The render thread (the audio back end's real-time thread, or an OfflineRenderer) calls
+//   render() once per block. It holds the mixer lock for the whole mix and never allocates,
+//   frees, logs or waits on anything else.
+// - One control thread (the main thread) calls every other method. Each takes the lock only
+//   for a few loads and stores; anything that allocates or frees (voices, status records,
+//   retired voices) is done outside it.
+// - The engine calls setSampleRate/setLatency from the control thread when the device
+//   (re)starts; voices keep playing across a restart.
+//
+// Lifetime: created once with the audio engine and lives as long as the application. Voices are
+// owned by the mixer; callers keep voice ids, never voices. Unknown ids are ignored.
+class Mixer {
+public:
+    static constexpr int kMaxOutputs = 64;
+    static constexpr int kVirtualChannels = 8;
+    static constexpr std::int64_t kVirtualFrames = 8192;
+    static constexpr std::size_t kReservedVoices = 512;
+
+    Mixer();
+    ~Mixer();
+
+    Mixer(const Mixer&) = delete;
+    Mixer& operator=(const Mixer&) = delete;
+
+    // Control thread. Adds a voice and returns its id (from 1 upwards). The voice starts at the
+    // next block, or, when deferred, waits for setStart. fadeIn is in seconds. Routes whose
+    // source is not a channel of the clip, or whose output is outside 0…63, are dropped here so
+    // the render thread never has to check them. Returns 0 (no voice) for a clip without
+    // frames or channels.
+    std::int64_t play(AudioClipPtr clip, const RouteList& routes, float volume, double fadeIn,
+                      bool loop, bool deferred);
+
+    // Control thread. Fades a playing voice out over `fade` seconds (at least 5 ms); a voice
+    // that has not started yet is done at once.
+    void stop(std::int64_t id, double fade);
+
+    // Control thread. Take effect at the next block.
+    void setVolume(std::int64_t id, float volume);
+    void setLoop(std::int64_t id, bool loop);
+
+    // Control thread. Releases an armed (deferred) voice at a host time (HostTime ticks).
+    void setStart(std::int64_t id, std::uint64_t hostTime);
+
+    // Control thread. Moves the read position, clamped to the clip. With startHost ≠ 0 the
+    // voice stops sounding and starts again at that host time; with 0 it jumps at the next
+    // block. No effect on a done voice.
+    void seek(std::int64_t id, double seconds, std::uint64_t startHost);
+
+    // Control thread. Drops every done voice (survivors keep their order). The voices, and
+    // possibly their clips, are freed on the calling thread after the lock is released.
+    void removeDone();
+
+    // Control thread. Status of every voice, done ones included; resets the voices' peaks.
+    std::map<std::int64_t, VoiceStatus> snapshot();
+
+    // Control thread. Outputs (0-based) to silence; all others are unmuted.
+    void setMuted(const std::set<std::int64_t>& channels);
+    void setMasterVolume(double volume);
+    // The output that carries the 1 kHz test tone, or none.
+    void setToneChannel(std::optional<std::int64_t> channel);
+
+    // Control thread. Peak of each of the first `count` outputs (at most 64) since the last
+    // call, then resets them.
+    std::vector<float> takeMeters(std::int64_t count);
+
+    // Control thread (the engine, when the device starts).
+    void setSampleRate(double rate);
+    void setLatency(double seconds);
+    double sampleRate() const;
+    double latency() const;
+
+    // Control thread.
+    std::size_t voiceCount() const;
+
+    // Render thread only. Zeroes every buffer of the list, then mixes one block of frameCount
+    // frames into the first 64. A null buffer, or one smaller than the block, is never fed.
+    void render(std::int64_t frameCount, const AudioTimeStamp& timestamp,
+                AudioBufferList bufferList) noexcept;
+
+private:
+    // Frames per pass of the two-pass voice mix; the scratch arrays hold one pass.
+    static constexpr std::int64_t kChunk = 1024;
+
+    Voice* find(std::int64_t id); // under the lock
+    void mixVoice(Voice& voice, std::int64_t offset, std::int64_t frameCount, double rate,
+                  float master, int outCount) noexcept;
+
+    mutable PriorityMutex m_lock;
+
+    // Guarded by m_lock. The vector's shape (size, order) changes only on the control thread,
+    // which may therefore read its size without the lock.
+    std::vector<std::unique_ptr<Voice>> m_voices;
+    std::int64_t m_nextID = 1;
+    double m_sampleRate = 48000.0;
+    double m_latency = 0.0;
+    float m_masterVolume = 1.0f;
+    std::array<float, kMaxOutputs> m_meterPeaks{};
+    std::array<bool, kMaxOutputs> m_muted{};
+    std::int64_t m_toneChannel = -1;
+    double m_tonePhase = 0.0;
+
+    // Control thread only: voices taken out by removeDone, freed once the lock is released.
+    std::vector<std::unique_ptr<Voice>> m_retired;
+
+    // Render thread only, outside the lock.
+    std::array<float*, kMaxOutputs> m_outs{};
+    std::vector<std::vector<float>> m_virtualBuffers;
+
+    // Render thread only, under the lock: one pass of per-frame read positions and gains.
+    std::unique_ptr<std::int64_t[]> m_scratchIndex;
+    std::unique_ptr<std::int64_t[]> m_scratchNext;
+    std::unique_ptr<float[]> m_scratchFrac;
+    std::unique_ptr<float[]> m_scratchGain;
+    std::unique_ptr<float[]> m_scratchLevel;
+};

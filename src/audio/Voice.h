@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <vector>
+
+#include "audio/AudioClip.h"
+#include "audio/Route.h"
+
+// One playing clip inside the Mixer.
+//
+// Threading: built completely on the control thread before the mixer lock is taken, then owned
+// by Mixer::voices. Afterwards its mutable fields are read and written only under the mixer
+// lock (by the render thread for each block, by the control thread for each operation). It is
+// destroyed on the control thread, after Mixer::removeDone has taken it out of the list.
+class Voice {
+public:
+    // startHost value of a voice that waits for Mixer::setStart.
+    static constexpr std::uint64_t kArmed = std::numeric_limits<std::uint64_t>::max();
+
+    Voice(AudioClipPtr clip, const RouteList& routes);
+
+    Voice(const Voice&) = delete;
+    Voice& operator=(const Voice&) = delete;
+
+    std::int64_t id = 0; // handed out by Mixer::play under the lock
+    const AudioClipPtr clip;
+    // Route k feeds clip channel src[k] into output dst[k].
+    const std::vector<std::int64_t> src;
+    const std::vector<std::int64_t> dst;
+
+    double position = 0.0; // read position in clip frames
+    float env = 1.0f;      // fade envelope 0…1, applied squared
+    float envStep = 0.0f;  // change of env per output frame; 0 = no ramp
+    float volume = 1.0f;   // linear
+    bool loop = false;
+    std::uint64_t startHost = 0; // 0 = next block, kArmed = waits for setStart, else host time
+    bool started = false;
+    bool done = false;
+    // Per clip channel peak since the last snapshot; max(channelCount, 1) values.
+    std::vector<float> peaks;
+};
