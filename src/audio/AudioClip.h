@@ -4,6 +4,8 @@
 #include <memory>
 #include <vector>
 
+#include "audio/SampleBuffer.h"
+
 // Decoded audio held whole in memory: 32-bit float, non-interleaved, full scale ±1.0.
 //
 // Lifetime: immutable after construction and shared as std::shared_ptr<const AudioClip> by the
@@ -11,14 +13,17 @@
 // render thread only reads a clip, and never holds the last reference to one (voices are
 // retired on the control thread), so a clip is never freed on the render thread.
 struct AudioClip {
-    // Takes ownership of the channel data; every channel must hold the same number of frames.
-    AudioClip(std::vector<std::vector<float>> channelData, double sampleRate);
+    // Takes ownership of the channel data; every channel must hold the same number of frames
+    // (std::invalid_argument otherwise).
+    AudioClip(std::vector<SampleBuffer> channelData, double sampleRate);
+    // Copies the samples; for generated material and tests.
+    AudioClip(const std::vector<std::vector<float>>& channelData, double sampleRate);
 
     AudioClip(const AudioClip&) = delete;
     AudioClip& operator=(const AudioClip&) = delete;
 
     // The samples; `channels` points into it.
-    const std::vector<std::vector<float>> buffer;
+    const std::vector<SampleBuffer> buffer;
     // One pointer per channel, each to `frameCount` floats.
     std::vector<const float*> channels;
     std::int64_t channelCount = 0;

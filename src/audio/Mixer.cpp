@@ -6,31 +6,13 @@
 #include <mutex>
 
 #include "audio/HostTime.h"
+#include "audio/VectorMath.h"
 
 namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
 // 2π × 1000 Hz: the test tone's phase advance per second.
 constexpr double kTonePhasePerSecond = 6283.185307179586;
-
-// Largest magnitude in x[0..n). Eight independent lanes so the compiler can keep them in
-// vector registers; max is exact, so the lane order does not change the result.
-float maxMagnitude(const float* x, std::int64_t n) {
-    float lane[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    std::int64_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        for (int k = 0; k < 8; ++k) {
-            const float v = std::fabs(x[i + k]);
-            lane[k] = lane[k] < v ? v : lane[k];
-        }
-    }
-    float peak = 0.0f;
-    for (; i < n; ++i)
-        peak = std::max(peak, std::fabs(x[i]));
-    for (float v : lane)
-        peak = std::max(peak, v);
-    return peak;
-}
 
 // Start offset of a waiting voice in a block, in frames; a huge distance saturates instead of
 // overflowing the conversion.
@@ -327,7 +309,7 @@ void Mixer::render(std::int64_t n, const AudioTimeStamp& timestamp,
         if (m_muted[c])
             std::fill_n(out, n, 0.0f);
         else
-            m_meterPeaks[c] = std::max(m_meterPeaks[c], maxMagnitude(out, n));
+            m_meterPeaks[c] = std::max(m_meterPeaks[c], VectorMath::maxMagnitude(out, n));
     }
 }
 

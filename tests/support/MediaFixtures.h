@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// Writes real media files with FFmpeg's encoders, so the tests need no binary fixtures.
+namespace MediaFixtures {
+
+struct Tone {
+    int channels = 2;
+    int sampleRate = 48000;
+    double seconds = 1.0;
+    double frequency = 1000.0; // channel c plays frequency × (c + 1)
+    double amplitude = 0.5;
+    double noise = 0.0; // amplitude of white noise added (repeatable), for realistic payloads
+};
+
+struct Video {
+    int width = 320;
+    int height = 240;
+    double rotation = 0.0; // degrees, stored as a display matrix
+    double seconds = 1.0;
+};
+
+// The container follows the file extension (wav, flac, mp3, m4a, ogg, opus, mp4, mkv, mov …);
+// `audioCodec` is an FFmpeg encoder name ("pcm_s16le", "flac", "aac", "libmp3lame", …).
+// Returns false (with nothing left behind) when this FFmpeg build cannot write it.
+bool write(const std::string& path, const std::string& audioCodec, const std::vector<Tone>& tracks,
+           const Video* video = nullptr);
+
+} // namespace MediaFixtures
