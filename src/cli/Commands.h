@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QStringList>
+
+class QTextStream;
+
+// The headless `vorlin` subcommands: they need no display and print machine-readable output
+// on `out`; messages for the operator go to `err` in Japanese. Each returns the process exit
+// status. Main thread.
+namespace Commands {
+
+// Whether args[0] names a subcommand (the application opens its window otherwise).
+bool isCommand(const QStringList& args);
+
+// Runs the subcommand named by args[0] with the rest as its arguments.
+int run(const QStringList& args, QTextStream& out, QTextStream& err);
+
+// `vorlin probe FILE…`: the media probe of each file, as a JSON array in argument order.
+// Exit status 1 when a file is missing or unreadable (its entry then carries "error").
+int probe(const QStringList& files, QTextStream& out, QTextStream& err);
+
+} // namespace Commands
