@@ -1,0 +1,94 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include <QObject>
+#include <QString>
+
+#include "cue/ActiveCue.h"
+#include "cue/LiveState.h"
+#include "model/ShowDocument.h"
+
+class Mixer;
+class VideoOutput;
+
+// Turns key events into running cues and keeps them: the key modes, the next-material rule,
+// starting audio as mixer voices routed to the outputs and pictures on the video output, and the
+// 30 Hz tick that finishes cues and publishes the live state.
+//
+// Deck keys (slide decks, images, lists) go through deckStep/deckGo once decks exist; until
+// the media table can hold a deck, a deck key starts like any other key and its media entry
+// carries the load error that says why it cannot play.
+//
+// Threading: main thread only. The only cross-thread state is inside the Mixer, whose every
+// call takes its own lock; the engine never holds that lock across two calls. Media callbacks
+// arrive later on the main thread and do nothing once the engine is gone.
+class CueEngine : public QObject {
+    Q_OBJECT
+public:
+    static constexpr KeyCode kEscape = 53;
+    // Retrigger cuts the previous instance within this time, whatever the key's fade-out.
+    static constexpr double kRetriggerCut = 0.03;
+    static constexpr float kMeterRelease = 0.86f; // per tick
+
+    CueEngine(ShowDocument& document, Mixer& mixer, VideoOutput& video, LiveState& live,
+              QObject* parent = nullptr);
+
+    // The device's output channel count (routing and the number of meters).
+    void setOutputChannelCount(std::int64_t channels) { m_outputChannels = channels; }
+    std::int64_t outputChannelCount() const { return m_outputChannels; }
+    // Which key codes the on-screen keyboard shows (a press on an empty one selects it).
+    void setLayoutKeys(std::function<bool(KeyCode)> isLayoutKey) {
+        m_isLayoutKey = std::move(isLayoutKey);
+    }
+    // The alert sound for a key whose media failed.
+    void setBeep(std::function<void()> beep) { m_beep = std::move(beep); }
+
+    void handleKey(KeyCode code, bool down, bool shift, bool isRepeat);
+    void startKey(KeyCode code, std::int64_t deckIndex);
+    void stopKey(KeyCode code, double fade);
+    void stop(ActiveCue& cue, double fade);
+    void stopCue(std::int64_t id);
+    void stopAll(bool immediate);
+    bool isRunning(KeyCode code) const;
+    void togglePlayback(KeyCode code);
+    void tick();
+
+    const std::vector<ActiveCuePtr>& cues() const { return m_cues; }
+    std::int64_t nextCueID() const { return m_nextCueID; }
+    double stopAllFade() const { return m_stopAllFade; }
+    void setStopAllFade(double seconds) { m_stopAllFade = seconds; }
+    const QString& statusMessage() const { return m_statusMessage; }
+    void setStatusMessage(const QString& message);
+
+signals:
+    void statusMessageChanged(const QString& message);
+    void selectedKeyChanged();
+
+private:
+    bool runsFor(const ActiveCue& cue, KeyCode code) const;
+    ActiveCuePtr newestRunning(KeyCode code) const;
+    void select(KeyCode code);
+    void applyNextMaterialRule(KeyCode code, const KeyAssignment& starting);
+    void startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info);
+
+    ShowDocument& m_document;
+    Mixer& m_mixer;
+    VideoOutput& m_video;
+    LiveState& m_live;
+    std::function<bool(KeyCode)> m_isLayoutKey;
+    std::function<void()> m_beep;
+
+    std::vector<ActiveCuePtr> m_cues; // start order
+    std::int64_t m_nextCueID = 1;
+    double m_visualSequence = 0.0;
+    double m_stopAllFade = 1.0;
+    std::int64_t m_outputChannels = 2;
+    QString m_statusMessage;
+
+    std::vector<float> m_displayedMeters;
+    LiveState::KeyLevels m_displayedSourceMeters;
+};

@@ -1,0 +1,43 @@
+#include "cue/LiveState.h"
+
+namespace {
+
+template <typename T, typename Signal>
+void assignIfChanged(LiveState* state, T& field, T&& value, Signal signal) {
+    if (field == value)
+        return;
+    field = std::move(value);
+    emit(state->*signal)();
+}
+
+} // namespace
+
+void LiveState::setProgress(std::map<KeyCode, double> value) {
+    assignIfChanged(this, m_progress, std::move(value), &LiveState::progressChanged);
+}
+
+void LiveState::setSlidePosition(std::map<KeyCode, QString> value) {
+    assignIfChanged(this, m_slidePosition, std::move(value), &LiveState::slidePositionChanged);
+}
+
+void LiveState::setDeckCurrent(std::map<KeyCode, QString> value) {
+    assignIfChanged(this, m_deckCurrent, std::move(value), &LiveState::deckCurrentChanged);
+}
+
+void LiveState::setPlayingPages(std::set<QUuid> value) {
+    assignIfChanged(this, m_playingPages, std::move(value), &LiveState::playingPagesChanged);
+}
+
+void LiveState::setCues(std::vector<CueRow> value) {
+    assignIfChanged(this, m_cues, std::move(value), &LiveState::cuesChanged);
+}
+
+void LiveState::setMeters(std::vector<float> value) {
+    m_meters = std::move(value);
+    emit metersChanged();
+}
+
+void LiveState::setSourceMeters(KeyLevels value) {
+    m_sourceMeters = std::move(value);
+    emit sourceMetersChanged();
+}

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <map>
+#include <set>
+#include <vector>
+
+#include <QObject>
+#include <QString>
+#include <QUuid>
+
+#include "cue/CueRow.h"
+#include "model/KeyAssignment.h"
+
+// What changes many times a second, published apart from the model so that only the views
+// that show it redraw: key progress, deck counters, meters, the cue list, the playing pages.
+// Each setter notifies only when the value really changed, except the meter lists, which are
+// published on every tick. Main thread.
+class LiveState : public QObject {
+    Q_OBJECT
+public:
+    using KeyLevels = std::map<KeyCode, std::vector<float>>;
+
+    explicit LiveState(QObject* parent = nullptr) : QObject(parent) {}
+
+    const std::map<KeyCode, double>& progress() const { return m_progress; }
+    const std::map<KeyCode, QString>& slidePosition() const { return m_slidePosition; }
+    const std::map<KeyCode, QString>& deckCurrent() const { return m_deckCurrent; }
+    const std::vector<float>& meters() const { return m_meters; }
+    const KeyLevels& sourceMeters() const { return m_sourceMeters; }
+    const std::set<QUuid>& playingPages() const { return m_playingPages; }
+    const std::vector<CueRow>& cues() const { return m_cues; }
+
+    void setProgress(std::map<KeyCode, double> value);
+    void setSlidePosition(std::map<KeyCode, QString> value);
+    void setDeckCurrent(std::map<KeyCode, QString> value);
+    void setPlayingPages(std::set<QUuid> value);
+    void setCues(std::vector<CueRow> value);
+    void setMeters(std::vector<float> value);
+    void setSourceMeters(KeyLevels value);
+
+signals:
+    void progressChanged();
+    void slidePositionChanged();
+    void deckCurrentChanged();
+    void metersChanged();
+    void sourceMetersChanged();
+    void playingPagesChanged();
+    void cuesChanged();
+
+private:
+    std::map<KeyCode, double> m_progress;
+    std::map<KeyCode, QString> m_slidePosition;
+    std::map<KeyCode, QString> m_deckCurrent;
+    std::vector<float> m_meters;
+    KeyLevels m_sourceMeters;
+    std::set<QUuid> m_playingPages;
+    std::vector<CueRow> m_cues;
+};

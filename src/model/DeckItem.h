@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include <QString>
+
+// One item of a slide deck or list, as the manifest and a key's `deckItems` store it.
+struct DeckItem {
+    enum class Kind { image, video, audio };
+    enum class EndAction { next, hold, loop };
+
+    QString id;
+    Kind kind = Kind::image;
+    QString file; // relative to the deck folder
+    std::int64_t slide = 0;
+    QString title;
+    bool enabled = true;
+    std::optional<double> advanceAfter;
+    std::optional<double> transition;
+    double volume = 1.0;
+    EndAction endAction = EndAction::next;
+
+    bool operator==(const DeckItem&) const = default;
+};

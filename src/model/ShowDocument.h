@@ -1,0 +1,37 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <vector>
+
+#include <QString>
+#include <QUuid>
+
+#include "model/KeyAssignment.h"
+#include "model/KeyPage.h"
+#include "model/MediaInfo.h"
+
+// The document half of the model's state: the pages, the working copy of the current page's
+// keys, the media table and the selection. Every edit goes to `assignments`; the current page's
+// own `keys` are brought up to date from it when the page is left and when the show is saved.
+// Main thread.
+struct ShowDocument {
+    ShowDocument();
+
+    std::vector<KeyPage> pages; // never empty
+    std::size_t currentPage = 0;
+    std::map<KeyCode, KeyAssignment> assignments;
+    std::map<QString, MediaInfo> media; // by media key
+    std::optional<KeyCode> selectedKey;
+
+    QUuid currentPageID() const;
+    // Name of the page with that id, if it still exists.
+    std::optional<QString> pageName(const QUuid& id) const;
+    // Copies `assignments` into the current page's keys.
+    void storeCurrentPage();
+    // Makes page `index` current and loads its keys into `assignments`.
+    void loadPage(std::size_t index);
+    // Every page's assignments, the current page taken from `assignments`.
+    std::vector<KeyAssignment> allAssignments() const;
+    const MediaInfo* mediaFor(const KeyAssignment& assignment) const;
+};

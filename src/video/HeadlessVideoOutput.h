@@ -1,0 +1,65 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <vector>
+
+#include <QObject>
+#include <QTimer>
+
+#include "video/VideoOutput.h"
+
+// A VideoOutput without surfaces, for headless runs and tests: a movie "plays" for its probed
+// duration on a host clock, starting 80 ms after it is asked to (as a real player does) and
+// reporting start, end and failure through the same callbacks; pictures are shown and faded
+// by the same rules, only nothing is drawn. A file without a picture fails.
+//
+// The clock is the monotonic host clock and a timer polls it, or, for offline renders, a
+// simulated clock that the caller advances and polls itself. Main thread.
+class HeadlessVideoOutput : public QObject, public VideoOutput {
+    Q_OBJECT
+public:
+    using Clock = std::function<std::uint64_t()>;
+
+    // With autoPoll a 10 ms timer calls poll(); otherwise the owner does.
+    explicit HeadlessVideoOutput(Clock clock = {}, bool autoPoll = true, QObject* parent = nullptr);
+    ~HeadlessVideoOutput() override;
+
+    std::shared_ptr<VideoCue> play(const QString& path, double fadeIn, bool loop, bool playerAudio,
+                                   float volume, double z, const OutputSet& outputs, bool holdAtEnd,
+                                   std::function<void()> onEnd,
+                                   std::function<void(std::uint64_t)> onStart,
+                                   std::function<void()> onFail) override;
+    std::shared_ptr<ImageCue> showImage(std::function<QImage()> load, double fadeIn, double z,
+                                        const OutputSet& outputs) override;
+    void stop(VideoCue& cue, double fade) override;
+    void stop(ImageCue& cue, double fade) override;
+    void finish(VideoCue& cue) override;
+    void finish(ImageCue& cue) override;
+    bool seek(VideoCue& cue, double seconds, std::uint64_t hostTime) override;
+    void show() override { m_showing = true; }
+    bool isShowing() const override { return m_showing; }
+
+    // Runs what is due at the clock's present: starts, ends, finished fades, callbacks.
+    void poll();
+
+    std::size_t movieCount() const { return m_movies.size(); }
+    std::size_t imageCount() const { return m_images.size(); }
+
+private:
+    class Movie;
+    struct Image {
+        std::shared_ptr<ImageCue> cue;
+        std::uint64_t finishAt = 0;
+    };
+
+    Movie* movieFor(VideoCue& cue);
+    void remove(VideoCue& cue);
+
+    Clock m_clock;
+    QTimer m_timer;
+    bool m_showing = false;
+    std::vector<std::shared_ptr<Movie>> m_movies;
+    std::vector<Image> m_images;
+    std::map<QString, double> m_durations; // probed once per file
+};

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include <QImage>
+#include <QString>
+
+#include "video/VideoCue.h"
+
+// The picture side as the cue engine sees it: movies and images stacked by depth on every
+// output. Callbacks are delivered later on the main thread, never from inside the call that
+// registered them.
+//
+// Threading: main thread only. Host times are HostTime ticks; they are how a movie's picture
+// and its mixer voice start together.
+class VideoOutput {
+public:
+    virtual ~VideoOutput() = default;
+
+    // Starts a movie; onStart gets the host time at which the picture starts, onFail runs when
+    // the file cannot be played, onEnd at its end (not for looping movies).
+    virtual std::shared_ptr<VideoCue>
+    play(const QString& path, double fadeIn, bool loop, bool playerAudio, float volume, double z,
+         const OutputSet& outputs, bool holdAtEnd, std::function<void()> onEnd,
+         std::function<void(std::uint64_t)> onStart, std::function<void()> onFail) = 0;
+    // Shows a picture that `load` produces (possibly later).
+    virtual std::shared_ptr<ImageCue> showImage(std::function<QImage()> load, double fadeIn,
+                                                double z, const OutputSet& outputs) = 0;
+    // Fades out and finishes; ignored when already stopping or finished.
+    virtual void stop(VideoCue& cue, double fade) = 0;
+    virtual void stop(ImageCue& cue, double fade) = 0;
+    // Removes at once.
+    virtual void finish(VideoCue& cue) = 0;
+    virtual void finish(ImageCue& cue) = 0;
+    // Plays on from `seconds` at `hostTime`; false when the movie is not ready for it.
+    virtual bool seek(VideoCue& cue, double seconds, std::uint64_t hostTime) = 0;
+    // Opens the outputs.
+    virtual void show() = 0;
+    virtual bool isShowing() const = 0;
+};

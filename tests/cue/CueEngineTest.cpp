@@ -1,0 +1,253 @@
+#include <gtest/gtest.h>
+
+#include "CueStage.h"
+#include "MediaFixtures.h"
+#include "TempDir.h"
+#include "audio/AudioLoader.h"
+
+namespace {
+
+constexpr KeyCode kA = 0, kS = 1, kD = 2, kF = 3, kG = 5, kEsc = 53;
+
+TEST(KeyModes, ToggleStartsThenFadesOutWithItsOwnFade) {
+    CueStage stage;
+    stage.addKey(kA, "a", 0.5f, "1").fadeOut = 0.2;
+    stage.press(kA);
+    auto out = stage.run(0.1);
+    EXPECT_EQ(out[0].back(), 0.5f);
+    EXPECT_EQ(out[1].back(), 0.0f); // routed to output 1 only
+    EXPECT_TRUE(stage.model.isRunning(kA));
+
+    stage.press(kA);
+    EXPECT_FALSE(stage.model.isRunning(kA));
+    out = stage.run(0.3);
+    // Half way through the fade the envelope is ½, heard squared: a quarter of the level.
+    EXPECT_NEAR(out[0][4800], 0.125f, 0.01f);
+    EXPECT_TRUE(silentFrom(out[0], 9700));
+    EXPECT_TRUE(stage.engine().cues().empty());
+}
+
+TEST(KeyModes, RetriggerCutsTheOldInstanceWithin30ms) {
+    CueStage stage;
+    stage.addKey(kS, "s", 0.25f, "2").mode = KeyMode::retrigger;
+    stage.doc().assignments[kS].fadeOut = 2.0;
+    stage.press(kS);
+    stage.run(0.1);
+    stage.press(kS);
+    const auto out = stage.run(0.1);
+    // While the old one fades both sound; from 30 ms on only the new one does.
+    EXPECT_GT(out[1][100], 0.25f);
+    for (std::size_t i = 1440 + 256; i < out[1].size(); ++i)
+        ASSERT_EQ(out[1][i], 0.25f) << "frame " << i;
+    EXPECT_EQ(stage.engine().cues().size(), 1u);
+}
+
+TEST(KeyModes, HoldPlaysWhileHeldAndShiftNeverStarts) {
+    CueStage stage;
+    KeyAssignment& hold = stage.addKey(kD, "d", 0.5f, "3");
+    hold.mode = KeyMode::hold;
+    hold.fadeOut = 0.0;
+    stage.press(kD);
+    stage.press(kD); // held down again: nothing new
+    auto out = stage.run(0.05);
+    EXPECT_EQ(out[2].back(), 0.5f);
+    EXPECT_EQ(stage.engine().cues().size(), 1u);
+    stage.release(kD);
+    out = stage.run(0.05);
+    EXPECT_TRUE(silentFrom(out[2], 240 + 256));
+
+    stage.addKey(kF, "f", 0.5f, "4");
+    stage.press(kF, true);
+    out = stage.run(0.05);
+    EXPECT_EQ(firstNonZero(out[3]), -1);
+    EXPECT_EQ(stage.doc().selectedKey, kF);
+
+    // Auto-repeats never act, and releases of toggle keys neither.
+    stage.model.handleKey(kF, true, false, true);
+    stage.release(kF);
+    EXPECT_FALSE(stage.model.isRunning(kF));
+}
+
+TEST(KeyModes, EscapeStopsEverythingWithTheStopAllFadeShiftAtOnce) {
+    CueStage stage;
+    stage.addKey(kA, "a", 0.5f, "1");
+    stage.addKey(kS, "s", 0.5f, "2");
+    stage.addKey(kEsc, "never", 0.5f, "3");
+    stage.engine().setStopAllFade(0.5);
+    stage.press(kA);
+    stage.press(kS);
+    stage.run(0.05);
+    stage.model.handleKey(kEsc, false, false, false); // key up: nothing
+    stage.model.handleKey(kEsc, true, false, true);   // repeat: nothing
+    EXPECT_TRUE(stage.model.isRunning(kA));
+
+    stage.press(kEsc);
+    auto out = stage.run(0.1);
+    EXPECT_GT(out[0].back(), 0.2f); // still fading
+    EXPECT_EQ(firstNonZero(out[2]), -1);
+
+    stage.press(kEsc, true); // Shift+Escape cuts the fades short
+    out = stage.run(0.05);
+    EXPECT_TRUE(silentFrom(out[0], 240 + 256));
+    EXPECT_TRUE(silentFrom(out[1], 240 + 256));
+}
+
+TEST(NextMaterial, RunningCuesYieldByTheirOwnBehaviourAndGroup) {
+    CueStage stage;
+    KeyAssignment& bed = stage.addKey(kA, "bed", 0.5f, "1");
+    bed.onNext = NextBehavior::fade;
+    bed.fadeOut = 0.2;
+    KeyAssignment& band = stage.addKey(kS, "band", 0.5f, "2");
+    band.onNext = NextBehavior::cut;
+    band.group = 1;
+    stage.addKey(kD, "jingle", 0.5f, "3");           // group 0, keep
+    stage.addKey(kF, "group1", 0.5f, "4").group = 1; // group 1, keep
+
+    // The band (group 1) first: the bed's group-0 start leaves it alone.
+    stage.press(kS);
+    stage.press(kA);
+    auto both = stage.run(0.05);
+    EXPECT_EQ(both[0].back(), 0.5f);
+    EXPECT_EQ(both[1].back(), 0.5f);
+    // A group-1 start: the group-0 bed fades (group 0 yields to all), and the group-1 band is cut.
+    stage.press(kF);
+    auto out = stage.run(0.1);
+    EXPECT_TRUE(silentFrom(out[1], 240 + 256));
+    EXPECT_GT(out[0][1000], 0.1f);
+    EXPECT_LT(out[0].back(), 0.2f);
+
+    // A group-0 start leaves a running group-1 cue alone.
+    stage.press(kS);
+    stage.run(0.05);
+    stage.press(kD);
+    out = stage.run(0.05);
+    EXPECT_EQ(out[1].back(), 0.5f);
+}
+
+TEST(NextMaterial, AppliesBeforeAStartThatYieldsNothingAndConsumesACueID) {
+    CueStage stage;
+    KeyAssignment& bed = stage.addKey(kA, "bed", 0.5f, "1");
+    bed.onNext = NextBehavior::cut;
+    stage.addKey(kS, "nowhere", 0.5f, "").matrix = RoutingMatrix{}; // routes nowhere
+    stage.press(kA);
+    stage.run(0.05);
+    const auto before = stage.engine().nextCueID();
+    stage.press(kS);
+    EXPECT_EQ(stage.engine().statusMessage(),
+              "nowhere: 出力先のチャンネルがありません（ルーティングを確認）");
+    EXPECT_EQ(stage.engine().nextCueID(), before + 1);
+    const auto out = stage.run(0.05);
+    EXPECT_TRUE(silentFrom(out[0], 240 + 256));
+    EXPECT_EQ(firstNonZero(out[1]), -1);
+}
+
+TEST(Pages, CuesOutliveAPageSwitchAndOnlyEscapeOrTheRuleReachThem) {
+    CueStage stage;
+    stage.addKey(kA, "a", 0.25f, "1");
+    stage.press(kA);
+    stage.run(0.05);
+    // Page 2 has the same key with the same file.
+    stage.doc().storeCurrentPage();
+    KeyPage second{QUuid::createUuid(), "2", {{kA, stage.doc().assignments[kA]}}};
+    stage.doc().pages.push_back(second);
+    stage.doc().loadPage(1);
+    EXPECT_FALSE(stage.model.isRunning(kA));
+
+    stage.press(kA); // a second instance, on page 2
+    auto out = stage.run(0.05);
+    EXPECT_EQ(out[0].back(), 0.5f);
+    stage.press(kA); // stops only the page-2 instance
+    out = stage.run(1.2);
+    EXPECT_EQ(out[0].back(), 0.25f);
+    ASSERT_EQ(stage.model.live().cues().size(), 1u);
+    EXPECT_EQ(stage.model.live().cues()[0].pageName, QString("ページ 1"));
+    EXPECT_TRUE(stage.model.live().playingPages().count(stage.doc().pages[0].id));
+
+    stage.press(kEsc, true);
+    out = stage.run(0.05);
+    EXPECT_TRUE(silentFrom(out[0], 240 + 256));
+}
+
+TEST(Messages, LoadingFailedOrUnassignedKeysStartNothing) {
+    CueStage stage;
+    stage.addKey(kA, "tone", 0.5f, "1");
+    MediaInfo& info = stage.doc().media["/show/tone.wav"];
+    info.loading = true;
+    info.progressText = "読み込み中 45%";
+    stage.press(kA);
+    EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中 45%");
+
+    stage.doc().media.clear();
+    stage.press(kA);
+    EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中です");
+
+    stage.doc().media["/show/tone.wav"].error = QString("読み込みに失敗しました");
+    stage.press(kA);
+    EXPECT_EQ(stage.engine().statusMessage(), "tone: 読み込みに失敗しました");
+    EXPECT_EQ(stage.beeps, 1);
+
+    stage.press(kG); // no assignment: only the selection moves
+    EXPECT_EQ(stage.doc().selectedKey, kG);
+    EXPECT_TRUE(stage.engine().cues().empty());
+    EXPECT_EQ(firstNonZero(stage.run(0.05)[0]), -1);
+    EXPECT_EQ(stage.engine().nextCueID(), 1);
+}
+
+TEST(VideoKeys, SoundWaitsForThePictureAndPlaysWithoutItWhenItFails) {
+    TempDir dir;
+    const auto movie = dir.file("movie.mp4");
+    const MediaFixtures::Video picture{160, 120, 0.0, 1.0};
+    ASSERT_TRUE(MediaFixtures::write(movie, "aac", {{1, 48000, 1.0, 1000.0, 0.5}}, &picture));
+    CueStage stage;
+    KeyAssignment a(QString::fromStdString(movie), 0);
+    a.outputMap = "1";
+    MediaInfo info;
+    info.probe = AudioLoader::probe(movie);
+    info.clip = AudioLoader::loadClip(movie, 48000.0, info.probe);
+    stage.doc().media[a.path] = info;
+    stage.doc().assignments[kA] = a;
+
+    stage.run(0.01); // two blocks: frames 0–511, with the tick at frame 0
+    stage.press(kA);
+    ASSERT_EQ(stage.engine().cues().size(), 1u);
+    ASSERT_TRUE(stage.engine().cues()[0]->video);
+    auto out = stage.run(0.5);
+    // The next tick runs at the block starting at frame 1792; the picture starts 80 ms
+    // (3840 frames) after it, at frame 5632, and the sound with it: index 5120 of this run.
+    // Host times are whole nanoseconds, so the start may land one frame early.
+    for (std::size_t i = 0; i < 5119; ++i)
+        ASSERT_EQ(out[0][i], 0.0f) << "frame " << i;
+    EXPECT_LE(firstNonZero(out[0]), 5122);
+    EXPECT_TRUE(stage.model.video().isShowing());
+
+    // A file that has no picture: the sound is released at once, with a message.
+    CueStage broken;
+    KeyAssignment b("/show/not-a-movie.wav", 0);
+    b.outputMap = "1";
+    MediaInfo fake = info;
+    broken.doc().media[b.path] = fake;
+    broken.doc().assignments[kS] = b;
+    broken.press(kS);
+    out = broken.run(0.1);
+    EXPECT_NE(firstNonZero(out[0]), -1);
+    EXPECT_LT(firstNonZero(out[0]), 512);
+    EXPECT_EQ(broken.engine().statusMessage(), "not-a-movie: 映像を再生できません");
+}
+
+TEST(CueList, StopCueAndTogglePlaybackFromTheViews) {
+    CueStage stage;
+    stage.addKey(kA, "a", 0.5f, "1").mode = KeyMode::hold;
+    stage.doc().assignments[kA].fadeOut = 0.0;
+    stage.model.togglePlayback(kA); // starts regardless of the mode
+    stage.run(0.05);
+    ASSERT_TRUE(stage.model.isRunning(kA));
+    stage.model.stopCue(stage.engine().cues()[0]->id);
+    auto out = stage.run(0.05);
+    EXPECT_TRUE(silentFrom(out[0], 240 + 256));
+    stage.model.togglePlayback(kA);
+    EXPECT_TRUE(stage.model.isRunning(kA));
+    stage.model.togglePlayback(kA);
+    EXPECT_FALSE(stage.model.isRunning(kA));
+}
+
+} // namespace

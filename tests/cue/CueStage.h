@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cmath>
+#include <functional>
+#include <memory>
+
+#include "audio/AudioClip.h"
+#include "audio/OfflineRenderer.h"
+#include "cue/AppModel.h"
+#include "video/HeadlessVideoOutput.h"
+
+// A show on a simulated clock: the real model, cue engine and mixer, a device rendered
+// offline, the headless video output on the device's clock, and the 30 Hz tick run between
+// blocks exactly when it is due.
+class CueStage {
+public:
+    explicit CueStage(int channels = 8, std::int64_t block = 256)
+        : model(std::make_unique<HeadlessVideoOutput>(
+              [this] { return device ? device->hostTime() : 0; }, false)),
+          device(std::make_unique<OfflineRenderer>(model.mixer(), channels, block, 48000.0)) {
+        model.cueEngine().setOutputChannelCount(channels);
+        model.cueEngine().setBeep([this] { ++beeps; });
+    }
+
+    HeadlessVideoOutput& video() { return static_cast<HeadlessVideoOutput&>(model.video()); }
+    CueEngine& engine() { return model.cueEngine(); }
+    ShowDocument& doc() { return model.document(); }
+
+    // A key playing a constant `level` mono clip of 10 s, routed by `outputMap`.
+    KeyAssignment& addKey(KeyCode code, const QString& name, float level, const QString& outputMap,
+                          double seconds = 10.0) {
+        KeyAssignment a("/show/" + name + ".wav", 0);
+        a.outputMap = outputMap;
+        MediaInfo info;
+        info.probe.hasAudio = true;
+        info.probe.duration = seconds;
+        info.clip = std::make_shared<const AudioClip>(
+            std::vector<std::vector<float>>{
+                std::vector<float>(static_cast<std::size_t>(seconds * 48000), level)},
+            48000.0);
+        doc().media[a.mediaKey()] = info;
+        return doc().assignments[code] = a;
+    }
+
+    void press(KeyCode code, bool shift = false) { model.handleKey(code, true, shift, false); }
+    void release(KeyCode code) { model.handleKey(code, false, false, false); }
+
+    // Renders `seconds` more, polling the video output and ticking whenever due, and returns
+    // every channel of what was rendered.
+    std::vector<std::vector<float>> run(double seconds) {
+        const auto frames = static_cast<std::int64_t>(std::llround(seconds * 48000.0));
+        std::vector<std::vector<float>> out(static_cast<std::size_t>(device->channelCount()));
+        std::int64_t done = 0;
+        while (done < frames) {
+            const std::int64_t now = device->framesRendered();
+            while (m_nextTick * 1600 <= now) { // 1600 frames = 1/30 s at 48 kHz
+                video().poll();
+                model.tick();
+                ++m_nextTick;
+            }
+            device->renderBlock();
+            const std::int64_t take = std::min(device->blockFrames(), frames - done);
+            for (int c = 0; c < device->channelCount(); ++c)
+                out[c].insert(out[c].end(), device->channel(c), device->channel(c) + take);
+            done += take;
+        }
+        return out;
+    }
+
+    AppModel model;
+    std::unique_ptr<OfflineRenderer> device;
+    int beeps = 0;
+
+private:
+    std::int64_t m_nextTick = 0;
+};
+
+inline std::int64_t firstNonZero(const std::vector<float>& x) {
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        if (x[i] != 0.0f)
+            return static_cast<std::int64_t>(i);
+    }
+    return -1;
+}
+
+inline bool silentFrom(const std::vector<float>& x, std::size_t from) {
+    for (std::size_t i = from; i < x.size(); ++i) {
+        if (x[i] != 0.0f)
+            return false;
+    }
+    return true;
+}

@@ -1,0 +1,24 @@
+// GoogleTest main for suites that use Qt: a QCoreApplication, and preferences in a fresh
+// folder so no test ever reads or writes the user's own settings.
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+
+#include <QCoreApplication>
+#include <QStandardPaths>
+
+int main(int argc, char** argv) {
+    std::string config = (std::filesystem::temp_directory_path() / "vorlin-config-XXXXXX").string();
+    if (!mkdtemp(config.data()))
+        return 2;
+    setenv("XDG_CONFIG_HOME", config.c_str(), 1);
+    setenv("XDG_DATA_HOME", config.c_str(), 1);
+    QStandardPaths::setTestModeEnabled(true);
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    const int status = RUN_ALL_TESTS();
+    std::error_code ignored;
+    std::filesystem::remove_all(config, ignored);
+    return status;
+}
