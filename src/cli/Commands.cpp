@@ -6,6 +6,7 @@
 #include <QJsonObject>
 #include <QTextStream>
 
+#include "audio/AudioDeviceList.h"
 #include "audio/AudioLoader.h"
 
 namespace {
@@ -41,12 +42,24 @@ int run(const QStringList& args, QTextStream& out, QTextStream& err) {
     const QString command = args.value(0);
     if (command == "probe")
         return probe(args.mid(1), out, err);
+    if (command == "devices")
+        return devices(out);
     if (command == "help" || command == "--help") {
         out << kUsage;
         return 0;
     }
     err << "不明なコマンドです: " << command << "\n" << kUsage;
     return 2;
+}
+
+int devices(QTextStream& out) {
+    QJsonArray list;
+    for (const AudioOutputDevice& device : AudioDeviceList::outputDevices())
+        list.append(QJsonObject{{"uid", QString::fromStdString(device.uid)},
+                                {"name", QString::fromStdString(device.name)},
+                                {"channels", static_cast<qint64>(device.channels)}});
+    out << QJsonDocument(list).toJson(QJsonDocument::Indented);
+    return 0;
 }
 
 int probe(const QStringList& files, QTextStream& out, QTextStream& err) {

@@ -15,6 +15,9 @@ bool isCommand(const QStringList& args);
 // Runs the subcommand named by args[0] with the rest as its arguments.
 int run(const QStringList& args, QTextStream& out, QTextStream& err);
 
+// `vorlin devices`: the output devices (uid, name, channels) as a JSON array.
+int devices(QTextStream& out);
+
 // `vorlin probe FILE…`: the media probe of each file, as a JSON array in argument order.
 // Exit status 1 when a file is missing or unreadable (its entry then carries "error").
 int probe(const QStringList& files, QTextStream& out, QTextStream& err);

@@ -1,19 +1,29 @@
 #include "cue/AppModel.h"
 
+#include "audio/AudioStartError.h"
 #include "audio/Routing.h"
 #include "video/HeadlessVideoOutput.h"
 
 AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
-    : QObject(parent), m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
-      m_engine(std::make_unique<CueEngine>(m_document, m_mixer, *m_video, m_live)) {}
+    : QObject(parent),
+      // Configuration notices arrive on the engine's watcher thread; the restart belongs on ours.
+      m_audio([this](std::function<void()> call) {
+          QMetaObject::invokeMethod(this, std::move(call), Qt::QueuedConnection);
+      }),
+      m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
+      m_engine(std::make_unique<CueEngine>(m_document, m_audio.mixer(), *m_video, m_live)) {
+    m_audio.onConfigurationChange = [this] { restartAudio(); };
+}
 
 AppModel::~AppModel() {
     m_timer.stop();
+    m_audio.stop(); // no render call may reach the mixer while the rest is torn down
 }
 
 void AppModel::start() {
+    restartAudio();
     m_timer.setTimerType(Qt::PreciseTimer);
-
+    m_timer.setInterval(kTickInterval);
     connect(&m_timer, &QTimer::timeout, this, &AppModel::tick, Qt::UniqueConnection);
     m_timer.start();
 }
@@ -42,4 +52,47 @@ void AppModel::toggleRoute(KeyCode code, std::int64_t source, std::int64_t outpu
 
 void AppModel::applyQuickRouting(KeyCode code, const QString& outputMap) {
     setRouting(code, std::nullopt, outputMap);
+}
+
+void AppModel::restartAudio() {
+    std::optional<std::string> uid;
+    if (m_outputDeviceUID)
+        uid = m_outputDeviceUID->toStdString();
+    try {
+        m_audio.start(uid);
+    } catch (const AudioStartError& error) {
+        m_engine->setStatusMessage(QStringLiteral("オーディオ出力を開始できません: ") +
+                                   QString::fromStdString(error.what()));
+        try {
+            m_audio.start(std::nullopt);
+        } catch (const AudioStartError&) {
+            // Even the default failed; the null device cannot, so this is not reached.
+        }
+    }
+    Mixer& mixer = m_audio.mixer();
+    mixer.setMasterVolume(m_masterVolume);
+    mixer.setMuted(m_mutedOutputs);
+    mixer.setToneChannel(m_toneChannel);
+    m_engine->setOutputChannelCount(m_audio.channelCount());
+    emit audioDeviceChanged();
+}
+
+void AppModel::setOutputDeviceUID(const std::optional<QString>& uid) {
+    m_outputDeviceUID = uid;
+    restartAudio();
+}
+
+void AppModel::setMasterVolume(double volume) {
+    m_masterVolume = volume;
+    m_audio.mixer().setMasterVolume(volume);
+}
+
+void AppModel::setMutedOutputs(std::set<std::int64_t> outputs) {
+    m_mutedOutputs = std::move(outputs);
+    m_audio.mixer().setMuted(m_mutedOutputs);
+}
+
+void AppModel::setToneChannel(std::optional<std::int64_t> channel) {
+    m_toneChannel = channel;
+    m_audio.mixer().setToneChannel(channel);
 }

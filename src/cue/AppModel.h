@@ -1,31 +1,52 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <optional>
+#include <set>
 
 #include <QObject>
 #include <QTimer>
 
+#include "audio/AudioEngine.h"
 #include "audio/Mixer.h"
 #include "cue/CueEngine.h"
 #include "cue/LiveState.h"
 #include "model/ShowDocument.h"
 #include "video/VideoOutput.h"
 
-// The one owner of a running Vorlin's state: the show document, the mixer, the video output,
-// the cue engine and the live state. It stays a thin owner: each operation lives with the part
-// that does it (CueEngine for keys and the tick, ShowDocument for the document).
+// The one owner of a running Vorlin's state: the show document, the audio engine with its mixer,
+// the video output, the cue engine and the live state. It stays a thin owner: each operation lives
+// with the part that does it (CueEngine for keys and the tick, ShowDocument for the document).
 //
 // Threading: main thread. Lifetime: one per process, created by the application (or the
 // headless renderer) and living until the end.
 class AppModel : public QObject {
     Q_OBJECT
 public:
+    // The tick's period: 1/30 s, to the millisecond a QTimer counts in.
+    static constexpr std::chrono::milliseconds kTickInterval{33};
+
     // With no video output given, a headless one on the wall clock is used.
     explicit AppModel(std::unique_ptr<VideoOutput> video = {}, QObject* parent = nullptr);
     ~AppModel() override;
 
-    // Starts the 30 Hz tick (a precise timer on the main thread).
+    // Starts the audio engine on the chosen device and the 30 Hz tick (a precise timer on the
+    // main thread).
     void start();
+
+    // Restarts the audio engine on the chosen device; when that fails, says why in the status
+    // line and goes on with the system default. Re-applies master volume, mutes and test tone.
+    void restartAudio();
+    // The chosen device (none: the system default); choosing restarts the audio.
+    const std::optional<QString>& outputDeviceUID() const { return m_outputDeviceUID; }
+    void setOutputDeviceUID(const std::optional<QString>& uid);
+    double masterVolume() const { return m_masterVolume; }
+    void setMasterVolume(double volume);
+    const std::set<std::int64_t>& mutedOutputs() const { return m_mutedOutputs; }
+    void setMutedOutputs(std::set<std::int64_t> outputs);
+    const std::optional<std::int64_t>& toneChannel() const { return m_toneChannel; }
+    void setToneChannel(std::optional<std::int64_t> channel);
 
     void handleKey(KeyCode code, bool down, bool shift, bool isRepeat) {
         m_engine->handleKey(code, down, shift, isRepeat);
@@ -46,17 +67,24 @@ public:
     void applyQuickRouting(KeyCode code, const QString& outputMap);
 
     ShowDocument& document() { return m_document; }
-    Mixer& mixer() { return m_mixer; }
+    Mixer& mixer() { return m_audio.mixer(); }
+    AudioEngine& audio() { return m_audio; }
     VideoOutput& video() { return *m_video; }
     LiveState& live() { return m_live; }
     CueEngine& cueEngine() { return *m_engine; }
 
 signals:
     void assignmentsChanged();
+    // Device name, channel count or rate changed (after every restart).
+    void audioDeviceChanged();
 
 private:
     ShowDocument m_document;
-    Mixer m_mixer;
+    AudioEngine m_audio;
+    std::optional<QString> m_outputDeviceUID;
+    double m_masterVolume = 1.0;
+    std::set<std::int64_t> m_mutedOutputs;
+    std::optional<std::int64_t> m_toneChannel;
     std::unique_ptr<VideoOutput> m_video;
     LiveState m_live;
     std::unique_ptr<CueEngine> m_engine;

@@ -7,6 +7,7 @@
 #include <QJsonObject>
 #include <QTextStream>
 
+#include "JackServer.h"
 #include "MediaFixtures.h"
 #include "TempDir.h"
 #include "cli/Commands.h"
@@ -89,6 +90,20 @@ TEST(ProbeCommand, ExecutableWritesJsonToStandardOutput) {
     const QJsonArray records = QJsonDocument::fromJson(QByteArray::fromStdString(output)).array();
     ASSERT_EQ(records.size(), 1);
     EXPECT_EQ(records[0].toObject()["sourceChannels"].toInteger(), 1);
+}
+
+TEST(DevicesCommand, ListsJackAlsaAndNullDevices) {
+    JackServer server(6);
+    ASSERT_TRUE(server.ready());
+    const Result result = runCommand({"devices"});
+    EXPECT_EQ(result.status, 0);
+    const QJsonArray devices = QJsonDocument::fromJson(result.out.toUtf8()).array();
+    ASSERT_GE(devices.size(), 2);
+    EXPECT_EQ(devices.first().toObject()["uid"].toString(), QString("jack:system"));
+    EXPECT_EQ(devices.first().toObject()["channels"].toInteger(), 6);
+    EXPECT_EQ(devices.last().toObject()["uid"].toString(), QString("null"));
+    for (const auto& device : devices)
+        EXPECT_FALSE(device.toObject()["name"].toString().isEmpty());
 }
 
 } // namespace

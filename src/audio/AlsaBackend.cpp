@@ -1,0 +1,206 @@
+#include "audio/AlsaBackend.h"
+
+#include <algorithm>
+#include <alsa/asoundlib.h>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <pthread.h>
+#include <sched.h>
+
+#include "audio/AudioStartError.h"
+#include "audio/HostTime.h"
+#include "audio/Mixer.h"
+
+namespace {
+
+constexpr snd_pcm_uframes_t kPeriodFrames = 256;
+constexpr unsigned kPeriods = 4;
+
+std::string alsaReason(int error) {
+    return std::string("ALSA: ") + snd_strerror(error);
+}
+
+template <typename T>
+void interleave(const std::vector<std::vector<float>>& planar, std::int64_t frames, double scale,
+                unsigned char* out) {
+    auto* dest = reinterpret_cast<T*>(out);
+    const std::size_t channels = planar.size();
+    for (std::int64_t i = 0; i < frames; ++i) {
+        for (std::size_t c = 0; c < channels; ++c) {
+            const double v = std::clamp(static_cast<double>(planar[c][i]), -1.0, 1.0) * scale;
+            dest[static_cast<std::size_t>(i) * channels + c] = static_cast<T>(std::lrint(v));
+        }
+    }
+}
+
+} // namespace
+
+namespace {
+void ignoreAlsaError(const char*, int, const char*, int, const char*, ...) {}
+} // namespace
+
+void AlsaBackend::silenceLibraryMessages() {
+    static std::once_flag once;
+    std::call_once(once, [] { snd_lib_error_set_handler(&ignoreAlsaError); });
+}
+
+AlsaBackend::AlsaBackend(std::string pcmName) : m_name(std::move(pcmName)) {}
+
+AlsaBackend::~AlsaBackend() {
+    stop();
+}
+
+void AlsaBackend::start(Mixer& mixer, Notice notice) {
+    stop();
+    m_mixer = &mixer;
+    m_notice = std::move(notice);
+    silenceLibraryMessages();
+    // Non-blocking open: a device held by someone else fails at once instead of hanging.
+    int error = snd_pcm_open(&m_pcm, m_name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
+    if (error < 0) {
+        m_pcm = nullptr;
+        throw AudioStartError::cannotSelect(alsaReason(error));
+    }
+    snd_pcm_nonblock(m_pcm, 0);
+
+    snd_pcm_hw_params_t* hw = nullptr;
+    snd_pcm_hw_params_alloca(&hw);
+    snd_pcm_hw_params_any(m_pcm, hw);
+    error = snd_pcm_hw_params_set_access(m_pcm, hw, SND_PCM_ACCESS_RW_INTERLEAVED);
+    if (snd_pcm_hw_params_test_format(m_pcm, hw, SND_PCM_FORMAT_FLOAT_LE) == 0) {
+        m_format = SampleFormat::float32;
+        snd_pcm_hw_params_set_format(m_pcm, hw, SND_PCM_FORMAT_FLOAT_LE);
+    } else if (snd_pcm_hw_params_test_format(m_pcm, hw, SND_PCM_FORMAT_S32_LE) == 0) {
+        m_format = SampleFormat::int32;
+        snd_pcm_hw_params_set_format(m_pcm, hw, SND_PCM_FORMAT_S32_LE);
+    } else if (snd_pcm_hw_params_test_format(m_pcm, hw, SND_PCM_FORMAT_S16_LE) == 0) {
+        m_format = SampleFormat::int16;
+        snd_pcm_hw_params_set_format(m_pcm, hw, SND_PCM_FORMAT_S16_LE);
+    } else {
+        error = -EINVAL;
+    }
+    unsigned maxChannels = 0;
+    snd_pcm_hw_params_get_channels_max(hw, &maxChannels);
+    unsigned channels = std::clamp(maxChannels, 1u, static_cast<unsigned>(Mixer::kMaxOutputs));
+    // Sound servers' plugins accept any channel count and fold it down; a show on the desktop
+    // output plays stereo. Multichannel interfaces are reached by hw:/plughw: or JACK.
+    const bool soundServer = m_name == "default" || m_name.rfind("sysdefault", 0) == 0 ||
+                             m_name.rfind("pulse", 0) == 0 || m_name.rfind("pipewire", 0) == 0;
+    if (soundServer)
+        channels = std::min(channels, 2u);
+    unsigned rate = 48000;
+    snd_pcm_uframes_t period = kPeriodFrames;
+    snd_pcm_uframes_t buffer = kPeriodFrames * kPeriods;
+    if (error >= 0)
+        error = snd_pcm_hw_params_set_channels_near(m_pcm, hw, &channels);
+    if (error >= 0)
+        error = snd_pcm_hw_params_set_rate_near(m_pcm, hw, &rate, nullptr);
+    if (error >= 0)
+        snd_pcm_hw_params_set_period_size_near(m_pcm, hw, &period, nullptr);
+    if (error >= 0)
+        snd_pcm_hw_params_set_buffer_size_near(m_pcm, hw, &buffer);
+    if (error >= 0)
+        error = snd_pcm_hw_params(m_pcm, hw);
+    if (error < 0) {
+        stop();
+        throw AudioStartError::noFormat();
+    }
+    snd_pcm_hw_params_get_period_size(hw, &period, nullptr);
+    snd_pcm_hw_params_get_buffer_size(hw, &buffer);
+
+    m_channels = channels;
+    m_rate = rate;
+    m_period = static_cast<std::int64_t>(period);
+    m_latency = static_cast<double>(buffer) / m_rate;
+    m_planar.assign(channels, std::vector<float>(period, 0.0f));
+    m_buffers.clear();
+    for (auto& channel : m_planar)
+        m_buffers.push_back({channel.data(), channel.size() * sizeof(float)});
+    const std::size_t sampleBytes = m_format == SampleFormat::int16 ? 2 : 4;
+    m_interleaved.assign(period * channels * sampleBytes, 0);
+
+    m_running = true;
+    m_thread = std::thread([this] { run(); });
+}
+
+void AlsaBackend::stop() {
+    m_running = false;
+    if (m_thread.joinable())
+        m_thread.join();
+    if (m_pcm) {
+        snd_pcm_drop(m_pcm);
+        snd_pcm_close(m_pcm);
+        m_pcm = nullptr;
+    }
+}
+
+void AlsaBackend::run() {
+    sched_param param{};
+    param.sched_priority = std::max(1, sched_get_priority_max(SCHED_FIFO) - 10);
+    pthread_setschedparam(pthread_self(), SCHED_FIFO, &param); // refused without the right: fine
+    const std::uint64_t started = HostTime::now();
+    std::int64_t frames = 0;
+    while (m_running.load(std::memory_order_relaxed)) {
+        if (!writePeriod()) {
+            if (m_notice)
+                m_notice();
+            return;
+        }
+        frames += m_period;
+        // A real device blocks once its buffer is full. A PCM without a clock (null, file)
+        // never does: keep it to real time instead of letting it spin a core.
+        const double aheadOfTime = static_cast<double>(frames) / m_rate - m_latency;
+        const std::uint64_t due = started + HostTime::secondsToTicks(aheadOfTime);
+        if (aheadOfTime > 0 && HostTime::now() < due) {
+            timespec until{static_cast<time_t>(due / 1'000'000'000ull),
+                           static_cast<long>(due % 1'000'000'000ull)};
+            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+        }
+    }
+}
+
+// Renders one period and writes it; false when the device is gone or broken for good.
+bool AlsaBackend::writePeriod() {
+    m_mixer->render(m_period, AudioTimeStamp{HostTime::now(), true}, m_buffers);
+    switch (m_format) {
+    case SampleFormat::float32: {
+        auto* dest = reinterpret_cast<float*>(m_interleaved.data());
+        for (std::int64_t i = 0; i < m_period; ++i) {
+            for (std::int64_t c = 0; c < m_channels; ++c)
+                dest[i * m_channels + c] =
+                    m_planar[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)];
+        }
+        break;
+    }
+    case SampleFormat::int32:
+        interleave<std::int32_t>(m_planar, m_period, 2147483647.0, m_interleaved.data());
+        break;
+    case SampleFormat::int16:
+        interleave<std::int16_t>(m_planar, m_period, 32767.0, m_interleaved.data());
+        break;
+    }
+    const std::size_t frameBytes = m_interleaved.size() / static_cast<std::size_t>(m_period);
+    std::int64_t written = 0;
+    while (written < m_period && m_running.load(std::memory_order_relaxed)) {
+        const snd_pcm_sframes_t n = snd_pcm_writei(
+            m_pcm, m_interleaved.data() + static_cast<std::size_t>(written) * frameBytes,
+            static_cast<snd_pcm_uframes_t>(m_period - written));
+        if (n >= 0) {
+            written += n;
+            continue;
+        }
+        if (n == -EAGAIN) {
+            snd_pcm_wait(m_pcm, 100);
+            continue;
+        }
+        if (n == -EPIPE)
+            m_xruns.fetch_add(1, std::memory_order_relaxed);
+        // Underruns and suspends are recovered; an unplugged device (ENODEV) is not.
+        if (snd_pcm_recover(m_pcm, static_cast<int>(n), 1) < 0)
+            return false;
+    }
+    return true;
+}

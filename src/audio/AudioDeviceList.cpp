@@ -1,0 +1,160 @@
+#include "audio/AudioDeviceList.h"
+
+#include <algorithm>
+#include <alsa/asoundlib.h>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <jack/jack.h>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "audio/AlsaBackend.h"
+#include "audio/JackBackend.h"
+#include "audio/Mixer.h"
+
+namespace {
+
+bool isListedPcm(const std::string& name) {
+    static const char* kPrefixes[] = {"hw:", "plughw:", "hdmi:"};
+    if (name == "default" || name == "pipewire" || name == "pulse" || name == "jack")
+        return true;
+    return std::any_of(std::begin(kPrefixes), std::end(kPrefixes),
+                       [&](const char* p) { return name.rfind(p, 0) == 0; });
+}
+
+std::int64_t alsaChannels(const std::string& name) {
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
+        return 0;
+    snd_pcm_hw_params_t* hw = nullptr;
+    snd_pcm_hw_params_alloca(&hw);
+    unsigned channels = 0;
+    if (snd_pcm_hw_params_any(pcm, hw) >= 0)
+        snd_pcm_hw_params_get_channels_max(hw, &channels);
+    snd_pcm_close(pcm);
+    const bool soundServer = name == "default" || name == "pipewire" || name == "pulse";
+    return std::min<std::int64_t>(channels, soundServer ? 2 : Mixer::kMaxOutputs);
+}
+
+void addAlsaDevices(std::vector<AudioOutputDevice>& devices) {
+    AlsaBackend::silenceLibraryMessages();
+    void** hints = nullptr;
+    if (snd_device_name_hint(-1, "pcm", &hints) < 0)
+        return;
+    for (void** hint = hints; *hint; ++hint) {
+        char* name = snd_device_name_get_hint(*hint, "NAME");
+        char* description = snd_device_name_get_hint(*hint, "DESC");
+        char* direction = snd_device_name_get_hint(*hint, "IOID");
+        const bool output = !direction || std::string(direction) == "Output";
+        if (name && output && isListedPcm(name)) {
+            if (const std::int64_t channels = alsaChannels(name); channels > 0) {
+                std::string label = description ? description : name;
+                std::replace(label.begin(), label.end(), '\n', ' ');
+                devices.push_back({0, std::string("alsa:") + name, "ALSA: " + label, channels});
+            }
+        }
+        free(name);
+        free(description);
+        free(direction);
+    }
+    snd_device_name_free_hint(hints);
+}
+
+void addJackDevices(std::vector<AudioOutputDevice>& devices) {
+    JackBackend::silenceLibraryMessages();
+    jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
+    if (!client)
+        return;
+    std::map<std::string, std::int64_t> ports; // client → physical playback ports, in order seen
+    std::vector<std::string> order;
+    if (const char** names = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE,
+                                            JackPortIsPhysical | JackPortIsInput)) {
+        for (const char** p = names; *p; ++p) {
+            const std::string owner = std::string(*p).substr(0, std::string(*p).find(':'));
+            if (ports[owner]++ == 0)
+                order.push_back(owner);
+        }
+        jack_free(names);
+    }
+    jack_client_close(client);
+    for (const auto& owner : order)
+        devices.push_back({0, "jack:" + owner, "JACK: " + owner,
+                           std::min<std::int64_t>(ports[owner], Mixer::kMaxOutputs)});
+}
+
+// A cheap description of what exists, for change detection: sound cards and JACK's
+// physical playback ports, without opening any PCM.
+std::string inventory() {
+    std::string text;
+    int card = -1;
+    while (snd_card_next(&card) == 0 && card >= 0) {
+        char* name = nullptr;
+        if (snd_card_get_name(card, &name) == 0 && name) {
+            text += "card:" + std::to_string(card) + ":" + name + "\n";
+            free(name);
+        }
+    }
+    std::vector<AudioOutputDevice> jack;
+    addJackDevices(jack);
+    for (const auto& device : jack)
+        text += device.uid + ":" + std::to_string(device.channels) + "\n";
+    return text;
+}
+
+class PollingWatch : public AudioDeviceList::Watch {
+public:
+    explicit PollingWatch(std::function<void()> changed) : m_changed(std::move(changed)) {
+        m_thread = std::thread([this] { run(); });
+    }
+    ~PollingWatch() override {
+        {
+            std::lock_guard lock(m_mutex);
+            m_quit = true;
+        }
+        m_wake.notify_all();
+        m_thread.join();
+    }
+
+private:
+    void run() {
+        std::string last = inventory();
+        std::unique_lock lock(m_mutex);
+        while (!m_wake.wait_for(lock, std::chrono::seconds(2), [this] { return m_quit; })) {
+            lock.unlock();
+            std::string now = inventory();
+            if (now != last) {
+                last = std::move(now);
+                m_changed();
+            }
+            lock.lock();
+        }
+    }
+
+    std::function<void()> m_changed;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_quit = false;
+    std::thread m_thread;
+};
+
+} // namespace
+
+namespace AudioDeviceList {
+
+std::vector<AudioOutputDevice> outputDevices() {
+    std::vector<AudioOutputDevice> devices;
+    addJackDevices(devices);
+    addAlsaDevices(devices);
+    devices.push_back({0, "null", "出力なし（無音）", 8});
+    for (std::size_t i = 0; i < devices.size(); ++i)
+        devices[i].id = static_cast<std::uint32_t>(i);
+    return devices;
+}
+
+std::unique_ptr<Watch> observeChanges(std::function<void()> changed) {
+    return std::make_unique<PollingWatch>(std::move(changed));
+}
+
+} // namespace AudioDeviceList

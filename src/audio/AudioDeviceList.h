@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "audio/AudioOutputDevice.h"
+
+// The output devices the operator can choose: JACK devices (clients with physical playback
+// ports) when a JACK server runs, ALSA playback PCMs, and "null" (no output).
+// Any thread; listing may open ALSA devices briefly (non-blocking), so keep it off the main
+// thread where a list is refreshed often.
+namespace AudioDeviceList {
+
+std::vector<AudioOutputDevice> outputDevices();
+
+// Watches for devices coming and going (sound cards plugged, JACK servers and hardware
+// ports appearing) and calls `changed` from a watcher thread. Watching ends when the returned
+// handle is destroyed.
+class Watch {
+public:
+    virtual ~Watch() = default;
+};
+std::unique_ptr<Watch> observeChanges(std::function<void()> changed);
+
+} // namespace AudioDeviceList

@@ -1,0 +1,111 @@
+#include "audio/AudioEngine.h"
+
+#include <algorithm>
+
+#include "audio/AlsaBackend.h"
+#include "audio/AudioStartError.h"
+#include "audio/JackBackend.h"
+#include "audio/NullBackend.h"
+
+namespace {
+
+const std::string kSystemDefault = "システム既定";
+
+} // namespace
+
+AudioEngine::AudioEngine(Dispatcher dispatcher)
+    : m_dispatcher(std::move(dispatcher)), m_alive(std::make_shared<AudioEngine*>(this)) {
+    sem_init(&m_notices, 0, 0);
+    m_watcher = std::thread([this] { watch(); });
+}
+
+AudioEngine::~AudioEngine() {
+    stop();
+    *m_alive = nullptr;
+    m_quit = true;
+    sem_post(&m_notices);
+    m_watcher.join();
+    sem_destroy(&m_notices);
+}
+
+std::unique_ptr<AudioBackend> AudioEngine::makeBackend(const std::string& uid) {
+    if (uid.rfind("jack:", 0) == 0)
+        return std::make_unique<JackBackend>(uid.substr(5));
+    if (uid.rfind("alsa:", 0) == 0 && uid.size() > 5)
+        return std::make_unique<AlsaBackend>(uid.substr(5));
+    if (uid == "null")
+        return std::make_unique<NullBackend>();
+    throw AudioStartError::cannotSelect("不明なデバイスです: " + uid);
+}
+
+std::string AudioEngine::describe(const std::string& uid) {
+    if (uid.rfind("jack:", 0) == 0)
+        return "JACK: " + uid.substr(5);
+    if (uid.rfind("alsa:", 0) == 0)
+        return "ALSA: " + uid.substr(5);
+    if (uid == "null")
+        return "出力なし（無音）";
+    return uid;
+}
+
+void AudioEngine::start(const std::optional<std::string>& deviceUID) {
+    stop();
+    m_deviceUID = deviceUID;
+    if (deviceUID) {
+        open(makeBackend(*deviceUID), *deviceUID);
+        m_deviceName = describe(*deviceUID);
+        return;
+    }
+    // The system default: whatever of these opens first.
+    for (const std::string uid : {"jack:", "alsa:default"}) {
+        try {
+            open(makeBackend(uid), uid);
+            m_deviceName = kSystemDefault;
+            return;
+        } catch (const AudioStartError&) {
+        }
+    }
+    open(std::make_unique<NullBackend>(), "null");
+    m_deviceName = kSystemDefault;
+}
+
+void AudioEngine::open(std::unique_ptr<AudioBackend> backend, const std::string& uid) {
+    backend->start(m_mixer, [this] { sem_post(&m_notices); });
+    m_channelCount = std::min<std::int64_t>(backend->channelCount(), Mixer::kMaxOutputs);
+    m_sampleRate = backend->sampleRate();
+    m_mixer.setSampleRate(m_sampleRate);
+    m_mixer.setLatency(backend->latency());
+    m_activeDevice = uid;
+    if (auto* jack = dynamic_cast<JackBackend*>(backend.get()); jack && uid == "jack:")
+        m_activeDevice = "jack:" + jack->deviceClient();
+    m_backend = std::move(backend);
+}
+
+void AudioEngine::stop() {
+    if (m_backend) {
+        m_backend->stop();
+        m_backend.reset();
+    }
+}
+
+void AudioEngine::watch() {
+    for (;;) {
+        while (sem_wait(&m_notices) != 0) {
+        }
+        if (m_quit)
+            return;
+        // Several notices of one change (rate and buffer size, say) become one restart.
+        while (sem_trywait(&m_notices) == 0) {
+        }
+        std::weak_ptr<AudioEngine*> alive = m_alive;
+        auto changed = [alive] {
+            const auto engine = alive.lock();
+            if (engine && *engine && (*engine)->onConfigurationChange)
+                (*engine)->onConfigurationChange();
+        };
+        if (m_dispatcher)
+            m_dispatcher(changed);
+        else
+            changed();
+    }
+}

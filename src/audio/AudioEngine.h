@@ -1,0 +1,78 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <semaphore.h>
+#include <string>
+#include <thread>
+
+#include "audio/AudioBackend.h"
+#include "audio/Mixer.h"
+
+// Connects the mixer to one output device and restarts on configuration changes.
+//
+// Device uids: "jack:<client>", "alsa:<pcm>", "null". No uid means the system default: the
+// JACK server's device when a server runs, else ALSA "default", else null (which always opens).
+//
+// Threading: every method on the main thread. Back ends report configuration changes from their
+// own threads; the engine collects them on a watcher thread and hands onConfigurationChange to
+// the dispatcher, which runs it on the main thread (the application posts it to its event
+// loop). Lifetime: owns the Mixer, which lives as long as the engine and keeps its voices
+// across restarts.
+class AudioEngine {
+public:
+    using Dispatcher = std::function<void(std::function<void()>)>;
+
+    // Without a dispatcher the change callback runs on the watcher thread.
+    explicit AudioEngine(Dispatcher dispatcher = {});
+    ~AudioEngine();
+
+    AudioEngine(const AudioEngine&) = delete;
+    AudioEngine& operator=(const AudioEngine&) = delete;
+
+    Mixer& mixer() { return m_mixer; }
+
+    // Stops any running device and opens the given one (none: the system default). Throws
+    // AudioStartError with the text shown to the operator; the engine is then stopped.
+    void start(const std::optional<std::string>& deviceUID);
+    void stop();
+    bool isRunning() const { return m_backend != nullptr; }
+
+    std::int64_t channelCount() const { return m_channelCount; }
+    double sampleRate() const { return m_sampleRate; }
+    // "システム既定" for the default.
+    const std::string& deviceName() const { return m_deviceName; }
+    const std::optional<std::string>& deviceUID() const { return m_deviceUID; }
+    // The device actually playing (the default resolved), e.g. "jack:system".
+    const std::string& activeDevice() const { return m_activeDevice; }
+    AudioBackend* backend() { return m_backend.get(); }
+
+    // Main thread, after the device's rate, buffer or presence changed.
+    std::function<void()> onConfigurationChange;
+
+    // A back end for a uid; throws AudioStartError for a uid of no known kind.
+    static std::unique_ptr<AudioBackend> makeBackend(const std::string& uid);
+    // What the settings show for a uid ("JACK: system", "ALSA: hw:1", …).
+    static std::string describe(const std::string& uid);
+
+private:
+    void open(std::unique_ptr<AudioBackend> backend, const std::string& uid);
+    void watch();
+
+    Mixer m_mixer;
+    Dispatcher m_dispatcher;
+    std::unique_ptr<AudioBackend> m_backend;
+    std::int64_t m_channelCount = 0;
+    double m_sampleRate = 0.0;
+    std::string m_deviceName;
+    std::optional<std::string> m_deviceUID;
+    std::string m_activeDevice;
+
+    // Notices: posted (async-signal-safe) from any back-end thread, collected by m_watcher.
+    sem_t m_notices;
+    std::atomic<bool> m_quit{false};
+    std::thread m_watcher;
+    std::shared_ptr<AudioEngine*> m_alive; // dispatched calls check it is still set
+};

@@ -1,0 +1,173 @@
+#include "audio/JackBackend.h"
+
+#include <algorithm>
+#include <cstring>
+#include <jack/jack.h>
+#include <mutex>
+
+#include "audio/AudioStartError.h"
+#include "audio/HostTime.h"
+#include "audio/Mixer.h"
+
+namespace {
+
+// Physical playback ports of `device` (or of the first client that has any), in JACK's order.
+std::vector<std::string> playbackPorts(jack_client_t* client, const std::string& device) {
+    std::vector<std::string> names;
+    const char** ports = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE,
+                                        JackPortIsPhysical | JackPortIsInput);
+    if (!ports)
+        return names;
+    std::string chosen = device;
+    for (const char** p = ports; *p; ++p) {
+        const std::string name = *p;
+        const std::string owner = name.substr(0, name.find(':'));
+        if (chosen.empty())
+            chosen = owner;
+        if (owner == chosen)
+            names.push_back(name);
+    }
+    jack_free(ports);
+    return names;
+}
+
+} // namespace
+
+void JackBackend::silenceLibraryMessages() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        jack_set_error_function([](const char*) {});
+        jack_set_info_function([](const char*) {});
+    });
+}
+
+JackBackend::JackBackend(std::string device, std::string clientName)
+    : m_device(std::move(device)), m_clientName(std::move(clientName)) {}
+
+JackBackend::~JackBackend() {
+    stop();
+}
+
+void JackBackend::start(Mixer& mixer, Notice notice) {
+    stop();
+    m_mixer = &mixer;
+    m_notice = std::move(notice);
+    silenceLibraryMessages();
+    jack_status_t status{};
+    m_client = jack_client_open(m_clientName.c_str(), JackNoStartServer, &status);
+    if (!m_client)
+        throw AudioStartError::cannotSelect("JACK サーバーに接続できません");
+    m_actualName = jack_get_client_name(m_client);
+
+    const std::vector<std::string> targets = playbackPorts(m_client, m_device);
+    if (!targets.empty())
+        m_device = targets.front().substr(0, targets.front().find(':'));
+    if (targets.empty()) {
+        stop();
+        throw AudioStartError::cannotSelect("JACK に再生ポートがありません: " +
+                                            (m_device.empty() ? std::string("既定") : m_device));
+    }
+    const std::size_t count = std::min<std::size_t>(targets.size(), Mixer::kMaxOutputs);
+    for (std::size_t c = 0; c < count; ++c) {
+        const std::string name = "out_" + std::to_string(c + 1);
+        jack_port_t* port = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
+                                               JackPortIsOutput, 0);
+        if (!port) {
+            stop();
+            throw AudioStartError::cannotSelect("JACK のポートを作れません");
+        }
+        m_ports.push_back(port);
+    }
+    m_buffers.assign(m_ports.size(), AudioChannelBuffer{});
+    m_rate = jack_get_sample_rate(m_client);
+    m_bufferSize = jack_get_buffer_size(m_client);
+
+    jack_set_process_callback(m_client, &JackBackend::process, this);
+    jack_set_sample_rate_callback(m_client, &JackBackend::sampleRateChanged, this);
+    jack_set_buffer_size_callback(m_client, &JackBackend::bufferSizeChanged, this);
+    jack_set_port_registration_callback(m_client, &JackBackend::portRegistered, this);
+    jack_set_xrun_callback(m_client, &JackBackend::xrun, this);
+    jack_on_shutdown(m_client, &JackBackend::shutdown, this);
+    if (jack_activate(m_client) != 0) {
+        stop();
+        throw AudioStartError::cannotSelect("JACK クライアントを開始できません");
+    }
+    for (std::size_t c = 0; c < m_ports.size(); ++c)
+        jack_connect(m_client, jack_port_name(m_ports[c]), targets[c].c_str());
+
+    // What the device adds after our block: the physical port's playback latency.
+    jack_latency_range_t range{};
+    if (jack_port_t* device = jack_port_by_name(m_client, targets.front().c_str()))
+        jack_port_get_latency_range(device, JackPlaybackLatency, &range);
+    m_latency = static_cast<double>(range.max) / m_rate;
+}
+
+void JackBackend::stop() {
+    if (!m_client)
+        return;
+    // Closing deactivates first: no process callback runs once this returns. A client whose
+    // server died is not closed: libjack crashes closing it once a new server of the same name
+    // runs, and its threads ended with the server anyway. That leaks one small handle per
+    // server crash, which is the better trade in front of an audience.
+    if (!m_serverGone.load())
+        jack_client_close(m_client);
+    m_client = nullptr;
+    m_serverGone = false;
+    m_ports.clear();
+    m_buffers.clear();
+}
+
+int JackBackend::process(std::uint32_t frames, void* arg) {
+    auto* self = static_cast<JackBackend*>(arg);
+    const std::size_t bytes = frames * sizeof(float);
+    for (std::size_t c = 0; c < self->m_ports.size(); ++c)
+        self->m_buffers[c] = {static_cast<float*>(jack_port_get_buffer(self->m_ports[c], frames)),
+                              bytes};
+    // JACK's clock is CLOCK_MONOTONIC in microseconds on Linux.
+    jack_nframes_t currentFrames = 0;
+    jack_time_t currentUsecs = 0, nextUsecs = 0;
+    float periodUsecs = 0;
+    const bool valid = jack_get_cycle_times(self->m_client, &currentFrames, &currentUsecs,
+                                            &nextUsecs, &periodUsecs) == 0;
+    const std::uint64_t began = HostTime::now();
+    self->m_mixer->render(frames, AudioTimeStamp{currentUsecs * 1000ull, valid}, self->m_buffers);
+    const std::uint64_t took = HostTime::now() - began;
+    if (took > self->m_longestCycle.load(std::memory_order_relaxed))
+        self->m_longestCycle.store(took, std::memory_order_relaxed);
+    return 0;
+}
+
+int JackBackend::sampleRateChanged(std::uint32_t rate, void* arg) {
+    auto* self = static_cast<JackBackend*>(arg);
+    if (rate != self->m_rate && self->m_notice)
+        self->m_notice();
+    return 0;
+}
+
+int JackBackend::bufferSizeChanged(std::uint32_t frames, void* arg) {
+    auto* self = static_cast<JackBackend*>(arg);
+    // JACK reports the size once on activation; only a real change moves the latency.
+    if (frames != self->m_bufferSize && self->m_notice)
+        self->m_notice();
+    return 0;
+}
+
+void JackBackend::portRegistered(std::uint32_t port, int, void* arg) {
+    auto* self = static_cast<JackBackend*>(arg);
+    jack_port_t* p = jack_port_by_id(self->m_client, port);
+    // Other programs' ports come and go during a show; only hardware changes matter here.
+    if (p && (jack_port_flags(p) & JackPortIsPhysical) && self->m_notice)
+        self->m_notice();
+}
+
+void JackBackend::shutdown(void* arg) {
+    auto* self = static_cast<JackBackend*>(arg);
+    self->m_serverGone = true;
+    if (self->m_notice)
+        self->m_notice();
+}
+
+int JackBackend::xrun(void* arg) {
+    static_cast<JackBackend*>(arg)->m_xruns.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "audio/AudioBackend.h"
+#include "audio/AudioBufferList.h"
+
+typedef struct _jack_client jack_client_t;
+typedef struct _jack_port jack_port_t;
+
+// A JACK client that plays into the physical playback ports of one JACK "device" (a client
+// that owns physical playback ports, usually "system"). It registers out_1…out_N (N = the
+// device's ports, at most 64), connects them in order, and renders in JACK's process callback.
+// It never starts a server. Works with jackd2 and with PipeWire's JACK.
+//
+// Threading: the process callback is JACK's real-time thread; the other callbacks (rate,
+// buffer size, physical port changes, server shutdown) come on JACK's threads and only pass the
+// notice on.
+class JackBackend : public AudioBackend {
+public:
+    // `device`: the client whose physical playback ports to use; empty = the first such client.
+    explicit JackBackend(std::string device, std::string clientName = "vorlin");
+    ~JackBackend() override;
+
+    void start(Mixer& mixer, Notice notice) override;
+    void stop() override;
+    std::int64_t channelCount() const override { return static_cast<std::int64_t>(m_ports.size()); }
+    double sampleRate() const override { return m_rate; }
+    double latency() const override { return m_latency; }
+
+    // libjack prints every failed connection attempt to stderr; route its messages nowhere.
+    static void silenceLibraryMessages();
+
+    // The client name JACK gave us (it may add a suffix when the name is taken).
+    const std::string& clientName() const { return m_actualName; }
+    // The device client whose ports we play into (the default resolved).
+    const std::string& deviceClient() const { return m_device; }
+    // Blocks JACK could not deliver on time, as counted by the server's xrun callback.
+    std::int64_t xruns() const { return m_xruns.load(); }
+    // The longest our process callback took, in seconds, since start (the mix's share of a
+    // period: whether an xrun was ours or the system's).
+    double longestCycle() const { return static_cast<double>(m_longestCycle.load()) * 1e-9; }
+
+private:
+    static int process(std::uint32_t frames, void* self);
+    static int sampleRateChanged(std::uint32_t rate, void* self);
+    static int bufferSizeChanged(std::uint32_t frames, void* self);
+    static void portRegistered(std::uint32_t port, int registered, void* self);
+    static void shutdown(void* self);
+    static int xrun(void* self);
+
+    std::string m_device;
+    std::string m_clientName;
+    std::string m_actualName;
+    jack_client_t* m_client = nullptr;
+    std::vector<jack_port_t*> m_ports;
+    std::vector<AudioChannelBuffer> m_buffers;
+    Mixer* m_mixer = nullptr;
+    Notice m_notice;
+    double m_rate = 0.0;
+    double m_latency = 0.0;
+    std::uint32_t m_bufferSize = 0;
+    std::atomic<std::int64_t> m_xruns{0};
+    std::atomic<bool> m_serverGone{false};
+    std::atomic<std::uint64_t> m_longestCycle{0};
+};

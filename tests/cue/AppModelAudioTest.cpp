@@ -1,0 +1,160 @@
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include <QCoreApplication>
+
+#include "JackRecorder.h"
+#include "JackServer.h"
+#include "TempDir.h"
+#include "audio/JackBackend.h"
+#include "cue/AppModel.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr KeyCode kA = 0;
+
+// Lets queued calls (configuration notices) and timers run while waiting.
+template <typename Predicate> bool pump(Predicate done, std::chrono::milliseconds limit = 5000ms) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        std::this_thread::sleep_for(2ms);
+    }
+    return true;
+}
+
+// A key playing a 1 kHz sine at half scale on output 3.
+void addToneKey(AppModel& model) {
+    std::vector<float> x(48000 * 4);
+    for (std::size_t i = 0; i < x.size(); ++i)
+        x[i] = static_cast<float>(0.5 * std::sin(2 * M_PI * 1000.0 * i / 48000.0));
+    KeyAssignment a("/show/tone.wav", 0);
+    a.outputMap = "3";
+    MediaInfo info;
+    info.probe.hasAudio = true;
+    info.clip = std::make_shared<const AudioClip>(std::vector<std::vector<float>>{x}, 48000.0);
+    model.document().media[a.path] = info;
+    model.document().assignments[kA] = a;
+}
+
+void expectToneOnThirdOutput(const std::vector<std::vector<float>>& outputs, std::int64_t frames) {
+    std::int64_t start = -1;
+    for (std::int64_t i = 0; i < frames && start < 0; ++i)
+        start = outputs[2][i] != 0.0f ? i : -1;
+    ASSERT_GE(start, 0);
+    ASSERT_GT(frames - start, 9600);
+    double sum = 0.0;
+    int crossings = 0;
+    for (std::int64_t i = start; i < start + 9600; ++i) {
+        sum += outputs[2][i] * outputs[2][i];
+        crossings += outputs[2][i] < 0 && outputs[2][i + 1] >= 0;
+    }
+    EXPECT_NEAR(10 * std::log10(sum / 9600), 20 * std::log10(0.5 / std::sqrt(2.0)), 0.1);
+    EXPECT_NEAR(crossings, 200, 1); // 1 kHz over 0.2 s
+    for (std::size_t c : {0u, 1u, 3u})
+        for (std::int64_t i = 0; i < frames; ++i)
+            ASSERT_EQ(outputs[c][i], 0.0f) << "output " << c + 1 << " frame " << i;
+}
+
+TEST(ModelOnJack, AKeyPressPlaysItsToneOnTheRoutedPort) {
+    JackServer server(8);
+    ASSERT_TRUE(server.ready());
+    AppModel model;
+    model.setOutputDeviceUID(QString("jack:system"));
+    ASSERT_EQ(model.audio().activeDevice(), "jack:system");
+    EXPECT_EQ(model.cueEngine().outputChannelCount(), 8);
+    addToneKey(model);
+    auto* backend = dynamic_cast<JackBackend*>(model.audio().backend());
+    JackRecorder recorder(backend->clientName(), 4, 2.0);
+    ASSERT_TRUE(recorder.connected());
+    model.handleKey(kA, true, false, false);
+    ASSERT_TRUE(pump([&] { return recorder.frames() > 48000; }));
+    recorder.stop();
+    std::vector<std::vector<float>> outputs;
+    for (int c = 0; c < 4; ++c)
+        outputs.push_back(recorder.channel(c));
+    expectToneOnThirdOutput(outputs, recorder.frames() - 2);
+}
+
+TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
+    auto server = std::make_unique<JackServer>(8);
+    ASSERT_TRUE(server->ready());
+    AppModel model;
+    model.setOutputDeviceUID(QString("jack:system"));
+    addToneKey(model);
+    model.handleKey(kA, true, false, false);
+    server->kill();
+    ASSERT_TRUE(pump([&] { return !model.cueEngine().statusMessage().isEmpty(); }));
+    EXPECT_EQ(model.cueEngine().statusMessage(),
+              "オーディオ出力を開始できません: 出力デバイスを設定できません（JACK "
+              "サーバーに接続できません）");
+    EXPECT_TRUE(model.audio().isRunning());
+    EXPECT_NE(model.audio().activeDevice(), "jack:system");
+    EXPECT_EQ(model.audio().deviceName(), "システム既定");
+    // The cue kept its voice and is still running on the new device.
+    EXPECT_TRUE(model.isRunning(kA));
+    const auto id = *model.cueEngine().cues().front()->voiceID;
+    const double before = model.mixer().snapshot().at(id).progress;
+    ASSERT_TRUE(pump([&] { return model.mixer().snapshot().at(id).progress > before; }));
+}
+
+TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {
+    setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);
+    AppModel model;
+    model.setMasterVolume(0.5);
+    model.setMutedOutputs({3});
+    model.setOutputDeviceUID(QString("alsa:vorlin_unplugged_card"));
+    EXPECT_TRUE(model.cueEngine().statusMessage().startsWith(
+        "オーディオ出力を開始できません: 出力デバイスを設定できません（ALSA: "));
+    EXPECT_TRUE(model.audio().isRunning());
+    EXPECT_GE(model.cueEngine().outputChannelCount(), 1);
+}
+
+TEST(ModelOnAlsa, AKeyPressPlaysItsToneIntoTheFile) {
+    TempDir dir;
+    const std::string file = dir.file("show.raw");
+    AppModel model;
+    model.setOutputDeviceUID(QString::fromStdString("alsa:file:FILE=" + file + ",FORMAT=raw"));
+    ASSERT_TRUE(model.cueEngine().statusMessage().isEmpty())
+        << model.cueEngine().statusMessage().toStdString();
+    const std::int64_t channels = model.audio().channelCount();
+    ASSERT_GE(channels, 4);
+    addToneKey(model);
+    model.handleKey(kA, true, false, false);
+    std::this_thread::sleep_for(400ms);
+    model.audio().stop();
+
+    std::ifstream in(file, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), {});
+    const auto frames = static_cast<std::int64_t>(bytes.size() / sizeof(float)) / channels;
+    std::vector<std::vector<float>> outputs(4,
+                                            std::vector<float>(static_cast<std::size_t>(frames)));
+    for (std::int64_t i = 0; i < frames; ++i)
+        for (int c = 0; c < 4; ++c)
+            std::memcpy(&outputs[c][i], bytes.data() + (i * channels + c) * sizeof(float),
+                        sizeof(float));
+    expectToneOnThirdOutput(outputs, frames - 2);
+}
+
+TEST(ModelTick, StartRunsTheTickThirtyTimesASecond) {
+    setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);
+    AppModel model;
+    int ticks = 0;
+    QObject::connect(&model.live(), &LiveState::metersChanged, [&] { ++ticks; });
+    model.start();
+    EXPECT_TRUE(model.audio().isRunning());
+    const auto started = std::chrono::steady_clock::now();
+    pump([&] { return std::chrono::steady_clock::now() - started > 1000ms; }, 2000ms);
+    EXPECT_GE(ticks, 25);
+    EXPECT_LE(ticks, 32);
+}
+
+} // namespace

@@ -1,0 +1,92 @@
+#include "JackServer.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <jack/jack.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// Slots of server names. JACK keeps a registry of at most eight servers and frees a crashed
+// server's entry only when a server of the same name starts again, so tests reuse a few fixed
+// names instead of inventing new ones (which would fill the registry after a few crashes).
+constexpr int kNameSlots = 4;
+
+bool connects() {
+    if (jack_client_t* probe = jack_client_open("probe", JackNoStartServer, nullptr)) {
+        jack_client_close(probe);
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+JackServer::JackServer(int playbackPorts, int rate, int period, bool realtime) {
+    setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
+    jack_set_error_function([](const char*) {});
+    jack_set_info_function([](const char*) {});
+    const std::string ports = std::to_string(playbackPorts);
+    const std::string rateText = std::to_string(rate);
+    const std::string periodText = std::to_string(period);
+
+    for (int slot = 0; slot < kNameSlots && !m_ready; ++slot) {
+        m_name = "vorlin-test-" + std::to_string(slot);
+        setenv("JACK_DEFAULT_SERVER", m_name.c_str(), 1);
+        if (connects())
+            continue; // another test's server
+        std::vector<const char*> argv{"jackd",        "-n",
+                                      m_name.c_str(), realtime ? "--realtime" : "--no-realtime",
+                                      "-d",           "dummy",
+                                      "-P",           ports.c_str(),
+                                      "-C",           "0",
+                                      "-r",           rateText.c_str(),
+                                      "-p",           periodText.c_str(),
+                                      nullptr};
+        m_pid = fork();
+        if (m_pid == 0) {
+            // The server ends with the test, however the test ends.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const int devNull = open("/dev/null", O_WRONLY);
+            dup2(devNull, 1);
+            dup2(devNull, 2);
+            execvp("jackd", const_cast<char* const*>(argv.data()));
+            _exit(127);
+        }
+        if (m_pid < 0)
+            break;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
+                m_pid = -1; // the name was taken after all: next slot
+                break;
+            }
+            if (connects()) {
+                m_ready = true;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
+}
+
+JackServer::~JackServer() {
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGTERM);
+        waitpid(m_pid, nullptr, 0);
+    }
+}
+
+void JackServer::kill() {
+    if (m_pid > 0) {
+        ::kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+        m_pid = -1;
+    }
+}
