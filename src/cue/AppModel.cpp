@@ -11,8 +11,13 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
           QMetaObject::invokeMethod(this, std::move(call), Qt::QueuedConnection);
       }),
       m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
-      m_engine(std::make_unique<CueEngine>(m_document, m_audio.mixer(), *m_video, m_live)) {
+      m_engine(std::make_unique<CueEngine>(m_document, m_audio.mixer(), *m_video, m_live)),
+      m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }), m_session(*this) {
     m_audio.onConfigurationChange = [this] { restartAudio(); };
+    connect(&m_media, &MediaLoader::missingFiles, this, [this](const QStringList& names) {
+        m_engine->setStatusMessage(QStringLiteral("見つからないファイルがあります: ") +
+                                   names.join(QStringLiteral("、")));
+    });
 }
 
 AppModel::~AppModel() {
@@ -35,6 +40,7 @@ void AppModel::setRouting(KeyCode code, std::optional<RoutingMatrix> matrix,
         return;
     found->second.matrix = std::move(matrix);
     found->second.outputMap = outputMap;
+    markDirty();
     emit assignmentsChanged();
 }
 
@@ -80,16 +86,24 @@ void AppModel::restartAudio() {
 void AppModel::setOutputDeviceUID(const std::optional<QString>& uid) {
     m_outputDeviceUID = uid;
     restartAudio();
+    markDirty();
 }
 
 void AppModel::setMasterVolume(double volume) {
     m_masterVolume = volume;
     m_audio.mixer().setMasterVolume(volume);
+    markDirty();
 }
 
 void AppModel::setMutedOutputs(std::set<std::int64_t> outputs) {
     m_mutedOutputs = std::move(outputs);
     m_audio.mixer().setMuted(m_mutedOutputs);
+    markDirty();
+}
+
+void AppModel::setStopAllFade(double seconds) {
+    m_engine->setStopAllFade(seconds);
+    markDirty();
 }
 
 void AppModel::setToneChannel(std::optional<std::int64_t> channel) {

@@ -12,6 +12,8 @@
 #include "audio/Mixer.h"
 #include "cue/CueEngine.h"
 #include "cue/LiveState.h"
+#include "cue/MediaLoader.h"
+#include "cue/ShowSession.h"
 #include "model/ShowDocument.h"
 #include "video/VideoOutput.h"
 
@@ -47,6 +49,19 @@ public:
     void setMutedOutputs(std::set<std::int64_t> outputs);
     const std::optional<std::int64_t>& toneChannel() const { return m_toneChannel; }
     void setToneChannel(std::optional<std::int64_t> channel);
+    void setStopAllFade(double seconds);
+    // The video outputs that are open ("window" or screen ids), as the show file keeps them.
+    const QStringList& videoOutputs() const { return m_videoOutputs; }
+    void setVideoOutputs(const QStringList& outputs) { m_videoOutputs = outputs; }
+
+    // The show as a file (see ShowSession).
+    void save(const QString& path) { m_session.save(path); }
+    void open(const QString& path) { m_session.open(path); }
+    void newDocument() { m_session.newDocument(); }
+    void restoreLastDocument() { m_session.restoreLastDocument(); }
+    void markDirty() { m_session.markDirty(); }
+    bool isDirty() const { return m_session.isDirty(); }
+    QString documentName() const { return m_session.documentName(); }
 
     void handleKey(KeyCode code, bool down, bool shift, bool isRepeat) {
         m_engine->handleKey(code, down, shift, isRepeat);
@@ -72,6 +87,8 @@ public:
     VideoOutput& video() { return *m_video; }
     LiveState& live() { return m_live; }
     CueEngine& cueEngine() { return *m_engine; }
+    MediaLoader& media() { return m_media; }
+    ShowSession& session() { return m_session; }
 
 signals:
     void assignmentsChanged();
@@ -88,5 +105,8 @@ private:
     std::unique_ptr<VideoOutput> m_video;
     LiveState m_live;
     std::unique_ptr<CueEngine> m_engine;
+    MediaLoader m_media;
+    ShowSession m_session;
+    QStringList m_videoOutputs;
     QTimer m_timer;
 };

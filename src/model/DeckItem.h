@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 
+#include <QJsonObject>
 #include <QString>
 
 // One item of a slide deck or list, as the manifest and a key's `deckItems` store it.
@@ -22,4 +23,9 @@ struct DeckItem {
     EndAction endAction = EndAction::next;
 
     bool operator==(const DeckItem&) const = default;
+
+    // The JSON form shared by deck manifests and show files. Reading requires "id", "kind" and
+    // "file" and throws DocumentError otherwise.
+    QJsonObject toJson() const;
+    static DeckItem fromJson(const QJsonObject& object);
 };

@@ -3,9 +3,11 @@
 #include <algorithm>
 
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QMimeDatabase>
 #include <QMimeType>
 
+#include "model/JsonRead.h"
 #include "model/Prefs.h"
 
 KeyAssignment::KeyAssignment(QString filePath, std::int64_t color)
@@ -63,5 +65,108 @@ KeyAssignment newAssignment(const QString& path, std::int64_t colorIndex) {
     a.fadeIn = Prefs::value(Prefs::kDefaultFadeIn).toDouble();
     a.fadeOut = Prefs::value(Prefs::kDefaultFadeOut).toDouble();
     a.onNext = Prefs::defaultOnNext();
+    return a;
+}
+
+QJsonObject KeyAssignment::toJson() const {
+    QJsonObject o{{"path", path},
+                  {"title", title},
+                  {"mode", keyModeName(mode)},
+                  {"fadeIn", fadeIn},
+                  {"fadeOut", fadeOut},
+                  {"volume", volume},
+                  {"loop", loop},
+                  {"outputMap", outputMap},
+                  {"colorIndex", static_cast<qint64>(colorIndex)},
+                  {"showVideo", showVideo},
+                  {"onNext", nextBehaviorName(onNext)},
+                  {"group", static_cast<qint64>(group)},
+                  {"layer", static_cast<qint64>(layer)},
+                  {"slideAuto", slideAuto},
+                  {"slideInterval", slideInterval},
+                  {"slideLoop", slideLoop},
+                  {"slideTransition", slideTransition},
+                  {"clickToTake", clickToTake}};
+    if (relativePath)
+        o["relativePath"] = *relativePath;
+    if (matrix) {
+        QJsonArray rows;
+        for (const auto& row : *matrix) {
+            QJsonArray outputs;
+            for (std::int64_t output : row)
+                outputs.append(static_cast<qint64>(output));
+            rows.append(outputs);
+        }
+        o["matrix"] = rows;
+    }
+    if (deckItems) {
+        QJsonArray items;
+        for (const DeckItem& item : *deckItems)
+            items.append(item.toJson());
+        o["deckItems"] = items;
+    }
+    if (sources)
+        o["sources"] = JsonRead::strings(*sources);
+    if (relativeSources)
+        o["relativeSources"] = JsonRead::strings(*relativeSources);
+    if (screens)
+        o["screens"] = JsonRead::strings(*screens);
+    return o;
+}
+
+KeyAssignment KeyAssignment::fromJson(const QJsonObject& o) {
+    using namespace JsonRead;
+    KeyAssignment a(requiredString(o, "path"), integer(o, "colorIndex", 0));
+    a.relativePath = optionalString(o, "relativePath");
+    a.title = string(o, "title", {});
+    const auto mode = parseKeyMode(string(o, "mode", "toggle"));
+    if (!mode)
+        throw wrongType("mode");
+    a.mode = *mode;
+    a.fadeIn = number(o, "fadeIn", 0.0);
+    a.fadeOut = number(o, "fadeOut", 1.0);
+    a.volume = number(o, "volume", 1.0);
+    a.loop = boolean(o, "loop", false);
+    a.outputMap = string(o, "outputMap", {});
+    if (o.contains("matrix")) {
+        if (!o.value("matrix").isArray())
+            throw wrongType("matrix");
+        RoutingMatrix rows;
+        for (const QJsonValue& row : o.value("matrix").toArray()) {
+            if (!row.isArray())
+                throw wrongType("matrix");
+            std::vector<std::int64_t> outputs;
+            for (const QJsonValue& output : row.toArray())
+                outputs.push_back(integer(output, "matrix"));
+            rows.push_back(std::move(outputs));
+        }
+        a.matrix = std::move(rows);
+    }
+    a.showVideo = boolean(o, "showVideo", true);
+    const auto onNext = parseNextBehavior(string(o, "onNext", "keep"));
+    if (!onNext)
+        throw wrongType("onNext");
+    a.onNext = *onNext;
+    a.group = integer(o, "group", 0);
+    a.layer = integer(o, "layer", 5);
+    a.slideAuto = boolean(o, "slideAuto", false);
+    a.slideInterval = number(o, "slideInterval", 5.0);
+    a.slideLoop = boolean(o, "slideLoop", false);
+    a.slideTransition = number(o, "slideTransition", 0.3);
+    if (o.contains("deckItems")) {
+        if (!o.value("deckItems").isArray())
+            throw wrongType("deckItems");
+        std::vector<DeckItem> items;
+        for (const QJsonValue& item : o.value("deckItems").toArray()) {
+            if (!item.isObject())
+                throw wrongType("deckItems");
+            items.push_back(DeckItem::fromJson(item.toObject()));
+        }
+        a.deckItems = std::move(items);
+    }
+    a.sources = optionalStrings(o, "sources");
+    a.relativeSources = optionalStrings(o, "relativeSources");
+    a.clickToTake = boolean(o, "clickToTake", false);
+    a.screens = optionalStrings(o, "screens");
     return a;
 }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include <QJsonObject>
 #include <QString>
 #include <QStringList>
 
@@ -58,6 +59,12 @@ struct KeyAssignment {
     bool isDeck() const;
     // Key of the model's media table: "list:" + sources joined by line feeds, else the path.
     QString mediaKey() const;
+
+    // The show file's form: the six optional fields only when present, the others always.
+    QJsonObject toJson() const;
+    // Only "path" is required; other missing fields take the file defaults. A field of the
+    // wrong type, or an unknown mode or onNext, throws DocumentError.
+    static KeyAssignment fromJson(const QJsonObject& object);
 };
 
 // A fresh assignment for a dropped or chosen file, with the user's default mode, fades and

@@ -46,6 +46,10 @@ void setValue(const QString& key, const QVariant& v) {
     store().setValue(key, v);
 }
 
+void remove(const QString& key) {
+    store().remove(key);
+}
+
 KeyMode defaultMode() {
     return parseKeyMode(value(kDefaultMode).toString()).value_or(KeyMode::toggle);
 }

@@ -31,6 +31,7 @@ void registerDefaults();
 // The stored value, else the registered default, else `fallback`.
 QVariant value(const QString& key, const QVariant& fallback = {});
 void setValue(const QString& key, const QVariant& value);
+void remove(const QString& key);
 
 // pref.defaultMode as a mode; any unknown text is toggle.
 KeyMode defaultMode();

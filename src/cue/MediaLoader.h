@@ -1,0 +1,57 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include "audio/AudioLoader.h"
+#include "model/ShowDocument.h"
+
+// Keeps the media table in step with the keys: probes and decodes each key's media on Qt's
+// thread pool and stores the result in the document's `media` under its media key; drops what
+// no key uses any more (freeing the decoded audio and cancelling a load still running).
+//
+// Slide files, images and lists become decks with the deck builder; until then their entry
+// carries a load error that says so.
+//
+// Threading: main thread; the work runs on pool threads and its result comes back through a
+// queued call. A result for an entry released or reloaded meanwhile is dropped.
+class MediaLoader : public QObject {
+    Q_OBJECT
+public:
+    // `targetRate` gives the engine's rate at the moment a load starts.
+    MediaLoader(ShowDocument& document, std::function<double()> targetRate,
+                QObject* parent = nullptr);
+    ~MediaLoader() override;
+
+    void loadMedia(const KeyAssignment& assignment, bool force);
+    // Every assignment of every page.
+    void reloadAll(bool force);
+    void releaseMediaIfUnused(const std::optional<QString>& excluding = std::nullopt);
+    // Loads still running.
+    int pending() const { return static_cast<int>(m_running.size()); }
+
+signals:
+    void mediaChanged(const QString& mediaKey);
+    // Files that were not where their key says (names only).
+    void missingFiles(const QStringList& names);
+    void allLoaded();
+
+private:
+    struct Running {
+        std::uint64_t generation = 0;
+        std::shared_ptr<AudioLoader::CancelFlag> cancel;
+    };
+
+    void finished(const QString& key, std::uint64_t generation, MediaInfo info, bool missing);
+
+    ShowDocument& m_document;
+    std::function<double()> m_targetRate;
+    std::map<QString, Running> m_running;
+    std::uint64_t m_generation = 0;
+};

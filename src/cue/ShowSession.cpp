@@ -1,0 +1,171 @@
+#include "cue/ShowSession.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include "audio/AudioDeviceList.h"
+#include "cue/AppModel.h"
+#include "model/DocumentError.h"
+#include "model/Prefs.h"
+#include "model/ShowFile.h"
+
+namespace {
+
+const QString kFirstPage = QStringLiteral("ページ 1");
+
+} // namespace
+
+ShowSession::ShowSession(AppModel& model) : m_model(model) {}
+
+QString ShowSession::documentName() const {
+    return m_path ? QFileInfo(*m_path).fileName() : QStringLiteral("名称未設定.vorlin");
+}
+
+void ShowSession::titleChanged() {
+    if (onTitleChange)
+        onTitleChange();
+}
+
+void ShowSession::markDirty() {
+    if (m_applying || m_dirty)
+        return;
+    m_dirty = true;
+    titleChanged();
+}
+
+void ShowSession::save(const QString& path) {
+    ShowDocument& show = m_model.document();
+    const QString base = QDir::cleanPath(QFileInfo(path).absolutePath());
+    show.storeCurrentPage();
+
+    KeymapDocument doc;
+    std::vector<PageDocument> pages;
+    for (const KeyPage& page : show.pages)
+        pages.push_back({page.name, ShowFile::stored(page.keys, base)});
+    doc.pages = std::move(pages);
+    doc.keys = ShowFile::stored(show.assignments, base);
+    doc.outputDeviceUID = m_model.outputDeviceUID();
+    doc.masterVolume = m_model.masterVolume();
+    doc.stopAllFade = m_model.cueEngine().stopAllFade();
+    doc.currentPage = static_cast<std::int64_t>(show.currentPage);
+    const QStringList outputs = m_model.videoOutputs();
+    doc.videoOutputs = outputs;
+    doc.videoTarget = outputs.isEmpty() || outputs.first() == QStringLiteral("window")
+                          ? QStringLiteral("window")
+                          : QStringLiteral("display:") + outputs.first();
+    doc.mutedOutputs =
+        std::vector<std::int64_t>(m_model.mutedOutputs().begin(), m_model.mutedOutputs().end());
+
+    ShowFile::writeAtomically(path, doc.encode());
+    m_path = path;
+    m_dirty = false;
+    Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
+    titleChanged();
+}
+
+void ShowSession::open(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw DocumentError(QStringLiteral("「%1」を開けません（%2）")
+                                .arg(QFileInfo(path).fileName(), file.errorString()));
+    const KeymapDocument doc = KeymapDocument::decode(file.readAll());
+
+    m_model.stopAll(true);
+    m_applying = true;
+    const QString base = QDir::cleanPath(QFileInfo(path).absolutePath());
+    std::vector<KeyPage> pages;
+    if (doc.pages) {
+        for (const PageDocument& page : *doc.pages) {
+            KeyPage made;
+            made.name = page.name;
+            made.keys = ShowFile::resolve(page.keys, base);
+            pages.push_back(std::move(made));
+        }
+    } else {
+        KeyPage made;
+        made.name = kFirstPage;
+        made.keys = ShowFile::resolve(doc.keys, base);
+        pages.push_back(std::move(made));
+    }
+    if (pages.empty()) {
+        KeyPage empty;
+        empty.name = kFirstPage;
+        pages.push_back(std::move(empty));
+    }
+    const std::int64_t wanted = std::max<std::int64_t>(doc.currentPage.value_or(0), 0);
+    const auto current = static_cast<std::size_t>(
+        std::min<std::int64_t>(wanted, static_cast<std::int64_t>(pages.size()) - 1));
+
+    ShowDocument& show = m_model.document();
+    show.media.clear();
+    show.pages = std::move(pages);
+    show.currentPage = current;
+    show.assignments = show.pages[current].keys;
+
+    m_model.setMasterVolume(doc.masterVolume);
+    m_model.cueEngine().setStopAllFade(doc.stopAllFade);
+    const auto muted = doc.mutedOutputs.value_or(std::vector<std::int64_t>{});
+    m_model.setMutedOutputs({muted.begin(), muted.end()});
+    QStringList outputs;
+    if (doc.videoOutputs)
+        outputs = *doc.videoOutputs;
+    else if (doc.videoTarget.startsWith(QStringLiteral("display:")))
+        outputs = {doc.videoTarget.mid(8)};
+    else
+        outputs = {QStringLiteral("window")};
+    m_model.setVideoOutputs(outputs);
+    if (doc.outputDeviceUID != m_model.outputDeviceUID())
+        m_model.setOutputDeviceUID(doc.outputDeviceUID);
+
+    finishOpening(path, doc);
+    m_applying = false;
+}
+
+void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) {
+    if (doc.outputDeviceUID) {
+        bool listed = false;
+        for (const AudioOutputDevice& device : AudioDeviceList::outputDevices())
+            listed = listed || QString::fromStdString(device.uid) == *doc.outputDeviceUID;
+        if (!listed)
+            m_model.cueEngine().setStatusMessage(QStringLiteral(
+                "保存時の出力デバイスが見つからないため、システム既定に出力しています"));
+    }
+    m_path = path;
+    m_dirty = false;
+    m_model.media().reloadAll(true);
+    Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
+    titleChanged();
+}
+
+void ShowSession::newDocument() {
+    m_model.stopAll(true);
+    m_applying = true;
+    ShowDocument& show = m_model.document();
+    show.assignments.clear();
+    KeyPage first;
+    first.name = kFirstPage;
+    show.pages = {first};
+    show.currentPage = 0;
+    show.media.clear();
+    m_model.setMutedOutputs({});
+    m_applying = false;
+    m_path.reset();
+    m_dirty = false;
+    Prefs::remove(Prefs::lastKeymapKey(m_instance));
+    titleChanged();
+}
+
+void ShowSession::restoreLastDocument() {
+    if (!Prefs::value(Prefs::kReopenLastKeymap, true).toBool())
+        return;
+    const QString last = Prefs::value(Prefs::lastKeymapKey(m_instance)).toString();
+    if (last.isEmpty() || !QFileInfo::exists(last))
+        return;
+    try {
+        open(last);
+    } catch (const DocumentError& error) {
+        m_model.cueEngine().setStatusMessage(QStringLiteral("前回のキーマップを開けません: ") +
+                                             error.message());
+    }
+}

@@ -1,0 +1,51 @@
+#include "model/DeckItem.h"
+
+#include "model/JsonRead.h"
+
+namespace {
+
+const QString kKinds[] = {QStringLiteral("image"), QStringLiteral("video"),
+                          QStringLiteral("audio")};
+const QString kEndActions[] = {QStringLiteral("next"), QStringLiteral("hold"),
+                               QStringLiteral("loop")};
+
+template <typename Enum, std::size_t N>
+Enum parse(const QString (&names)[N], const QString& text, const QString& field) {
+    for (std::size_t i = 0; i < N; ++i) {
+        if (names[i] == text)
+            return static_cast<Enum>(i);
+    }
+    throw JsonRead::wrongType(field);
+}
+
+} // namespace
+
+QJsonObject DeckItem::toJson() const {
+    QJsonObject o{{"id", id},         {"kind", kKinds[static_cast<int>(kind)]},
+                  {"file", file},     {"slide", static_cast<qint64>(slide)},
+                  {"title", title},   {"enabled", enabled},
+                  {"volume", volume}, {"endAction", kEndActions[static_cast<int>(endAction)]}};
+    if (advanceAfter)
+        o["advanceAfter"] = *advanceAfter;
+    if (transition)
+        o["transition"] = *transition;
+    return o;
+}
+
+DeckItem DeckItem::fromJson(const QJsonObject& o) {
+    DeckItem item;
+    item.id = JsonRead::requiredString(o, "id");
+    item.kind = parse<Kind>(kKinds, JsonRead::requiredString(o, "kind"), "kind");
+    item.file = JsonRead::requiredString(o, "file");
+    item.slide = JsonRead::integer(o, "slide", 0);
+    item.title = JsonRead::string(o, "title", item.id);
+    item.enabled = JsonRead::boolean(o, "enabled", true);
+    if (o.contains("advanceAfter"))
+        item.advanceAfter = JsonRead::number(o, "advanceAfter", 0.0);
+    if (o.contains("transition"))
+        item.transition = JsonRead::number(o, "transition", 0.0);
+    item.volume = JsonRead::number(o, "volume", 1.0);
+    item.endAction =
+        parse<EndAction>(kEndActions, JsonRead::string(o, "endAction", "next"), "endAction");
+    return item;
+}

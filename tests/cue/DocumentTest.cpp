@@ -1,0 +1,388 @@
+#include <csignal>
+#include <gtest/gtest.h>
+#include <random>
+#include <sys/resource.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+
+#include "TempDir.h"
+#include "cue/AppModel.h"
+#include "model/DocumentError.h"
+#include "model/Prefs.h"
+#include "model/ShowFile.h"
+
+namespace {
+
+QByteArray read(const QString& path) {
+    QFile f(path);
+    f.open(QIODevice::ReadOnly);
+    return f.readAll();
+}
+
+void write(const QString& path, const QByteArray& bytes) {
+    QFile f(path);
+    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    f.write(bytes);
+}
+
+// The sample show: one page "ページ 1" with intro.wav on the A key.
+QByteArray sampleFile(const QString& folder) {
+    const QByteArray a = R"(            "clickToTake": false,
+            "colorIndex": 0,
+            "fadeIn": 0,
+            "fadeOut": 1,
+            "group": 0,
+            "layer": 5,
+            "loop": false,
+            "mode": "toggle",
+            "onNext": "keep",
+            "outputMap": "",
+            "path": "FOLDER/intro.wav",
+            "relativePath": "intro.wav",
+            "showVideo": true,
+            "slideAuto": false,
+            "slideInterval": 5,
+            "slideLoop": false,
+            "slideTransition": 0.3,
+            "title": "",
+            "volume": 1
+)";
+    QByteArray inner = a;
+    inner.replace("FOLDER", folder.toUtf8());
+    QByteArray nested;
+    for (const QByteArray& line : inner.split('\n'))
+        if (!line.isEmpty())
+            nested += "        " + line + "\n";
+    return "{\n"
+           "    \"currentPage\": 0,\n"
+           "    \"format\": \"vorlin\",\n"
+           "    \"keys\": {\n"
+           "        \"0\": {\n" +
+           inner +
+           "        }\n"
+           "    },\n"
+           "    \"masterVolume\": 1,\n"
+           "    \"mutedOutputs\": [\n"
+           "    ],\n"
+           "    \"pages\": [\n"
+           "        {\n"
+           "            \"keys\": {\n"
+           "                \"0\": {\n" +
+           nested +
+           "                }\n"
+           "            },\n"
+           "            \"name\": \"ページ 1\"\n"
+           "        }\n"
+           "    ],\n"
+           "    \"stopAllFade\": 1,\n"
+           "    \"version\": 1,\n"
+           "    \"videoOutputs\": [\n"
+           "        \"window\"\n"
+           "    ],\n"
+           "    \"videoTarget\": \"window\"\n"
+           "}\n";
+}
+
+class Document : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Prefs::registerDefaults();
+        setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);
+        folder = QString::fromStdString(dir.file("Show"));
+        QDir().mkpath(folder);
+    }
+    TempDir dir;
+    QString folder;
+};
+
+TEST_F(Document, TheSampleShowIsWrittenByteForByteAndAgainIdentically) {
+    AppModel model;
+    model.document().assignments[0] = KeyAssignment(folder + "/intro.wav", 0);
+    model.setVideoOutputs({"window"});
+    int titles = 0;
+    model.session().onTitleChange = [&] { ++titles; };
+    const QString path = folder + "/show.vorlin";
+    model.save(path);
+    EXPECT_EQ(read(path), sampleFile(folder));
+    model.save(path);
+    EXPECT_EQ(read(path), sampleFile(folder));
+    EXPECT_FALSE(model.isDirty());
+    EXPECT_EQ(model.documentName(), "show.vorlin");
+    EXPECT_EQ(titles, 2);
+    EXPECT_EQ(Prefs::value(Prefs::lastKeymapKey(1)).toString(), path);
+    EXPECT_FALSE(QDir(folder).entryList(QDir::Files).join(",").contains("saving"));
+}
+
+TEST_F(Document, EveryFieldSurvivesARoundTrip) {
+    AppModel model;
+    KeyAssignment a(folder + "/曲/オープニング.wav", 7);
+    a.title = "開演 ♪";
+    a.mode = KeyMode::retrigger;
+    a.fadeIn = 0.25;
+    a.fadeOut = 2.5;
+    a.volume = 0.7071067811865476;
+    a.loop = true;
+    a.outputMap = "3-4";
+    a.matrix = RoutingMatrix{{5}, {0, 7}, {}};
+    a.showVideo = false;
+    a.onNext = NextBehavior::cut;
+    a.group = 2;
+    a.layer = 9;
+    a.slideAuto = true;
+    a.slideInterval = 2.5;
+    a.slideLoop = true;
+    a.slideTransition = 0;
+    DeckItem item{"s1", DeckItem::Kind::video,    "s1-m1.mp4", 3, "映像", false, 4.0, std::nullopt,
+                  0.5,  DeckItem::EndAction::loop};
+    a.deckItems = std::vector<DeckItem>{item, DeckItem{"s2",
+                                                       DeckItem::Kind::image,
+                                                       "s002.png",
+                                                       2,
+                                                       "2",
+                                                       true,
+                                                       {},
+                                                       0.1,
+                                                       1.0,
+                                                       DeckItem::EndAction::hold}};
+    a.sources = QStringList{folder + "/a.wav", "/elsewhere/b.wav"};
+    a.clickToTake = true;
+    a.screens = QStringList{"window", "2: Beamer（1920×1080）"};
+    model.document().assignments[93] = a;
+    KeyPage second;
+    second.name = "第二幕";
+    second.keys[0] = KeyAssignment(folder + "/x.wav", 1);
+    model.document().pages.push_back(second);
+    model.setMasterVolume(0.5);
+    model.setStopAllFade(3);
+    model.setMutedOutputs({7, 2});
+    model.setVideoOutputs({"1: Main（1512×982）"});
+    const QString path = folder + "/all.vorlin";
+    model.save(path);
+
+    AppModel reopened;
+    reopened.open(path);
+    ASSERT_EQ(reopened.document().pages.size(), 2u);
+    KeyAssignment expected = a;
+    expected.relativePath = "曲/オープニング.wav";
+    expected.relativeSources = QStringList{"a.wav", "../../../elsewhere/b.wav"};
+    EXPECT_EQ(reopened.document().assignments.at(93), expected);
+    EXPECT_EQ(reopened.document().pages[1].name, "第二幕");
+    EXPECT_EQ(reopened.document().pages[1].keys.at(0).path, folder + "/x.wav");
+    EXPECT_EQ(reopened.masterVolume(), 0.5);
+    EXPECT_EQ(reopened.cueEngine().stopAllFade(), 3.0);
+    EXPECT_EQ(reopened.mutedOutputs(), (std::set<std::int64_t>{2, 7}));
+    EXPECT_EQ(reopened.videoOutputs(), QStringList{"1: Main（1512×982）"});
+    EXPECT_TRUE(read(path).contains("\"videoTarget\": \"display:1: Main（1512×982）\""));
+    EXPECT_FALSE(reopened.isDirty());
+}
+
+TEST_F(Document, ReadRulesForPagesCurrentPageAndKeyStrings) {
+    const QString path = folder + "/rules.vorlin";
+    QByteArray base = sampleFile(folder);
+    auto withTop = [&](const QByteArray& pagesJson, const QByteArray& current) {
+        QByteArray text = base;
+        const int from = text.indexOf("    \"pages\"");
+        const int to = text.indexOf("    \"stopAllFade\"");
+        text.replace(from, to - from, "    \"pages\": " + pagesJson + ",\n");
+        text.replace("\"currentPage\": 0", "\"currentPage\": " + current);
+        return text;
+    };
+    AppModel model;
+
+    QByteArray noPages = base;
+    noPages.remove(noPages.indexOf("    \"pages\""),
+                   noPages.indexOf("    \"stopAllFade\"") - noPages.indexOf("    \"pages\""));
+    write(path, noPages);
+    model.open(path);
+    ASSERT_EQ(model.document().pages.size(), 1u);
+    EXPECT_EQ(model.document().pages[0].name, "ページ 1");
+    EXPECT_EQ(model.document().assignments.count(0), 1u);
+
+    write(path, withTop("[]", "0"));
+    model.open(path);
+    ASSERT_EQ(model.document().pages.size(), 1u);
+    EXPECT_TRUE(model.document().assignments.empty()); // the top-level keys are ignored
+
+    const QByteArray three = R"([{"name": "1", "keys": {}}, {"name": "2", "keys": {}},
+        {"name": "3", "keys": {"300000": {"path": "/a"}, "abc": {"path": "/b"}, "12": {"path": "/c"}}}])";
+    write(path, withTop(three, "7"));
+    model.open(path);
+    EXPECT_EQ(model.document().currentPage, 2u);
+    ASSERT_EQ(model.document().assignments.size(), 1u);
+    EXPECT_EQ(model.document().assignments.begin()->first, 12);
+    const KeyAssignment& defaults = model.document().assignments.at(12);
+    EXPECT_EQ(defaults.fadeOut, 1.0);
+    EXPECT_EQ(defaults.layer, 5);
+    EXPECT_EQ(defaults.slideTransition, 0.3);
+    EXPECT_TRUE(defaults.showVideo);
+    EXPECT_FALSE(defaults.matrix || defaults.sources || defaults.screens || defaults.relativePath);
+    write(path, withTop(three, "-1"));
+    model.open(path);
+    EXPECT_EQ(model.document().currentPage, 0u);
+}
+
+TEST_F(Document, ABadFileFailsWholeAndLeavesTheModelUntouched) {
+    AppModel model;
+    model.document().assignments[0] = KeyAssignment("/show/keep.wav", 0);
+    const QString path = folder + "/bad.vorlin";
+    QByteArray text = sampleFile(folder);
+    text.replace("\"mode\": \"toggle\"", "\"mode\": \"loop-forever\"");
+    write(path, text);
+    EXPECT_THROW(model.open(path), DocumentError);
+    EXPECT_EQ(model.document().assignments.at(0).path, "/show/keep.wav");
+    EXPECT_FALSE(model.session().documentPath());
+    write(path, "{ not json");
+    try {
+        model.open(path);
+        FAIL();
+    } catch (const DocumentError& error) {
+        EXPECT_TRUE(error.message().startsWith("JSON として読めません"));
+    }
+    EXPECT_THROW(model.open(folder + "/missing.vorlin"), DocumentError);
+}
+
+TEST_F(Document, AMovedShowFolderFindsItsMediaThroughRelativePaths) {
+    QFile(folder + "/intro.wav").open(QIODevice::WriteOnly);
+    AppModel model;
+    KeyAssignment list(folder + "/intro.wav", 0);
+    list.sources = QStringList{folder + "/intro.wav"};
+    model.document().assignments[0] = list;
+    model.save(folder + "/show.vorlin");
+
+    const QString moved = QString::fromStdString(dir.file("Moved"));
+    ASSERT_TRUE(QDir().rename(folder, moved));
+    AppModel reopened;
+    reopened.open(moved + "/show.vorlin");
+    EXPECT_EQ(reopened.document().assignments.at(0).path, moved + "/intro.wav");
+    EXPECT_EQ(reopened.document().assignments.at(0).sources->first(), moved + "/intro.wav");
+    reopened.save(moved + "/show.vorlin");
+    EXPECT_TRUE(
+        read(moved + "/show.vorlin").contains(("\"path\": \"" + moved + "/intro.wav\"").toUtf8()));
+    EXPECT_EQ(ShowFile::relativePath("/Volumes/Disk/a.wav", "/Users/op/Show"),
+              "../../../Volumes/Disk/a.wav");
+}
+
+TEST_F(Document, AFailedWriteKeepsTheOldFileAndTheDocumentDirty) {
+    AppModel model;
+    model.document().assignments[0] = KeyAssignment(folder + "/intro.wav", 0);
+    const QString path = folder + "/show.vorlin";
+    model.save(path);
+    const QByteArray before = read(path);
+    for (KeyCode k = 1; k < 40; ++k)
+        model.document().assignments[k] = KeyAssignment(folder + "/more.wav", k);
+    model.markDirty();
+
+    // A full disk, as far as this process can tell: writes past 1 KiB fail.
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    rlimit small = old;
+    small.rlim_cur = 1024;
+    setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_THROW(model.save(path), DocumentError);
+    setrlimit(RLIMIT_FSIZE, &old);
+
+    EXPECT_EQ(read(path), before);
+    EXPECT_TRUE(model.isDirty());
+    EXPECT_EQ(QDir(folder).entryList(QDir::Files), QStringList{"show.vorlin"});
+    EXPECT_THROW(model.save(folder + "/no/such/folder/show.vorlin"), DocumentError);
+    EXPECT_EQ(*model.session().documentPath(), path);
+}
+
+TEST_F(Document, DirtyTrackingNewDocumentAndReopeningTheLastShow) {
+    AppModel model;
+    int titles = 0;
+    model.session().onTitleChange = [&] { ++titles; };
+    EXPECT_EQ(model.documentName(), "名称未設定.vorlin");
+    model.setMasterVolume(0.8);
+    EXPECT_TRUE(model.isDirty());
+    model.setMasterVolume(0.9); // already dirty: no second title change
+    EXPECT_EQ(titles, 1);
+    const QString path = folder + "/last.vorlin";
+    model.save(path);
+
+    AppModel next;
+    next.restoreLastDocument();
+    EXPECT_EQ(next.session().documentPath(), path);
+    EXPECT_EQ(next.masterVolume(), 0.9);
+    EXPECT_FALSE(next.isDirty()); // applying a file marks nothing
+
+    next.newDocument();
+    EXPECT_EQ(next.document().pages.size(), 1u);
+    EXPECT_FALSE(next.session().documentPath());
+    EXPECT_FALSE(Prefs::value(Prefs::lastKeymapKey(1)).isValid());
+
+    Prefs::setValue(Prefs::lastKeymapKey(1), path);
+    write(path, "garbage");
+    AppModel third;
+    third.restoreLastDocument();
+    EXPECT_TRUE(third.cueEngine().statusMessage().startsWith("前回のキーマップを開けません: "));
+    Prefs::setValue(Prefs::kReopenLastKeymap, false);
+    AppModel fourth;
+    fourth.restoreLastDocument();
+    EXPECT_TRUE(fourth.cueEngine().statusMessage().isEmpty());
+    Prefs::remove(Prefs::kReopenLastKeymap);
+}
+
+TEST_F(Document, ThousandsOfMutatedFilesOpenCleanlyOrFailWithTheModelUnchanged) {
+    AppModel model;
+    const QString path = folder + "/fuzz.vorlin";
+    const QByteArray seed = sampleFile(folder);
+    std::mt19937 random(2026);
+    const char* tokens[] = {"null",
+                            "[]",
+                            "{}",
+                            "-1",
+                            "1e400",
+                            "\"x\"",
+                            "true",
+                            "\"300000\"",
+                            ":",
+                            ",",
+                            "\"mode\": \"hold\""};
+    int opened = 0, refused = 0;
+    for (int round = 0; round < 3000; ++round) {
+        QByteArray text = seed;
+        const int edits = 1 + static_cast<int>(random() % 4);
+        for (int e = 0; e < edits; ++e) {
+            const int at = static_cast<int>(random() % text.size());
+            switch (random() % 4) {
+            case 0:
+                text[at] = static_cast<char>(random() % 256);
+                break;
+            case 1:
+                text.remove(at, static_cast<int>(random() % 40));
+                break;
+            case 2:
+                text.insert(at, tokens[random() % std::size(tokens)]);
+                break;
+            default:
+                text.truncate(at);
+                break;
+            }
+        }
+        write(path, text);
+        const auto pages = model.document().pages.size();
+        const auto keys = model.document().assignments;
+        const auto current = model.document().currentPage;
+        try {
+            model.open(path);
+            ++opened;
+            ASSERT_FALSE(model.document().pages.empty());
+            ASSERT_LT(model.document().currentPage, model.document().pages.size());
+        } catch (const DocumentError&) {
+            ++refused;
+            ASSERT_EQ(model.document().pages.size(), pages);
+            ASSERT_EQ(model.document().assignments, keys);
+            ASSERT_EQ(model.document().currentPage, current);
+        }
+        if (round % 200 == 0)
+            QCoreApplication::processEvents();
+    }
+    EXPECT_GT(opened, 10);
+    EXPECT_GT(refused, 1000);
+}
+
+} // namespace

@@ -1,0 +1,77 @@
+#include "model/KeyboardLayout.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace KeyboardLayout;
+
+int keyCells(const std::vector<KeyRow>& rows) {
+    int n = 0;
+    for (const auto& row : rows)
+        for (const auto& spec : row.keys)
+            n += spec.kind == KeySpec::Kind::key;
+    return n;
+}
+
+double height(const std::vector<KeyRow>& rows) {
+    double h = 0;
+    for (const auto& row : rows)
+        h += row.height;
+    return h;
+}
+
+TEST(KeyboardLayout, UsHas67KeysAndJisHas69CellsOver68Codes) {
+    EXPECT_EQ(keyCells(usRows()), 67);
+    EXPECT_EQ(fillOrderOf(usRows()).size(), 67u);
+    EXPECT_EQ(keyCells(jisRows()), 69);
+    EXPECT_EQ(fillOrderOf(jisRows()).size(), 68u);
+    EXPECT_EQ(height(usRows()), 5.75);
+    EXPECT_EQ(height(jisRows()), 5.75);
+    EXPECT_EQ(unitsHigh(), 5.75);
+}
+
+TEST(KeyboardLayout, FillOrdersRunFromTheFunctionKeysToTheArrows) {
+    for (const auto* rows : {&usRows(), &jisRows()}) {
+        const auto order = fillOrderOf(*rows);
+        EXPECT_EQ(std::vector<KeyCode>(order.begin(), order.begin() + 3),
+                  (std::vector<KeyCode>{122, 120, 99}));
+        EXPECT_EQ(std::vector<KeyCode>(order.end() - 5, order.end()),
+                  (std::vector<KeyCode>{126, 49, 123, 125, 124}));
+    }
+    // JIS: the two Return cells are one key, counted once, between [ and A.
+    const auto jis = fillOrderOf(jisRows());
+    const auto enter = std::find(jis.begin(), jis.end(), 36);
+    EXPECT_EQ(*(enter - 1), 30);
+    EXPECT_EQ(*(enter + 1), 0);
+}
+
+TEST(KeyboardLayout, CellsCarryIdsKindsAndTheStopAllPosition) {
+    const KeySpec& stop = usRows()[0].keys[0];
+    EXPECT_EQ(stop.kind, KeySpec::Kind::stopAll);
+    EXPECT_EQ(stop.code, 53);
+    EXPECT_EQ(stop.label, "ESC");
+    EXPECT_EQ(usRows()[0].keys[2].id, "0-2");
+    EXPECT_EQ(usRows()[0].keys[2].label, "F1");
+    EXPECT_EQ(usRows()[0].keys[1].kind, KeySpec::Kind::gap);
+    EXPECT_EQ(usRows()[0].keys[1].code, KeySpec::kNoCode);
+    EXPECT_EQ(usRows()[3].keys[0].kind, KeySpec::Kind::pad);
+    EXPECT_EQ(jisRows()[5].keys[3].label, "英数");
+    EXPECT_EQ(jisRows()[5].keys[3].kind, KeySpec::Kind::pad);
+    EXPECT_EQ(labelsOf(jisRows()).at(93), "¥");
+    EXPECT_EQ(labelsOf(jisRows()).at(36), "ENTER");
+    EXPECT_EQ(labelsOf(usRows()).at(42), "\\");
+    EXPECT_THROW(build({{1, {{Item::Sort::key, 70000, "X", 1}}}}), std::logic_error);
+}
+
+TEST(KeyboardLayout, LabelsNameUndrawnKeysByCode) {
+    EXPECT_EQ(label(0), "A");
+    EXPECT_EQ(label(49), "SPACE");
+    EXPECT_EQ(label(82), "#82"); // a keypad key: not drawn, still assignable
+    EXPECT_TRUE(isJISLayoutName("jp"));
+    EXPECT_TRUE(isJISLayoutName("jp(kana),us"));
+    EXPECT_FALSE(isJISLayoutName("us,jp"));
+    EXPECT_FALSE(isJISLayoutName(""));
+}
+
+} // namespace
