@@ -1,5 +1,6 @@
 #include "cli/Commands.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -8,6 +9,10 @@
 
 #include "audio/AudioDeviceList.h"
 #include "audio/AudioLoader.h"
+#include "cli/EventScript.h"
+#include "cli/ShowRenderer.h"
+#include "cli/WavWriter.h"
+#include "model/DocumentError.h"
 
 namespace {
 
@@ -44,6 +49,8 @@ int run(const QStringList& args, QTextStream& out, QTextStream& err) {
         return probe(args.mid(1), out, err);
     if (command == "devices")
         return devices(out);
+    if (command == "render")
+        return render(args.mid(1), out, err);
     if (command == "help" || command == "--help") {
         out << kUsage;
         return 0;
@@ -59,6 +66,78 @@ int devices(QTextStream& out) {
                                 {"name", QString::fromStdString(device.name)},
                                 {"channels", static_cast<qint64>(device.channels)}});
     out << QJsonDocument(list).toJson(QJsonDocument::Indented);
+    return 0;
+}
+
+int render(const QStringList& args, QTextStream& out, QTextStream& err) {
+    QString show, events, output;
+    int rate = 48000, channels = 8;
+    std::int64_t block = 256;
+    std::optional<double> seconds;
+    for (qsizetype i = 0; i < args.size(); ++i) {
+        const QString& arg = args[i];
+        const QString value = args.value(i + 1);
+        bool ok = true;
+        if (arg == "--events")
+            events = value;
+        else if (arg == "--out")
+            output = value;
+        else if (arg == "--rate")
+            rate = value.toInt(&ok);
+        else if (arg == "--channels")
+            channels = value.toInt(&ok);
+        else if (arg == "--block")
+            block = value.toLongLong(&ok);
+        else if (arg == "--seconds")
+            seconds = value.toDouble(&ok);
+        else if (show.isEmpty() && !arg.startsWith("--")) {
+            show = arg;
+            continue;
+        } else {
+            err << "不明な引数です: " << arg << "\n" << kUsage;
+            return 2;
+        }
+        ++i;
+        if (!ok || value.isEmpty() || rate < 8000 || rate > 384000 || channels < 1 ||
+            channels > 64 || block < 1 || block > 65536 || (seconds && *seconds < 0)) {
+            err << "引数の値が正しくありません: " << arg << " " << value << "\n";
+            return 2;
+        }
+    }
+    if (show.isEmpty() || events.isEmpty() || output.isEmpty()) {
+        err << kUsage;
+        return 2;
+    }
+    QFile eventFile(events);
+    if (!eventFile.open(QIODevice::ReadOnly)) {
+        err << "イベントファイルを読めません: " << events << "\n";
+        return 1;
+    }
+    std::vector<ScriptEvent> script;
+    try {
+        script = EventScript::parse(QString::fromUtf8(eventFile.readAll()));
+    } catch (const EventScriptError& error) {
+        err << QString::fromStdString(error.what()) << "\n";
+        return 2;
+    }
+    ShowRenderer renderer(rate, channels, block);
+    try {
+        renderer.open(show);
+    } catch (const DocumentError& error) {
+        err << "キーマップを開けません: " << error.message() << "\n";
+        return 1;
+    }
+    WavWriter wav;
+    if (!wav.open(output, channels, rate)) {
+        err << "出力ファイルを書けません: " << output << "\n";
+        return 1;
+    }
+    const double end = seconds.value_or((script.empty() ? 0.0 : script.back().seconds) + 2.0);
+    if (!renderer.run(script, end, wav) || !wav.finish()) {
+        err << "出力ファイルを書けません: " << output << "\n";
+        return 1;
+    }
+    out.flush();
     return 0;
 }
 

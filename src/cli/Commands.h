@@ -18,6 +18,11 @@ int run(const QStringList& args, QTextStream& out, QTextStream& err);
 // `vorlin devices`: the output devices (uid, name, channels) as a JSON array.
 int devices(QTextStream& out);
 
+// `vorlin render SHOW --events FILE --out OUT.wav [--rate R] [--channels N] [--block B]
+// [--seconds S]`: plays the show headless on a simulated clock and writes every output channel
+// to a 32-bit float WAV.
+int render(const QStringList& args, QTextStream& out, QTextStream& err);
+
 // `vorlin probe FILE…`: the media probe of each file, as a JSON array in argument order.
 // Exit status 1 when a file is missing or unreadable (its entry then carries "error").
 int probe(const QStringList& files, QTextStream& out, QTextStream& err);

@@ -2,6 +2,7 @@
 
 #include "audio/AudioStartError.h"
 #include "audio/Routing.h"
+#include "model/KeyboardLayout.h"
 #include "video/HeadlessVideoOutput.h"
 
 AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
@@ -12,8 +13,11 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
       }),
       m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
       m_engine(std::make_unique<CueEngine>(m_document, m_audio.mixer(), *m_video, m_live)),
-      m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }), m_session(*this) {
+      m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }), m_session(*this),
+      m_editor(*this) {
     m_audio.onConfigurationChange = [this] { restartAudio(); };
+    // A press on an empty key selects it only when the keyboard draws that key.
+    m_engine->setLayoutKeys([](KeyCode code) { return KeyboardLayout::labels().count(code) > 0; });
     connect(&m_media, &MediaLoader::missingFiles, this, [this](const QStringList& names) {
         m_engine->setStatusMessage(QStringLiteral("見つからないファイルがあります: ") +
                                    names.join(QStringLiteral("、")));
@@ -61,25 +65,27 @@ void AppModel::applyQuickRouting(KeyCode code, const QString& outputMap) {
 }
 
 void AppModel::restartAudio() {
-    std::optional<std::string> uid;
-    if (m_outputDeviceUID)
-        uid = m_outputDeviceUID->toStdString();
-    try {
-        m_audio.start(uid);
-    } catch (const AudioStartError& error) {
-        m_engine->setStatusMessage(QStringLiteral("オーディオ出力を開始できません: ") +
-                                   QString::fromStdString(error.what()));
-        try {
-            m_audio.start(std::nullopt);
-        } catch (const AudioStartError&) {
-            // Even the default failed; the null device cannot, so this is not reached.
-        }
-    }
     Mixer& mixer = m_audio.mixer();
+    if (!m_offline) {
+        std::optional<std::string> uid;
+        if (m_outputDeviceUID)
+            uid = m_outputDeviceUID->toStdString();
+        try {
+            m_audio.start(uid);
+        } catch (const AudioStartError& error) {
+            m_engine->setStatusMessage(QStringLiteral("オーディオ出力を開始できません: ") +
+                                       QString::fromStdString(error.what()));
+            try {
+                m_audio.start(std::nullopt);
+            } catch (const AudioStartError&) {
+                // Even the default failed; the null device cannot, so this is not reached.
+            }
+        }
+        m_engine->setOutputChannelCount(m_audio.channelCount());
+    }
     mixer.setMasterVolume(m_masterVolume);
     mixer.setMuted(m_mutedOutputs);
     mixer.setToneChannel(m_toneChannel);
-    m_engine->setOutputChannelCount(m_audio.channelCount());
     emit audioDeviceChanged();
 }
 

@@ -13,6 +13,7 @@
 #include "cue/CueEngine.h"
 #include "cue/LiveState.h"
 #include "cue/MediaLoader.h"
+#include "cue/ShowEditor.h"
 #include "cue/ShowSession.h"
 #include "model/ShowDocument.h"
 #include "video/VideoOutput.h"
@@ -36,6 +37,11 @@ public:
     // Starts the audio engine on the chosen device and the 30 Hz tick (a precise timer on the
     // main thread).
     void start();
+
+    // Offline: the mixer is driven by an OfflineRenderer and no device is ever started (the
+    // chosen device is still kept, for the show file).
+    void setOffline(bool offline) { m_offline = offline; }
+    bool isOffline() const { return m_offline; }
 
     // Restarts the audio engine on the chosen device; when that fails, says why in the status
     // line and goes on with the system default. Re-applies master volume, mutes and test tone.
@@ -89,6 +95,10 @@ public:
     CueEngine& cueEngine() { return *m_engine; }
     MediaLoader& media() { return m_media; }
     ShowSession& session() { return m_session; }
+    // Putting files on keys and arranging pages (see ShowEditor).
+    ShowEditor& editor() { return m_editor; }
+    // Who answers the editing operations' questions (none: every question is cancelled).
+    void setInteraction(Interaction* interaction) { m_editor.setInteraction(interaction); }
 
 signals:
     void assignmentsChanged();
@@ -99,6 +109,7 @@ private:
     ShowDocument m_document;
     AudioEngine m_audio;
     std::optional<QString> m_outputDeviceUID;
+    bool m_offline = false;
     double m_masterVolume = 1.0;
     std::set<std::int64_t> m_mutedOutputs;
     std::optional<std::int64_t> m_toneChannel;
@@ -107,6 +118,7 @@ private:
     std::unique_ptr<CueEngine> m_engine;
     MediaLoader m_media;
     ShowSession m_session;
+    ShowEditor m_editor;
     QStringList m_videoOutputs;
     QTimer m_timer;
 };

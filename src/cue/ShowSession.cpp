@@ -123,7 +123,7 @@ void ShowSession::open(const QString& path) {
 }
 
 void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) {
-    if (doc.outputDeviceUID) {
+    if (doc.outputDeviceUID && !m_model.isOffline()) {
         bool listed = false;
         for (const AudioOutputDevice& device : AudioDeviceList::outputDevices())
             listed = listed || QString::fromStdString(device.uid) == *doc.outputDeviceUID;

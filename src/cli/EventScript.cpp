@@ -1,0 +1,73 @@
+#include "cli/EventScript.h"
+
+#include <cmath>
+
+#include <QStringList>
+
+#include "audio/Routing.h"
+
+namespace EventScript {
+
+std::vector<ScriptEvent> parse(const QString& text) {
+    std::vector<ScriptEvent> events;
+    const QStringList lines = text.split(QLatin1Char('\n'));
+    for (qsizetype n = 0; n < lines.size(); ++n) {
+        const QString line = lines[n].section(QLatin1Char('#'), 0, 0).trimmed();
+        if (line.isEmpty())
+            continue;
+        const auto fail = [&] {
+            return EventScriptError(QStringLiteral("イベントファイルの %1 行目が読めません: %2")
+                                        .arg(n + 1)
+                                        .arg(lines[n].trimmed())
+                                        .toStdString());
+        };
+        const QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        if (words.size() < 2)
+            throw fail();
+        ScriptEvent event;
+        bool ok = false;
+        event.seconds = words[0].toDouble(&ok);
+        if (!ok || !std::isfinite(event.seconds) || event.seconds < 0)
+            throw fail();
+        const QString& verb = words[1];
+        if (verb == "down" || verb == "up") {
+            const uint code = words.value(2).toUInt(&ok);
+            if (!ok || code > 65535 || words.size() > 5)
+                throw fail();
+            event.kind = ScriptEvent::Kind::key;
+            event.code = static_cast<KeyCode>(code);
+            event.down = verb == "down";
+            for (qsizetype w = 3; w < words.size(); ++w) {
+                if (words[w] == "shift")
+                    event.shift = true;
+                else if (words[w] == "repeat")
+                    event.repeat = true;
+                else
+                    throw fail();
+            }
+        } else if (verb == "page") {
+            event.kind = ScriptEvent::Kind::page;
+            event.page = words.value(2).toLongLong(&ok);
+            if (!ok || words.size() != 3 || event.page < 0)
+                throw fail();
+        } else if (verb == "mute") {
+            event.kind = ScriptEvent::Kind::mute;
+            const QString outputs = QStringList(words.mid(2)).join(QLatin1Char(' '));
+            for (std::int64_t output : Routing::parse(outputs.toStdString()))
+                event.muted.insert(output);
+            if (!outputs.isEmpty() && event.muted.empty())
+                throw fail();
+        } else if (verb == "master") {
+            event.kind = ScriptEvent::Kind::master;
+            event.gain = words.value(2).toDouble(&ok);
+            if (!ok || words.size() != 3 || !std::isfinite(event.gain) || event.gain < 0)
+                throw fail();
+        } else {
+            throw fail();
+        }
+        events.push_back(std::move(event));
+    }
+    return events;
+}
+
+} // namespace EventScript

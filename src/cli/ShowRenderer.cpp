@@ -1,0 +1,69 @@
+#include "cli/ShowRenderer.h"
+
+#include <cmath>
+
+#include <QCoreApplication>
+
+#include "cli/WavWriter.h"
+#include "video/HeadlessVideoOutput.h"
+
+ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames)
+    : m_rate(sampleRate) {
+    auto video = std::make_unique<HeadlessVideoOutput>(
+        [this] { return m_device ? m_device->hostTime() : 1'000'000'000ull; }, false);
+    m_model = std::make_unique<AppModel>(std::move(video));
+    m_model->setOffline(true);
+    m_device =
+        std::make_unique<OfflineRenderer>(m_model->mixer(), channels, blockFrames, sampleRate);
+    m_model->cueEngine().setOutputChannelCount(channels);
+}
+
+void ShowRenderer::open(const QString& path) {
+    m_model->open(path);
+    // Media are decoded at the render rate on the thread pool; the clock starts once all are in.
+    while (m_model->media().pending() > 0)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+}
+
+void ShowRenderer::apply(const ScriptEvent& event) {
+    switch (event.kind) {
+    case ScriptEvent::Kind::key:
+        m_model->handleKey(event.code, event.down, event.shift, event.repeat);
+        break;
+    case ScriptEvent::Kind::page:
+        m_model->editor().switchPage(static_cast<std::size_t>(event.page));
+        break;
+    case ScriptEvent::Kind::mute:
+        m_model->setMutedOutputs(event.muted);
+        break;
+    case ScriptEvent::Kind::master:
+        m_model->setMasterVolume(event.gain);
+        break;
+    }
+}
+
+bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out) {
+    auto& video = static_cast<HeadlessVideoOutput&>(m_model->video());
+    const auto total = static_cast<std::int64_t>(std::llround(seconds * m_rate));
+    std::size_t nextEvent = 0;
+    std::int64_t nextTick = 0;
+    std::vector<const float*> channels(static_cast<std::size_t>(m_device->channelCount()));
+    while (m_device->framesRendered() < total) {
+        const std::int64_t start = m_device->framesRendered();
+        // Exact comparisons in frames: an event at t is due when t × rate ≤ the block's start.
+        while (nextEvent < events.size() &&
+               events[nextEvent].seconds * m_rate <= static_cast<double>(start))
+            apply(events[nextEvent++]);
+        while (static_cast<double>(nextTick) * m_rate / 30.0 <= static_cast<double>(start)) {
+            video.poll();
+            m_model->tick();
+            ++nextTick;
+        }
+        m_device->renderBlock();
+        for (std::size_t c = 0; c < channels.size(); ++c)
+            channels[c] = m_device->channel(static_cast<int>(c));
+        if (!out.write(channels.data(), std::min(m_device->blockFrames(), total - start)))
+            return false;
+    }
+    return true;
+}

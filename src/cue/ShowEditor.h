@@ -1,0 +1,65 @@
+#pragma once
+
+#include <set>
+
+#include <QString>
+#include <QStringList>
+
+#include "cue/Interaction.h"
+#include "model/KeyAssignment.h"
+
+class AppModel;
+
+// Putting files on keys and arranging pages: every operation changes the current page's working
+// copy (or the pages), keeps the media table in step and marks the show changed. Questions go
+// through the Interaction; a cancelled question changes nothing. Main thread.
+class ShowEditor {
+public:
+    // Short fade with which a key is stopped before its content changes.
+    static constexpr double kEditFade = 0.05;
+
+    explicit ShowEditor(AppModel& model);
+
+    void setInteraction(Interaction* interaction) { m_ask = interaction ? interaction : &m_cancel; }
+
+    // Files dropped on a key cell: the drop preferences decide (asking when they say "ask").
+    void place(const QStringList& files, KeyCode code);
+    void assign(const QString& file, KeyCode code);
+    void assign(const QStringList& files, KeyCode startingAt);
+    void assignList(const QStringList& files, KeyCode code);
+    void appendToKey(const QStringList& files, KeyCode code);
+    // `itemID`: a deck item's id, or for a plain list the item's position ("0", "1", …).
+    void removeFromList(KeyCode code, const QString& itemID);
+    void clear(KeyCode code);
+    void copyKey(KeyCode code, std::size_t toPage);
+    void applyRoutingToAll(KeyCode from);
+    void replaceFile(KeyCode code);
+    void addFiles(KeyCode code);
+    // An edited assignment; the key's running voices take the new volume and loop at once.
+    void update(KeyCode code, const KeyAssignment& assignment);
+    void renameKey(KeyCode code);
+    void renameDeckItem(KeyCode code, const QString& itemID);
+
+    void newPage(bool duplicate);
+    void switchPage(std::size_t index);
+    void stepPage(int delta);
+    void renamePage(std::size_t index);
+    void deletePage(std::size_t index);
+    void movePages(const std::set<std::size_t>& from, std::size_t to);
+
+    // Extensions the open panels accept (audio, video, image, PDF and presentations).
+    static QStringList openPanelTypes();
+    static bool isSupported(const QString& file);
+    // Whether a file exists but the system refuses to let us read it.
+    static bool isPermissionError(const QString& file);
+
+private:
+    QStringList supported(const QStringList& files);
+    std::int64_t colorFor(KeyCode code) const;
+    void store(KeyCode code, const KeyAssignment& assignment);
+    void changed();
+
+    AppModel& m_model;
+    CancellingInteraction m_cancel;
+    Interaction* m_ask = &m_cancel;
+};

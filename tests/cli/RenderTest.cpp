@@ -1,0 +1,182 @@
+#include <cstring>
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QTextStream>
+
+#include "TempDir.h"
+#include "cli/Commands.h"
+#include "cli/WavWriter.h"
+#include "cue/AppModel.h"
+#include "model/Prefs.h"
+
+namespace {
+
+// A mono float WAV holding one constant level.
+void constantWav(const QString& path, float level, double seconds) {
+    std::vector<float> samples(static_cast<std::size_t>(seconds * 48000), level);
+    const float* channels[] = {samples.data()};
+    WavWriter wav;
+    ASSERT_TRUE(wav.open(path, 1, 48000));
+    ASSERT_TRUE(wav.write(channels, static_cast<std::int64_t>(samples.size())));
+    ASSERT_TRUE(wav.finish());
+}
+
+// Channels of a float WAV, found by its chunks.
+std::vector<std::vector<float>> readWav(const QString& path, int channels) {
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    const QByteArray bytes = file.readAll();
+    const qsizetype data = bytes.indexOf("data") + 8;
+    const auto frames = (bytes.size() - data) / (4 * channels);
+    std::vector<std::vector<float>> out(static_cast<std::size_t>(channels),
+                                        std::vector<float>(static_cast<std::size_t>(frames)));
+    for (qsizetype i = 0; i < frames; ++i)
+        for (int c = 0; c < channels; ++c)
+            std::memcpy(&out[c][i], bytes.constData() + data + (i * channels + c) * 4, 4);
+    return out;
+}
+
+struct RenderRun {
+    int status = 0;
+    QString err;
+};
+
+RenderRun render(const QStringList& args) {
+    RenderRun run;
+    QString out;
+    QTextStream outStream(&out), errStream(&run.err);
+    run.status = Commands::run(QStringList{"render"} + args, outStream, errStream);
+    errStream.flush();
+    return run;
+}
+
+class Render : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Prefs::registerDefaults();
+        folder = QString::fromStdString(dir.file(""));
+        constantWav(folder + "/half.wav", 0.5f, 10);
+        constantWav(folder + "/quarter.wav", 0.25f, 10);
+        constantWav(folder + "/eighth.wav", 0.125f, 10);
+        AppModel model;
+        model.setOffline(true);
+        KeyAssignment a(folder + "/half.wav", 0);
+        a.fadeIn = 0.1;
+        a.fadeOut = 0.2;
+        a.outputMap = "3-4";
+        KeyAssignment s(folder + "/quarter.wav", 1);
+        s.mode = KeyMode::retrigger;
+        s.fadeOut = 1.0;
+        s.outputMap = "1";
+        KeyAssignment d(folder + "/eighth.wav", 2);
+        d.mode = KeyMode::hold;
+        d.fadeOut = 0.0;
+        d.outputMap = "2";
+        model.document().assignments = {{0, a}, {1, s}, {2, d}};
+        show = folder + "/show.vorlin";
+        model.save(show);
+        events = folder + "/events.txt";
+    }
+    void script(const QByteArray& text) {
+        QFile file(events);
+        file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+        file.write(text);
+    }
+
+    TempDir dir;
+    QString folder, show, events;
+};
+
+TEST_F(Render, ScriptedShowMatchesTheSamplesComputedFromItsEvents) {
+    script("# a scripted show\n"
+           "0.5 down 0\n"
+           "1.0 mute 4\n"
+           "1.2 master 0.5\n"
+           "1.5 down 0      # toggle off, 0.2 s fade\n"
+           "2.0 down 1\n"
+           "2.5 down 1      # retrigger\n"
+           "3.0 down 2\n"
+           "3.5 up 2\n");
+    const QString wav = folder + "/out.wav";
+    const RenderRun run = render({show, "--events", events, "--out", wav, "--channels", "4"});
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    const auto out = readWav(wav, 4);
+    ASSERT_EQ(out[0].size(), 264000u); // last event + 2 s
+
+    // Events apply before the first 256-frame block starting at or after their time.
+    // A at 24064, fading in over 4800 frames on outputs 3 and 4.
+    EXPECT_EQ(out[2][24063], 0.0f);
+    EXPECT_GT(out[2][24064], 0.0f);
+    EXPECT_LT(out[2][24064], 1e-6f);
+    EXPECT_NEAR(out[2][24064 + 2399], 0.125f, 0.001f);
+    EXPECT_EQ(out[2][30000], 0.5f);
+    EXPECT_EQ(out[3][30000], 0.5f);
+    EXPECT_EQ(out[0][30000], 0.0f);
+    // Output 4 muted from 48128; master ½ from 57600.
+    EXPECT_EQ(out[3][48127], 0.5f);
+    EXPECT_EQ(out[3][48128], 0.0f);
+    EXPECT_EQ(out[2][57599], 0.5f);
+    EXPECT_EQ(out[2][57600], 0.25f);
+    // Toggled off at 72192 with a 9600-frame fade: a quarter of the level half-way.
+    EXPECT_NEAR(out[2][72192 + 4799], 0.0625f, 0.002f);
+    for (std::size_t i = 72192 + 9700; i < 96000; ++i)
+        ASSERT_EQ(out[2][i], 0.0f) << i;
+    // The retrigger key: 0.25 × master at 96000; retriggered at 120064, one instance after 30 ms.
+    EXPECT_EQ(out[0][96000], 0.125f);
+    EXPECT_GT(out[0][120064 + 100], 0.125f);
+    for (std::size_t i = 120064 + 1440 + 256; i < 264000; ++i)
+        ASSERT_EQ(out[0][i], 0.125f) << i;
+    // The hold key sounds from 144128 until its release at 168192.
+    EXPECT_EQ(out[1][144127], 0.0f);
+    EXPECT_EQ(out[1][144128], 0.0625f);
+    EXPECT_EQ(out[1][168191], 0.0625f);
+    for (std::size_t i = 168192 + 256; i < 264000; ++i)
+        ASSERT_EQ(out[1][i], 0.0f) << i;
+
+    // The same input gives the same file, bit for bit.
+    const QString again = folder + "/again.wav";
+    ASSERT_EQ(render({show, "--events", events, "--out", again, "--channels", "4"}).status, 0);
+    QFile first(wav), second(again);
+    first.open(QIODevice::ReadOnly);
+    second.open(QIODevice::ReadOnly);
+    EXPECT_EQ(first.readAll(), second.readAll());
+}
+
+TEST_F(Render, OptionsAndPagesOfTheScript) {
+    script("0 down 0\n0.25 page 0\n");
+    const QString wav = folder + "/short.wav";
+    ASSERT_EQ(render({show, "--events", events, "--out", wav, "--rate", "44100", "--channels", "2",
+                      "--block", "100", "--seconds", "0.5"})
+                  .status,
+              0);
+    const auto out = readWav(wav, 2);
+    EXPECT_EQ(out[0].size(), 22050u);
+    // Outputs 3–4 do not exist on two channels: the key is metered, not heard.
+    for (float v : out[0])
+        ASSERT_EQ(v, 0.0f);
+}
+
+TEST_F(Render, BadInputEndsWithAMessageAndAnErrorStatus) {
+    script("0.5 down 0\n1.0 mute 4\nsoon down 1\n");
+    RenderRun run = render({show, "--events", events, "--out", folder + "/x.wav"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_TRUE(run.err.contains("イベントファイルの 3 行目が読めません: soon down 1"))
+        << run.err.toStdString();
+
+    script("0.5 down 0\n");
+    run = render({folder + "/missing.vorlin", "--events", events, "--out", folder + "/x.wav"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.err.startsWith("キーマップを開けません: ")) << run.err.toStdString();
+
+    run = render({show, "--events", events, "--out", folder + "/no/such/dir/x.wav"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(run.err.startsWith("出力ファイルを書けません: "));
+
+    EXPECT_EQ(render({show, "--events", events}).status, 2);
+    EXPECT_EQ(
+        render({show, "--events", events, "--out", folder + "/x.wav", "--channels", "0"}).status,
+        2);
+}
+
+} // namespace

@@ -1,0 +1,258 @@
+#include <chrono>
+#include <deque>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include <QCoreApplication>
+#include <QFile>
+
+#include "CueStage.h"
+#include "MediaFixtures.h"
+#include "TempDir.h"
+#include "model/KeyboardLayout.h"
+#include "model/Prefs.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// Answers the editor's questions from a script, and remembers what it was asked.
+class Script : public Interaction {
+public:
+    std::deque<int> buttons;
+    std::deque<std::optional<QString>> names;
+    std::deque<QStringList> files;
+    QStringList asked;
+
+    int alert(const QString& message, const QString& informative,
+              const QStringList& choices) override {
+        asked << message << informative << choices.join("|");
+        if (buttons.empty())
+            return static_cast<int>(choices.size()) - 1;
+        const int b = buttons.front();
+        buttons.pop_front();
+        return b;
+    }
+    std::optional<QString> askName(const QString& title, const QString&) override {
+        asked << title;
+        auto n = names.empty() ? std::nullopt : names.front();
+        if (!names.empty())
+            names.pop_front();
+        return n;
+    }
+    QStringList chooseFiles(const QString& message, const QStringList&, bool) override {
+        asked << message;
+        auto f = files.empty() ? QStringList{} : files.front();
+        if (!files.empty())
+            files.pop_front();
+        return f;
+    }
+};
+
+class Editing : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Prefs::registerDefaults();
+        Prefs::setValue(Prefs::kKeyboardLayout, "us");
+        for (const QString& key : {Prefs::kOccupiedDrop, Prefs::kMultiDrop})
+            Prefs::remove(key);
+        stage.model.setInteraction(&script);
+    }
+    QString file(const QString& name) {
+        return QString::fromStdString(dir.file(name.toStdString()));
+    }
+    ShowEditor& editor() { return stage.model.editor(); }
+    std::map<KeyCode, KeyAssignment>& keys() { return stage.doc().assignments; }
+
+    TempDir dir;
+    CueStage stage;
+    Script script;
+};
+
+constexpr KeyCode kA = 0, kS = 1, kD = 2, kF = 3, kQ = 12;
+
+TEST_F(Editing, DropPoliciesAskAppendReplaceOrCancel) {
+    editor().place({file("old.wav")}, kA);
+    ASSERT_EQ(keys().at(kA).path, file("old.wav"));
+
+    script.buttons = {2}; // cancel
+    editor().place({file("new.wav")}, kA);
+    EXPECT_EQ(keys().at(kA).path, file("old.wav"));
+    EXPECT_EQ(script.asked[0], "A キーにはすでに素材があります");
+    EXPECT_EQ(script.asked[1], "いま「old」が入っています。\n「後ろに追加」にすると、A "
+                               "キーを押すたびに順番に切り替わります。");
+    EXPECT_EQ(script.asked[2], "後ろに追加|差し替える|キャンセル");
+
+    script.buttons = {0}; // append: the old file first
+    editor().place({file("new.wav")}, kA);
+    EXPECT_EQ(*keys().at(kA).sources, (QStringList{file("old.wav"), file("new.wav")}));
+    EXPECT_EQ(stage.engine().statusMessage(),
+              "A キーに 1 個追加しました（押すたび順に切り替わります）");
+
+    Prefs::setValue(Prefs::kOccupiedDrop, "replace");
+    editor().place({file("x.mp3"), file("notes.txt"), file("y.flac")}, kA);
+    EXPECT_EQ(*keys().at(kA).sources, (QStringList{file("x.mp3"), file("y.flac")}));
+    editor().place({file("notes.txt")}, kA);
+    EXPECT_EQ(stage.engine().statusMessage(), "対応していないファイルです");
+}
+
+TEST_F(Editing, SeveralFilesOnAnEmptyKeyBecomeAListOrSpreadOverFreeKeys) {
+    script.buttons = {0};
+    editor().place({file("1.wav"), file("2.wav"), file("3.wav")}, kQ);
+    EXPECT_EQ(script.asked[0], "3 個のファイルをどう入れますか？");
+    EXPECT_EQ(script.asked[2], "Q キーにまとめる|後ろの空きキーに 1 つずつ|キャンセル");
+    EXPECT_EQ(keys().at(kQ).sources->size(), 3u);
+    EXPECT_EQ(keys().at(kQ).displayName(), "1 ほか 2");
+
+    // Spread: the key itself, then the next free keys of the fill order (W is taken).
+    editor().assign(file("w.wav"), 13);
+    Prefs::setValue(Prefs::kMultiDrop, "spread");
+    editor().clear(kQ);
+    editor().place({file("a.wav"), file("b.wav"), file("c.wav")}, kQ);
+    EXPECT_EQ(keys().at(kQ).path, file("a.wav"));
+    EXPECT_EQ(keys().at(13).path, file("w.wav"));
+    EXPECT_EQ(keys().at(14).path, file("b.wav")); // E
+    EXPECT_EQ(keys().at(15).path, file("c.wav")); // R
+
+    // Near the end of the fill order: ◀ ▼ ▶ are the last three keys.
+    editor().assign(
+        QStringList{file("1.wav"), file("2.wav"), file("3.wav"), file("4.wav"), file("5.wav")},
+        123);
+    EXPECT_EQ(stage.engine().statusMessage(),
+              "空きキーが足りず 2 個のファイルを割り当てられませんでした");
+    EXPECT_EQ(keys().at(124).path, file("3.wav"));
+}
+
+TEST_F(Editing, ColoursFollowTheKeyCountAndKeepTheReplacedOnes) {
+    const auto& order = KeyboardLayout::fillOrder();
+    for (int i = 0; i < 13; ++i)
+        editor().assign(file(QString::number(i) + ".wav"), order[static_cast<std::size_t>(i)]);
+    EXPECT_EQ(keys().at(order[11]).colorIndex, 11);
+    EXPECT_EQ(keys().at(order[12]).colorIndex, 0); // the 13th key wraps round
+    editor().assign(file("again.wav"), order[5]);
+    EXPECT_EQ(keys().at(order[5]).colorIndex, 5);
+}
+
+TEST_F(Editing, ListItemsAreRemovedDownToAnEmptyKey) {
+    editor().assignList({file("a.wav"), file("b.wav"), file("c.wav")}, kS);
+    editor().removeFromList(kS, "1");
+    EXPECT_EQ(*keys().at(kS).sources, (QStringList{file("a.wav"), file("c.wav")}));
+    editor().removeFromList(kS, "0");
+    EXPECT_EQ(keys().at(kS).path, file("c.wav"));
+    EXPECT_EQ(stage.doc().media.count("list:" + file("c.wav")), 1u);
+    EXPECT_EQ(stage.doc().media.count("list:" + file("a.wav") + "\n" + file("c.wav")),
+              0u); // released
+    editor().removeFromList(kS, "0");
+    EXPECT_EQ(keys().count(kS), 0u);
+    EXPECT_TRUE(stage.doc().media.empty());
+}
+
+TEST_F(Editing, CopyRoutingUpdateAndRename) {
+    editor().assign(file("a.wav"), kA);
+    editor().assign(file("s.wav"), kS);
+    editor().newPage(false);
+    EXPECT_EQ(stage.doc().currentPage, 1u);
+    editor().assign(file("other.wav"), kA);
+    editor().switchPage(0);
+    script.buttons = {1}; // refuse to overwrite
+    editor().copyKey(kA, 1);
+    EXPECT_EQ(stage.doc().pages[1].keys.at(kA).path, file("other.wav"));
+    script.buttons = {0};
+    editor().copyKey(kA, 1);
+    EXPECT_EQ(stage.doc().pages[1].keys.at(kA).path, file("a.wav"));
+    EXPECT_TRUE(stage.engine().statusMessage().endsWith("」にコピーしました"));
+
+    KeyAssignment routed = keys().at(kA);
+    routed.outputMap = "5";
+    routed.matrix = RoutingMatrix{{6}};
+    editor().update(kA, routed);
+    editor().applyRoutingToAll(kA);
+    EXPECT_EQ(keys().at(kS).outputMap, "5");
+    EXPECT_EQ(keys().at(kS).matrix, routed.matrix);
+    EXPECT_EQ(stage.engine().statusMessage(), "A のルーティングを全キーに適用しました");
+
+    script.names = {QString("開演ベル"), std::nullopt};
+    editor().renameKey(kA);
+    editor().renameKey(kS); // cancelled
+    EXPECT_EQ(keys().at(kA).title, "開演ベル");
+    EXPECT_EQ(keys().at(kS).title, "");
+    EXPECT_TRUE(stage.model.isDirty());
+}
+
+TEST_F(Editing, AnEditReachesTheRunningVoiceAtOnce) {
+    stage.addKey(kD, "d", 0.5f, "1");
+    stage.press(kD);
+    stage.run(0.05);
+    KeyAssignment quieter = keys().at(kD);
+    quieter.volume = 0.5;
+    editor().update(kD, quieter);
+    EXPECT_EQ(stage.run(0.05)[0].back(), 0.25f);
+}
+
+TEST_F(Editing, PagesAreAddedSteppedRenamedMovedAndDeleted) {
+    editor().assign(file("a.wav"), kA);
+    editor().newPage(true);
+    EXPECT_EQ(stage.doc().pages[1].name, "ページ 1 のコピー");
+    EXPECT_EQ(keys().at(kA).path, file("a.wav"));
+    editor().newPage(false);
+    EXPECT_EQ(stage.doc().pages[2].name, "ページ 3");
+    editor().stepPage(1); // the last page: nothing
+    EXPECT_EQ(stage.doc().currentPage, 2u);
+    editor().stepPage(-2);
+    EXPECT_EQ(stage.doc().currentPage, 0u);
+
+    script.names = {QString("幕間")};
+    editor().renamePage(2);
+    EXPECT_EQ(stage.doc().pages[2].name, "幕間");
+    editor().movePages({2}, 0);
+    EXPECT_EQ(stage.doc().pages[0].name, "幕間");
+    EXPECT_EQ(stage.doc().currentPage, 1u); // still the page that was current
+
+    // Deleting the current page while its key plays: the cue goes on under "削除したページ".
+    stage.addKey(kF, "bell", 0.5f, "1");
+    stage.press(kF);
+    script.buttons = {1};
+    editor().deletePage(1); // cancelled
+    EXPECT_EQ(stage.doc().pages.size(), 3u);
+    script.buttons = {0};
+    editor().deletePage(1);
+    EXPECT_EQ(script.asked.last(), "削除|キャンセル");
+    EXPECT_EQ(stage.doc().pages.size(), 2u);
+    stage.run(0.05);
+    ASSERT_EQ(stage.model.live().cues().size(), 1u);
+    EXPECT_EQ(stage.model.live().cues()[0].pageName, QString("削除したページ"));
+}
+
+TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
+    const QString tone = file("tone.wav");
+    ASSERT_TRUE(MediaFixtures::write(tone.toStdString(), "pcm_s16le", {{2, 48000, 1.0}}));
+    editor().assign(tone, kA);
+    EXPECT_TRUE(stage.doc().media.at(tone).loading);
+    stage.press(kA);
+    EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中…");
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    const MediaInfo& info = stage.doc().media.at(tone);
+    ASSERT_FALSE(info.loading);
+    ASSERT_TRUE(info.clip);
+    EXPECT_EQ(info.clip->channelCount, 2);
+    std::weak_ptr<const AudioClip> clip = info.clip;
+
+    editor().assign(file("gone.wav"), kS);
+    editor().assign(file("deck.pdf"), kD);
+    editor().assignList({tone, tone}, kF);
+    while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    EXPECT_EQ(stage.doc().media.at(file("gone.wav")).error, QString("ファイルが見つかりません"));
+    EXPECT_EQ(stage.engine().statusMessage(), "見つからないファイルがあります: gone.wav");
+    EXPECT_EQ(stage.doc().media.at(file("deck.pdf")).error,
+              QString("スライドの再生にはまだ対応していません"));
+    EXPECT_TRUE(stage.doc().media.at("list:" + tone + "\n" + tone).error);
+
+    editor().clear(kA);
+    EXPECT_EQ(stage.doc().media.count(tone), 0u);
+    EXPECT_TRUE(clip.expired()); // the decoded audio itself is gone
+}
+
+} // namespace
