@@ -11,6 +11,7 @@
 #include "JackRecorder.h"
 #include "JackServer.h"
 #include "MixerTestSupport.h"
+#include "SignalMeasure.h"
 #include "TempDir.h"
 #include "audio/AudioDeviceList.h"
 #include "audio/AudioStartError.h"
@@ -42,17 +43,7 @@ bool waitFor(Predicate done, std::chrono::milliseconds limit = 5000ms) {
 }
 
 double frequencyOf(const std::vector<float>& x, std::int64_t from, std::int64_t to, double rate) {
-    double first = -1, last = -1;
-    int cycles = -1;
-    for (std::int64_t i = from; i + 1 < to; ++i) {
-        if (x[i] < 0 && x[i + 1] >= 0) {
-            const double at = i + x[i] / (x[i] - x[i + 1]);
-            first = first < 0 ? at : first;
-            last = at;
-            ++cycles;
-        }
-    }
-    return cycles > 0 ? cycles * rate / (last - first) : 0.0;
+    return SignalMeasure::frequency(x.data(), from, to, rate);
 }
 
 AudioClipPtr sine(double frequency, double seconds, double rate = 48000.0) {

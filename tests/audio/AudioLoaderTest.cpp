@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "MediaFixtures.h"
+#include "SignalMeasure.h"
 #include "TempDir.h"
 
 namespace {
@@ -14,21 +15,8 @@ namespace {
 using MediaFixtures::Tone;
 using MediaFixtures::Video;
 
-// Frequency from the upward zero crossings (interpolated) of samples [from, to).
 double measuredFrequency(const float* x, std::int64_t from, std::int64_t to, double rate) {
-    double first = -1.0;
-    double last = -1.0;
-    int cycles = -1;
-    for (std::int64_t i = from; i + 1 < to; ++i) {
-        if (x[i] < 0.0f && x[i + 1] >= 0.0f) {
-            const double at = i + x[i] / (x[i] - x[i + 1]);
-            if (first < 0)
-                first = at;
-            last = at;
-            ++cycles;
-        }
-    }
-    return cycles > 0 ? cycles * rate / (last - first) : 0.0;
+    return SignalMeasure::frequency(x, from, to, rate);
 }
 
 double rmsDb(const float* x, std::int64_t from, std::int64_t to) {

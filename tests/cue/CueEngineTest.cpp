@@ -195,17 +195,9 @@ TEST(Messages, LoadingFailedOrUnassignedKeysStartNothing) {
 
 TEST(VideoKeys, SoundWaitsForThePictureAndPlaysWithoutItWhenItFails) {
     TempDir dir;
-    const auto movie = dir.file("movie.mp4");
-    const MediaFixtures::Video picture{160, 120, 0.0, 1.0};
-    ASSERT_TRUE(MediaFixtures::write(movie, "aac", {{1, 48000, 1.0, 1000.0, 0.5}}, &picture));
     CueStage stage;
-    KeyAssignment a(QString::fromStdString(movie), 0);
-    a.outputMap = "1";
-    MediaInfo info;
-    info.probe = AudioLoader::probe(movie);
-    info.clip = AudioLoader::loadClip(movie, 48000.0, info.probe);
-    stage.doc().media[a.path] = info;
-    stage.doc().assignments[kA] = a;
+    ASSERT_TRUE(stage.addVideoKey(kA, dir.file("movie.mp4"), 1.0, "1"));
+    const MediaInfo info = stage.doc().media.begin()->second;
 
     stage.run(0.01); // two blocks: frames 0–511, with the tick at frame 0
     stage.press(kA);

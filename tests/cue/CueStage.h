@@ -4,7 +4,9 @@
 #include <functional>
 #include <memory>
 
+#include "MediaFixtures.h"
 #include "audio/AudioClip.h"
+#include "audio/AudioLoader.h"
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
 #include "video/HeadlessVideoOutput.h"
@@ -40,6 +42,23 @@ public:
             48000.0);
         doc().media[a.mediaKey()] = info;
         return doc().assignments[code] = a;
+    }
+
+    // A key playing a generated 1 s movie (160×120) whose mono 1 kHz sound lasts `soundSeconds`,
+    // probed and decoded as the media loader would. Returns false when the file cannot be made.
+    bool addVideoKey(KeyCode code, const std::string& path, double soundSeconds,
+                     const QString& outputMap) {
+        const MediaFixtures::Video picture{160, 120, 0.0, 1.0};
+        if (!MediaFixtures::write(path, "aac", {{1, 48000, soundSeconds, 1000.0, 0.5}}, &picture))
+            return false;
+        KeyAssignment a(QString::fromStdString(path), 0);
+        a.outputMap = outputMap;
+        MediaInfo info;
+        info.probe = AudioLoader::probe(path);
+        info.clip = AudioLoader::loadClip(path, 48000.0, info.probe);
+        doc().media[a.path] = info;
+        doc().assignments[code] = a;
+        return true;
     }
 
     void press(KeyCode code, bool shift = false) { model.handleKey(code, true, shift, false); }

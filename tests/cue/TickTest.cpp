@@ -92,16 +92,8 @@ TEST(Tick, ACueOfAnotherOrADeletedPageIsListedWithThatPage) {
 
 TEST(Tick, ACueStaysWhileItsVideoPlaysAfterItsSoundEnded) {
     TempDir dir;
-    const auto movie = dir.file("movie.mp4");
-    const MediaFixtures::Video picture{160, 120, 0.0, 1.0};
-    ASSERT_TRUE(MediaFixtures::write(movie, "aac", {{1, 48000, 0.2, 1000.0, 0.5}}, &picture));
     CueStage stage;
-    KeyAssignment a(QString::fromStdString(movie), 0);
-    MediaInfo info;
-    info.probe = AudioLoader::probe(movie);
-    info.clip = AudioLoader::loadClip(movie, 48000.0, info.probe);
-    stage.doc().media[a.path] = info;
-    stage.doc().assignments[kS] = a;
+    ASSERT_TRUE(stage.addVideoKey(kS, dir.file("movie.mp4"), 0.2, ""));
     stage.press(kS);
     stage.run(0.6); // the sound (0.2 s) is over, the picture (1 s) is not
     ASSERT_EQ(stage.model.live().cues().size(), 1u);
