@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -9,6 +10,7 @@
 
 #include "JackRecorder.h"
 #include "JackServer.h"
+#include "SignalMeasure.h"
 #include "TempDir.h"
 #include "audio/JackBackend.h"
 #include "cue/AppModel.h"
@@ -45,20 +47,25 @@ void addToneKey(AppModel& model) {
     model.document().assignments[kA] = a;
 }
 
+// A 1 kHz tone at half scale on output 3 and silence on outputs 1, 2 and 4. Level and pitch are
+// medians over short windows, so one block a loaded test machine drops does not decide.
 void expectToneOnThirdOutput(const std::vector<std::vector<float>>& outputs, std::int64_t frames) {
     std::int64_t start = -1;
     for (std::int64_t i = 0; i < frames && start < 0; ++i)
         start = outputs[2][i] != 0.0f ? i : -1;
     ASSERT_GE(start, 0);
     ASSERT_GT(frames - start, 9600);
-    double sum = 0.0;
-    int crossings = 0;
-    for (std::int64_t i = start; i < start + 9600; ++i) {
-        sum += outputs[2][i] * outputs[2][i];
-        crossings += outputs[2][i] < 0 && outputs[2][i + 1] >= 0;
+    EXPECT_NEAR(SignalMeasure::frequency(outputs[2].data(), start, start + 9600, 48000), 1000.0,
+                0.5);
+    std::vector<double> levels;
+    for (std::int64_t w = start; w + 1200 <= start + 9600; w += 1200) { // 25 whole cycles each
+        double sum = 0.0;
+        for (std::int64_t i = w; i < w + 1200; ++i)
+            sum += outputs[2][i] * outputs[2][i];
+        levels.push_back(10 * std::log10(sum / 1200));
     }
-    EXPECT_NEAR(10 * std::log10(sum / 9600), 20 * std::log10(0.5 / std::sqrt(2.0)), 0.1);
-    EXPECT_NEAR(crossings, 200, 1); // 1 kHz over 0.2 s
+    std::nth_element(levels.begin(), levels.begin() + levels.size() / 2, levels.end());
+    EXPECT_NEAR(levels[levels.size() / 2], 20 * std::log10(0.5 / std::sqrt(2.0)), 0.1);
     for (std::size_t c : {0u, 1u, 3u})
         for (std::int64_t i = 0; i < frames; ++i)
             ASSERT_EQ(outputs[c][i], 0.0f) << "output " << c + 1 << " frame " << i;

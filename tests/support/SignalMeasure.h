@@ -1,25 +1,29 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <vector>
 
 // Measurements on rendered or decoded signals, computed independently of the code under test.
 namespace SignalMeasure {
 
-// Frequency from the upward zero crossings (interpolated) of x[from, to).
+// Frequency of x[from, to) from the median period between upward zero crossings (interpolated).
+// The median keeps one dropped or repeated block of a recording from moving the result.
 inline double frequency(const float* x, std::int64_t from, std::int64_t to, double rate) {
-    double first = -1.0;
-    double last = -1.0;
-    int cycles = -1;
+    std::vector<double> periods;
+    double previous = -1.0;
     for (std::int64_t i = from; i + 1 < to; ++i) {
         if (x[i] < 0.0f && x[i + 1] >= 0.0f) {
             const double at = static_cast<double>(i) + x[i] / (x[i] - x[i + 1]);
-            if (first < 0)
-                first = at;
-            last = at;
-            ++cycles;
+            if (previous >= 0)
+                periods.push_back(at - previous);
+            previous = at;
         }
     }
-    return cycles > 0 ? cycles * rate / (last - first) : 0.0;
+    if (periods.empty())
+        return 0.0;
+    std::nth_element(periods.begin(), periods.begin() + periods.size() / 2, periods.end());
+    return rate / periods[periods.size() / 2];
 }
 
 } // namespace SignalMeasure
