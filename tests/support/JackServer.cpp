@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <jack/jack.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
@@ -37,10 +38,18 @@ JackServer::JackServer(int playbackPorts, int rate, int period, bool realtime) {
     const std::string periodText = std::to_string(period);
 
     for (int slot = 0; slot < kNameSlots && !m_ready; ++slot) {
+        // Tests running side by side each hold the lock of the slot they use; it goes with
+        // the process however that ends.
+        if (m_slotLock >= 0)
+            close(m_slotLock);
+        const std::string lock = "/tmp/vorlin-jack-slot-" + std::to_string(slot) + ".lock";
+        m_slotLock = open(lock.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+        if (m_slotLock < 0 || flock(m_slotLock, LOCK_EX | LOCK_NB) != 0)
+            continue;
         m_name = "vorlin-test-" + std::to_string(slot);
         setenv("JACK_DEFAULT_SERVER", m_name.c_str(), 1);
         if (connects())
-            continue; // another test's server
+            continue; // a server of that name that is not a test's: leave it alone
         std::vector<const char*> argv{"jackd",        "-n",
                                       m_name.c_str(), realtime ? "--realtime" : "--no-realtime",
                                       "-d",           "dummy",
@@ -81,6 +90,8 @@ JackServer::~JackServer() {
         ::kill(m_pid, SIGTERM);
         waitpid(m_pid, nullptr, 0);
     }
+    if (m_slotLock >= 0)
+        close(m_slotLock);
 }
 
 void JackServer::kill() {

@@ -23,5 +23,6 @@ public:
 private:
     std::string m_name;
     pid_t m_pid = -1;
+    int m_slotLock = -1; // flock held on the name slot for as long as the server is ours
     bool m_ready = false;
 };
