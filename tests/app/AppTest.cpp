@@ -1,0 +1,110 @@
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
+#include <set>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "TempDir.h"
+#include "app/InstanceLock.h"
+#include "app/KeyCodeMap.h"
+#include "model/KeyboardLayout.h"
+
+namespace {
+
+TEST(KeyCodeMap, EveryKeyOfBothLayoutsComesFromExactlyOneLinuxKey) {
+    for (const auto* rows : {&KeyboardLayout::usRows(), &KeyboardLayout::jisRows()}) {
+        for (KeyCode code : KeyboardLayout::fillOrderOf(*rows)) {
+            const auto evdev = KeyCodeMap::toEvdev(code);
+            ASSERT_TRUE(evdev) << "no Linux key for layout code " << code;
+            EXPECT_EQ(KeyCodeMap::fromEvdev(*evdev), code);
+        }
+    }
+    // No two Linux keys land on one layout key, except the two spellings of 英数 and かな.
+    std::set<KeyCode> seen;
+    int twins = 0;
+    for (std::uint32_t evdev = 0; evdev < 256; ++evdev)
+        if (const auto code = KeyCodeMap::fromEvdev(evdev); code && !seen.insert(*code).second)
+            ++twins;
+    EXPECT_EQ(twins, 2);
+}
+
+TEST(KeyCodeMap, PhysicalPositionsIncludingTheJisKeys) {
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_A), 0);
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_SPACE), 49);
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_ESC), 53);
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_F1), 122);
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_YEN), 93);        // ¥
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_RO), 94);         // _
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_EQUAL), 24);      // = on US, ^ on JIS
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_APOSTROPHE), 39); // ' on US, : on JIS
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_HANJA), 102);     // 英数
+    EXPECT_EQ(KeyCodeMap::fromEvdev(KEY_HENKAN), 104);    // かな
+    EXPECT_FALSE(KeyCodeMap::fromEvdev(KEY_LEFTSHIFT));
+    EXPECT_FALSE(KeyCodeMap::fromEvdev(KEY_LEFTCTRL));
+    // X11 and Wayland key codes are evdev + 8.
+    EXPECT_EQ(KeyCodeMap::fromXkb(KEY_A + 8), 0);
+    EXPECT_FALSE(KeyCodeMap::fromXkb(3));
+}
+
+// A copy of the probe program holding an instance number.
+struct Probe {
+    pid_t pid = -1;
+    int input = -1;
+    int number = 0;
+    int locked = 0;
+};
+
+Probe startProbe(const std::string& folder) {
+    int toChild[2], fromChild[2];
+    EXPECT_EQ(pipe2(toChild, O_CLOEXEC), 0); // later probes must not inherit these ends
+    EXPECT_EQ(pipe2(fromChild, O_CLOEXEC), 0);
+    Probe probe;
+    probe.pid = fork();
+    if (probe.pid == 0) {
+        dup2(toChild[0], 0);
+        dup2(fromChild[1], 1);
+        close(toChild[1]);
+        close(fromChild[0]);
+        execl(INSTANCE_PROBE, INSTANCE_PROBE, folder.c_str(), nullptr);
+        _exit(127);
+    }
+    close(toChild[0]);
+    close(fromChild[1]);
+    probe.input = toChild[1];
+    FILE* out = fdopen(fromChild[0], "r");
+    if (std::fscanf(out, "%d %d", &probe.number, &probe.locked) != 2)
+        probe.number = -1;
+    std::fclose(out);
+    return probe;
+}
+
+void quit(Probe& probe, bool kill) {
+    if (kill)
+        ::kill(probe.pid, SIGKILL);
+    close(probe.input);
+    waitpid(probe.pid, nullptr, 0);
+}
+
+TEST(Instances, RunningCopiesNumberThemselvesAndAFreedNumberIsReused) {
+    TempDir dir;
+    const std::string folder = dir.file("Vorlin");
+    Probe first = startProbe(folder);
+    Probe second = startProbe(folder);
+    EXPECT_EQ(first.number, 1);
+    EXPECT_EQ(second.number, 2);
+    EXPECT_EQ(first.locked + second.locked, 2);
+
+    quit(first, true); // even a killed copy frees its number
+    Probe third = startProbe(folder);
+    EXPECT_EQ(third.number, 1);
+    quit(second, false);
+    Probe fourth = startProbe(folder);
+    EXPECT_EQ(fourth.number, 2);
+    quit(third, false);
+    quit(fourth, false);
+}
+
+} // namespace
