@@ -9,9 +9,9 @@
 
 #include "audio/AudioDeviceList.h"
 #include "audio/AudioLoader.h"
+#include "audio/WavWriter.h"
 #include "cli/EventScript.h"
 #include "cli/ShowRenderer.h"
-#include "cli/WavWriter.h"
 #include "model/DocumentError.h"
 
 namespace {
@@ -128,7 +128,7 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         return 1;
     }
     WavWriter wav;
-    if (!wav.open(output, channels, rate)) {
+    if (!wav.open(QFile::encodeName(output).toStdString(), channels, rate)) {
         err << "出力ファイルを書けません: " << output << "\n";
         return 1;
     }

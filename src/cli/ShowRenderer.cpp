@@ -4,7 +4,7 @@
 
 #include <QCoreApplication>
 
-#include "cli/WavWriter.h"
+#include "audio/WavWriter.h"
 #include "video/HeadlessVideoOutput.h"
 
 ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames)

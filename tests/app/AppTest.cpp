@@ -108,3 +108,42 @@ TEST(Instances, RunningCopiesNumberThemselvesAndAFreedNumberIsReused) {
 }
 
 } // namespace
+
+#include <QCoreApplication>
+#include <QFileInfo>
+
+#include "app/DemoShow.h"
+#include "cue/AppModel.h"
+
+namespace {
+
+TEST(DemoShow, IsMadeOnceAndPlaysFromTheFirstPress) {
+    TempDir dir;
+    const QString folder = QString::fromStdString(dir.file("Demo"));
+    const QString show = DemoShow::create(folder);
+    const auto written = QFileInfo(show).lastModified();
+    EXPECT_EQ(DemoShow::create(folder), show); // left as it is the second time
+    EXPECT_EQ(QFileInfo(show).lastModified(), written);
+
+    AppModel model;
+    model.setOffline(true);
+    model.open(show);
+    ASSERT_EQ(model.document().pages.size(), 2u);
+    EXPECT_EQ(model.document().pages[1].name, "第二部");
+    EXPECT_EQ(model.document().assignments.size(), 4u);
+    while (model.media().pending() > 0)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    const MediaInfo* bell = model.document().mediaFor(model.document().assignments.at(0));
+    ASSERT_TRUE(bell && bell->clip);
+    EXPECT_GT(*std::max_element(bell->clip->peaks.begin(), bell->clip->peaks.end()), 0.3f);
+    const MediaInfo* drone = model.document().mediaFor(model.document().assignments.at(1));
+    ASSERT_TRUE(drone && drone->clip);
+    EXPECT_EQ(drone->clip->frameCount, 8 * 48000);
+    // The drone loops without a seam: its last frame runs on into its first.
+    const float* x = drone->clip->channels[0];
+    EXPECT_NEAR(x[drone->clip->frameCount - 1] + (x[1] - x[0]), x[0], 0.01);
+    EXPECT_TRUE(
+        model.document().mediaFor(model.document().assignments.at(3))->error); // a list, for now
+}
+
+} // namespace

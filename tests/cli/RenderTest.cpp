@@ -5,8 +5,8 @@
 #include <QTextStream>
 
 #include "TempDir.h"
+#include "audio/WavWriter.h"
 #include "cli/Commands.h"
-#include "cli/WavWriter.h"
 #include "cue/AppModel.h"
 #include "model/Prefs.h"
 
@@ -17,7 +17,7 @@ void constantWav(const QString& path, float level, double seconds) {
     std::vector<float> samples(static_cast<std::size_t>(seconds * 48000), level);
     const float* channels[] = {samples.data()};
     WavWriter wav;
-    ASSERT_TRUE(wav.open(path, 1, 48000));
+    ASSERT_TRUE(wav.open(path.toStdString(), 1, 48000));
     ASSERT_TRUE(wav.write(channels, static_cast<std::int64_t>(samples.size())));
     ASSERT_TRUE(wav.finish());
 }

@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
-#include <QString>
-
-// Writes a WAV file of 32-bit IEEE float samples, interleaved, block by block as they are
-// rendered; the header's sizes are filled in by finish(). Not thread-safe.
+// Writes a WAV file of 32-bit IEEE float samples (no Qt: the audio library's own), interleaved,
+// block by block as they are rendered; the header's sizes are filled in by finish(). Not
+// thread-safe.
 class WavWriter {
 public:
     WavWriter() = default;
@@ -15,7 +15,7 @@ public:
     WavWriter& operator=(const WavWriter&) = delete;
 
     // False when the file cannot be created.
-    bool open(const QString& path, int channels, int sampleRate);
+    bool open(const std::string& path, int channels, int sampleRate);
     // `channels` pointers, each to `frames` samples.
     bool write(const float* const* channels, std::int64_t frames);
     bool finish();

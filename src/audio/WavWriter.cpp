@@ -1,9 +1,9 @@
-#include "cli/WavWriter.h"
+#include "audio/WavWriter.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 #include <vector>
-
-#include <QFile>
 
 namespace {
 
@@ -24,8 +24,8 @@ WavWriter::~WavWriter() {
         std::fclose(m_file);
 }
 
-bool WavWriter::open(const QString& path, int channels, int sampleRate) {
-    m_file = std::fopen(QFile::encodeName(path).constData(), "wb");
+bool WavWriter::open(const std::string& path, int channels, int sampleRate) {
+    m_file = std::fopen(path.c_str(), "wb");
     m_channels = channels;
     m_rate = sampleRate;
     return m_file && writeHeader(0);
