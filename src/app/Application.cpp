@@ -1,0 +1,56 @@
+#include "app/Application.h"
+
+#include <QApplication>
+#include <QFileInfo>
+#include <QScreen>
+
+#include "app/DemoShow.h"
+#include "app/InstanceLock.h"
+#include "app/KeyInput.h"
+#include "app/MainWindow.h"
+#include "cue/AppModel.h"
+#include "model/DocumentError.h"
+#include "model/Prefs.h"
+
+int runApplication(int argc, char** argv) {
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Vorlin"));
+    QApplication::setOrganizationName(QStringLiteral("Vorlin"));
+    Prefs::registerDefaults();
+    const InstanceLock instance = InstanceLock::acquire(InstanceLock::defaultFolder());
+    const int n = instance.number();
+
+    AppModel model;
+    model.session().setInstanceNumber(n);
+    MainWindow window(model, n);
+    // Copies side by side must not cover each other exactly.
+    if (const QScreen* screen = window.screen()) {
+        QRect frame = window.frameGeometry();
+        frame.moveCenter(screen->availableGeometry().center());
+        window.move(frame.topLeft() + QPoint((n - 1) * 30, (n - 1) * 30));
+    }
+    model.start();
+
+    const QStringList args = QApplication::arguments().mid(1);
+    const QString named = args.isEmpty() ? QString() : args.first();
+    try {
+        if (!named.isEmpty())
+            model.open(QFileInfo(named).absoluteFilePath());
+        else
+            model.restoreLastDocument();
+        // A first start, or a last show that is gone: something to hear at once.
+        if (!model.session().documentPath() && model.document().assignments.empty() &&
+            named.isEmpty())
+            model.open(DemoShow::create(DemoShow::defaultFolder()));
+    } catch (const DocumentError& error) {
+        model.cueEngine().setStatusMessage(QStringLiteral("キーマップを開けません: ") +
+                                           error.message());
+    }
+
+    KeyInput keys(model);
+    app.installEventFilter(&keys);
+    window.updateTitle();
+    window.show();
+    window.activateWindow();
+    return app.exec();
+}

@@ -1,0 +1,152 @@
+#include "app/KeyboardView.h"
+
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+
+#include "cue/AppModel.h"
+#include "model/KeyPalette.h"
+
+KeyboardView::KeyboardView(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
+    setFocusPolicy(Qt::NoFocus);
+    setAcceptDrops(true);
+    setMinimumSize(700, 260);
+    // Progress and lit keys change with the tick; assignments with edits.
+    connect(&model.live(), &LiveState::progressChanged, this, qOverload<>(&QWidget::update));
+    connect(&model, &AppModel::assignmentsChanged, this, qOverload<>(&QWidget::update));
+    connect(&model.cueEngine(), &CueEngine::selectedKeyChanged, this,
+            qOverload<>(&QWidget::update));
+    connect(&model.live(), &LiveState::cuesChanged, this, qOverload<>(&QWidget::update));
+}
+
+void KeyboardView::resizeEvent(QResizeEvent*) {
+    layoutCells();
+}
+
+void KeyboardView::layoutCells() {
+    m_cells.clear();
+    const auto& rows = KeyboardLayout::rows();
+    double widest = 0.0;
+    for (const KeyRow& row : rows) {
+        double w = 0.0;
+        for (const KeySpec& spec : row.keys)
+            w += spec.width;
+        widest = std::max(widest, w);
+    }
+    const double unit = std::min(width() / widest, height() / KeyboardLayout::unitsHigh());
+    double y = 0.0;
+    for (const KeyRow& row : rows) {
+        double x = 0.0;
+        for (const KeySpec& spec : row.keys) {
+            m_cells.push_back(
+                {&spec, QRectF(x * unit, y * unit, spec.width * unit, row.height * unit)});
+            x += spec.width;
+        }
+        y += row.height;
+    }
+}
+
+const KeySpec* KeyboardView::cellAt(const QPointF& point) const {
+    for (const Cell& cell : m_cells)
+        if (cell.rect.contains(point) &&
+            (cell.spec->kind == KeySpec::Kind::key || cell.spec->kind == KeySpec::Kind::stopAll))
+            return cell.spec;
+    return nullptr;
+}
+
+QRectF KeyboardView::cellRect(KeyCode code) const {
+    for (const Cell& cell : m_cells)
+        if (cell.spec->kind == KeySpec::Kind::key && cell.spec->code == code)
+            return cell.rect;
+    return {};
+}
+
+void KeyboardView::paintEvent(QPaintEvent*) {
+    if (m_cells.empty())
+        layoutCells();
+    QPainter p(this);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.fillRect(rect(), QColor(30, 31, 34));
+    const auto& keys = m_model.document().assignments;
+    const auto& progress = m_model.live().progress();
+    const auto selected = m_model.document().selectedKey;
+    for (const Cell& cell : m_cells) {
+        const KeySpec& spec = *cell.spec;
+        if (spec.kind == KeySpec::Kind::gap)
+            continue;
+        const QRectF r = cell.rect.adjusted(2, 2, -2, -2);
+        QColor fill(58, 60, 66);
+        QString name;
+        const bool assigned = spec.kind == KeySpec::Kind::key && keys.count(spec.code);
+        if (spec.kind == KeySpec::Kind::stopAll)
+            fill = QColor(150, 40, 40);
+        else if (spec.kind == KeySpec::Kind::pad)
+            fill = QColor(44, 45, 50);
+        if (assigned) {
+            const auto c = KeyPalette::colorFor(keys.at(spec.code).colorIndex);
+            fill = QColor::fromRgbF(c.red, c.green, c.blue);
+            name = keys.at(spec.code).displayName();
+        }
+        const bool running = assigned && m_model.isRunning(spec.code);
+        if (running)
+            fill = fill.lighter(160);
+        QPainterPath path;
+        path.addRoundedRect(r, 5, 5);
+        p.fillPath(path, fill);
+        if (running && progress.count(spec.code)) {
+            const QRectF bar(r.left() + 4, r.bottom() - 6,
+                             (r.width() - 8) * std::clamp(progress.at(spec.code), 0.0, 1.0), 3);
+            p.fillRect(bar, Qt::white);
+        }
+        if (selected && spec.kind == KeySpec::Kind::key && *selected == spec.code) {
+            p.setPen(QPen(QColor(255, 214, 10), 2.5));
+            p.drawPath(path);
+        }
+        p.setPen(spec.kind == KeySpec::Kind::pad ? QColor(120, 120, 125) : QColor(235, 235, 240));
+        QFont font = p.font();
+        font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.2)));
+        font.setBold(true);
+        p.setFont(font);
+        p.drawText(r.adjusted(5, 3, -5, -3), Qt::AlignLeft | Qt::AlignTop, spec.label);
+        if (!name.isEmpty()) {
+            font.setBold(false);
+            font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.17)));
+            p.setFont(font);
+            p.drawText(r.adjusted(5, r.height() * 0.3, -5, -8),
+                       Qt::AlignLeft | Qt::AlignVCenter | Qt::TextWordWrap, name);
+        }
+    }
+}
+
+void KeyboardView::mousePressEvent(QMouseEvent* event) {
+    const KeySpec* spec = cellAt(event->position());
+    if (!spec)
+        return;
+    if (spec->kind == KeySpec::Kind::stopAll) {
+        m_model.stopAll(false);
+        return;
+    }
+    m_model.document().selectedKey = spec->code;
+    emit m_model.cueEngine().selectedKeyChanged();
+}
+
+void KeyboardView::dragEnterEvent(QDragEnterEvent* event) {
+    if (event->mimeData()->hasUrls())
+        event->acceptProposedAction();
+}
+
+void KeyboardView::dropEvent(QDropEvent* event) {
+    const KeySpec* spec = cellAt(event->position());
+    if (!spec || spec->kind != KeySpec::Kind::key)
+        return;
+    QStringList files;
+    for (const QUrl& url : event->mimeData()->urls())
+        if (url.isLocalFile())
+            files << url.toLocalFile();
+    m_model.editor().place(files, spec->code);
+    event->acceptProposedAction();
+    update();
+}

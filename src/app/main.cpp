@@ -1,0 +1,21 @@
+#include <QCoreApplication>
+#include <QStringList>
+#include <QTextStream>
+
+#include "app/Application.h"
+#include "cli/Commands.h"
+
+// `vorlin` opens the window; `vorlin devices|probe|render|help …` runs without a display.
+int main(int argc, char** argv) {
+    QStringList args;
+    for (int i = 1; i < argc; ++i)
+        args << QString::fromLocal8Bit(argv[i]);
+    if (Commands::isCommand(args)) {
+        QCoreApplication app(argc, argv);
+        QCoreApplication::setApplicationName(QStringLiteral("Vorlin"));
+        QTextStream out(stdout);
+        QTextStream err(stderr);
+        return Commands::run(args, out, err);
+    }
+    return runApplication(argc, argv);
+}

@@ -1,0 +1,158 @@
+#include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
+
+#include <QApplication>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QPushButton>
+#include <QTableWidget>
+#include <QTimer>
+
+#include "TempDir.h"
+#include "app/KeyInput.h"
+#include "app/KeyboardView.h"
+#include "app/MainWindow.h"
+#include "cue/AppModel.h"
+#include "model/Prefs.h"
+
+namespace {
+
+class Window : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Prefs::registerDefaults();
+        Prefs::setValue(Prefs::kKeyboardLayout, "us");
+        model.setOffline(true);
+        window = std::make_unique<MainWindow>(model, 1);
+        window->show();
+        qApp->installEventFilter(&keys);
+    }
+    void TearDown() override { qApp->removeEventFilter(&keys); }
+
+    // A key event as X11 delivers it: Qt key, modifiers and the scan code (evdev + 8).
+    void send(QEvent::Type type, int qtKey, std::uint32_t evdev, Qt::KeyboardModifiers mods = {},
+              bool repeat = false, QWidget* to = nullptr) {
+        QKeyEvent event(type, qtKey, mods, evdev + 8, 0, 0, QString(), repeat);
+        QApplication::sendEvent(to ? to : window.get(), &event);
+    }
+
+    AppModel model;
+    std::unique_ptr<MainWindow> window;
+    KeyInput keys{model};
+};
+
+TEST_F(Window, KeysReachTheShowWithTheirCodeShiftAndRepeat) {
+    send(QEvent::KeyPress, Qt::Key_S, KEY_S);
+    EXPECT_EQ(model.document().selectedKey, 1);
+    send(QEvent::KeyPress, Qt::Key_Semicolon, KEY_SEMICOLON);
+    EXPECT_EQ(model.document().selectedKey, 41);
+    // Ctrl, Alt and Meta keys are menu shortcuts, never show keys.
+    send(QEvent::KeyPress, Qt::Key_D, KEY_D, Qt::ControlModifier);
+    send(QEvent::KeyPress, Qt::Key_D, KEY_D, Qt::AltModifier);
+    EXPECT_EQ(model.document().selectedKey, 41);
+
+    // Through to the cue engine: Shift+key stops, a repeat is ignored, a toggle starts and stops.
+    model.document().assignments[2] = KeyAssignment("/show/d.wav", 0);
+    MediaInfo info;
+    info.probe.hasAudio = true;
+    info.clip = std::make_shared<const AudioClip>(
+        std::vector<std::vector<float>>{std::vector<float>(48000, 0.5f)}, 48000.0);
+    model.document().media["/show/d.wav"] = info;
+    send(QEvent::KeyPress, Qt::Key_D, KEY_D);
+    EXPECT_TRUE(model.isRunning(2));
+    model.tick();
+    ASSERT_EQ(window->cueList().rowCount(), 1);
+    EXPECT_EQ(window->cueList().item(0, 0)->text(), "d");
+    QWidget* stopButton = window->cueList().cellWidget(0, 3);
+    model.tick(); // progress moves on; the row's button stays the same one
+    EXPECT_EQ(window->cueList().cellWidget(0, 3), stopButton);
+    send(QEvent::KeyPress, Qt::Key_D, KEY_D, {}, true); // auto-repeat: nothing
+    EXPECT_TRUE(model.isRunning(2));
+    send(QEvent::KeyRelease, Qt::Key_D, KEY_D);
+    send(QEvent::KeyPress, Qt::Key_D, KEY_D, Qt::ShiftModifier);
+    EXPECT_FALSE(model.isRunning(2));
+    // A platform without scan codes still works through the Qt key.
+    QKeyEvent plain(QEvent::KeyPress, Qt::Key_F1, Qt::NoModifier);
+    QApplication::sendEvent(window.get(), &plain);
+    EXPECT_EQ(model.document().selectedKey, 122);
+}
+
+TEST_F(Window, AClickedTextFieldKeepsItsKeysAndSaysWhyNothingPlays) {
+    auto* field = new QLineEdit(window->centralWidget());
+    field->show();
+    model.document().assignments[0] = KeyAssignment("/show/a.wav", 0);
+    // Focus that arrived without a click is taken away: the key plays.
+    field->setFocus();
+    send(QEvent::KeyPress, Qt::Key_A, KEY_A, {}, false, field);
+    EXPECT_FALSE(field->hasFocus());
+    EXPECT_EQ(model.document().selectedKey, 0);
+
+    // Clicked into on purpose: typing stays in the field, with the message.
+    model.document().selectedKey.reset();
+    field->setFocus();
+    QMouseEvent click(QEvent::MouseButtonPress, QPointF(5, 5), field->mapToGlobal(QPointF(5, 5)),
+                      Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(field, &click);
+    QApplication::processEvents();
+    send(QEvent::KeyPress, Qt::Key_A, KEY_A, {}, false, field);
+    EXPECT_FALSE(model.document().selectedKey);
+    EXPECT_EQ(model.cueEngine().statusMessage(), KeyInput::kFieldMessage);
+}
+
+TEST_F(Window, TitleFollowsDocumentPageAndChanges) {
+    EXPECT_EQ(window->windowTitle(), "Vorlin #1 — 名称未設定.vorlin[*] — ページ 1");
+    EXPECT_FALSE(window->isWindowModified());
+    model.setMasterVolume(0.5);
+    EXPECT_TRUE(window->isWindowModified());
+    model.editor().newPage(false);
+    window->updateTitle();
+    EXPECT_TRUE(window->windowTitle().endsWith("— ページ 2"));
+}
+
+TEST_F(Window, CancelInTheSaveQuestionKeepsTheWindowOpen) {
+    model.setMasterVolume(0.5); // a change to lose
+    QTimer::singleShot(0, [] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        ASSERT_NE(box, nullptr);
+        EXPECT_EQ(box->text(), "名称未設定.vorlin の変更を保存しますか？");
+        for (QAbstractButton* button : box->buttons())
+            if (button->text() == "キャンセル")
+                button->click();
+    });
+    EXPECT_FALSE(window->close());
+    EXPECT_TRUE(window->isVisible());
+}
+
+TEST_F(Window, FilesDroppedOnAKeyCellArePlacedOnIt) {
+    TempDir dir;
+    const QString file = QString::fromStdString(dir.file("drop.wav"));
+    KeyboardView& keyboard = window->keyboard();
+    keyboard.resize(1100, 420);
+    QApplication::processEvents();
+    const QRectF cell = keyboard.cellRect(3); // F
+    ASSERT_FALSE(cell.isEmpty());
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile(file)});
+    // As a real drag does: enter, move, drop.
+    QDragEnterEvent enter(cell.center().toPoint(), Qt::CopyAction, &data, Qt::LeftButton,
+                          Qt::NoModifier);
+    QApplication::sendEvent(&keyboard, &enter);
+    ASSERT_TRUE(enter.isAccepted());
+    QDragMoveEvent move(cell.center().toPoint(), Qt::CopyAction, &data, Qt::LeftButton,
+                        Qt::NoModifier);
+    QApplication::sendEvent(&keyboard, &move);
+    QDropEvent drop(cell.center(), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&keyboard, &drop);
+    ASSERT_EQ(model.document().assignments.count(3), 1u);
+    EXPECT_EQ(model.document().assignments.at(3).path, file);
+    // A click on the stop-all cell stops everything; on a key, selects it.
+    QMouseEvent click(QEvent::MouseButtonPress, keyboard.cellRect(0).center(),
+                      keyboard.mapToGlobal(keyboard.cellRect(0).center()), Qt::LeftButton,
+                      Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&keyboard, &click);
+    EXPECT_EQ(model.document().selectedKey, 0);
+}
+
+} // namespace
