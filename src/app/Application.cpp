@@ -8,6 +8,7 @@
 #include "app/InstanceLock.h"
 #include "app/KeyInput.h"
 #include "app/MainWindow.h"
+#include "app/SelfTest.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
@@ -30,6 +31,10 @@ int runApplication(int argc, char** argv) {
         window.move(frame.topLeft() + QPoint((n - 1) * 30, (n - 1) * 30));
     }
     model.start();
+    KeyInput keys(model);
+    app.installEventFilter(&keys);
+    if (SelfTest::requested())
+        return SelfTest::run(model, window);
 
     const QStringList args = QApplication::arguments().mid(1);
     const QString named = args.isEmpty() ? QString() : args.first();
@@ -47,8 +52,6 @@ int runApplication(int argc, char** argv) {
                                            error.message());
     }
 
-    KeyInput keys(model);
-    app.installEventFilter(&keys);
     window.updateTitle();
     window.show();
     window.activateWindow();

@@ -96,10 +96,14 @@ void KeyboardView::paintEvent(QPaintEvent*) {
         QPainterPath path;
         path.addRoundedRect(r, 5, 5);
         p.fillPath(path, fill);
-        if (running && progress.count(spec.code)) {
-            const QRectF bar(r.left() + 4, r.bottom() - 6,
-                             (r.width() - 8) * std::clamp(progress.at(spec.code), 0.0, 1.0), 3);
-            p.fillRect(bar, Qt::white);
+        if (running) {
+            // Readable from a distance: a white frame and a thick progress bar.
+            p.setPen(QPen(Qt::white, 2.0));
+            p.drawPath(path);
+            const double done =
+                progress.count(spec.code) ? std::clamp(progress.at(spec.code), 0.0, 1.0) : 0.0;
+            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, r.width() - 8, 5), fill.darker(170));
+            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, (r.width() - 8) * done, 5), Qt::white);
         }
         if (selected && spec.kind == KeySpec::Kind::key && *selected == spec.code) {
             p.setPen(QPen(QColor(255, 214, 10), 2.5));
