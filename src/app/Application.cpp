@@ -2,7 +2,6 @@
 
 #include <QApplication>
 #include <QFileInfo>
-#include <QScreen>
 
 #include "app/DemoShow.h"
 #include "app/InstanceLock.h"
@@ -24,12 +23,7 @@ int runApplication(int argc, char** argv) {
     AppModel model;
     model.session().setInstanceNumber(n);
     MainWindow window(model, n);
-    // Copies side by side must not cover each other exactly.
-    if (const QScreen* screen = window.screen()) {
-        QRect frame = window.frameGeometry();
-        frame.moveCenter(screen->availableGeometry().center());
-        window.move(frame.topLeft() + QPoint((n - 1) * 30, (n - 1) * 30));
-    }
+    window.placeOnScreen();
     model.start();
     KeyInput keys(model);
     app.installEventFilter(&keys);

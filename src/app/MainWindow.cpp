@@ -12,6 +12,8 @@
 #include <QPainter>
 #include <QProcess>
 #include <QPushButton>
+#include <QScreen>
+#include <QSettings>
 #include <QSlider>
 #include <QStatusBar>
 #include <QTableWidget>
@@ -211,10 +213,50 @@ void MainWindow::openDocument() {
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
-    if (confirmDiscard())
-        event->accept();
-    else
+    if (!confirmDiscard()) {
         event->ignore();
+        return;
+    }
+    QSettings().setValue(QStringLiteral("window/VorlinMain-%1").arg(m_instance), saveGeometry());
+    event->accept();
+}
+
+void MainWindow::placeOnScreen() {
+    const QByteArray saved =
+        QSettings().value(QStringLiteral("window/VorlinMain-%1").arg(m_instance)).toByteArray();
+    if (saved.isEmpty() || !restoreGeometry(saved)) {
+        if (const QScreen* screen = this->screen()) {
+            QRect frame = frameGeometry();
+            frame.moveCenter(screen->availableGeometry().center());
+            move(frame.topLeft() + QPoint((m_instance - 1) * 30, (m_instance - 1) * 30));
+        }
+    }
+    updateMinWidth();
+}
+
+void MainWindow::updateMinWidth(bool pageListShown, bool deckTabOpen) {
+    const int base = (pageListShown ? 1152 : 971) + (deckTabOpen ? 361 : 0);
+    const int screenWidth = screen() ? screen()->availableGeometry().width() : 1800;
+    const int minimum = std::min(std::max(980, base), screenWidth);
+    setMinimumWidth(minimum);
+    if (width() < minimum && !isFullScreen())
+        resize(minimum, height());
+    fitWindowToScreen();
+}
+
+void MainWindow::fitWindowToScreen() {
+    if (isFullScreen() || !screen())
+        return;
+    const QRect visible = screen()->availableGeometry();
+    QRect frame = geometry();
+    frame.setWidth(std::min(frame.width(), visible.width()));
+    frame.setHeight(std::min(frame.height(), visible.height()));
+    frame.moveLeft(
+        std::min(std::max(frame.left(), visible.left()), visible.right() - frame.width() + 1));
+    frame.moveTop(
+        std::min(std::max(frame.top(), visible.top()), visible.bottom() - frame.height() + 1));
+    if (frame != geometry())
+        setGeometry(frame);
 }
 
 void MainWindow::buildMenu() {

@@ -28,6 +28,15 @@ public:
     bool confirmDiscard();
     bool saveDocument(bool forcePanel);
 
+    // The frame saved for this instance ("VorlinMain-" + n), else centred and moved 30 points
+    // right and down per instance so copies do not cover each other exactly.
+    void placeOnScreen();
+    // Minimum width from the panels shown (971, 1152 with the page list, +361 with a deck tab),
+    // never below 980 or beyond the screen; then fitWindowToScreen.
+    void updateMinWidth(bool pageListShown = false, bool deckTabOpen = false);
+    // Keeps the window inside the screen's available area.
+    void fitWindowToScreen();
+
 protected:
     void closeEvent(QCloseEvent* event) override;
 

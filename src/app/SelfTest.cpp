@@ -113,6 +113,16 @@ void checkLayout(MainWindow& window, Log& log) {
     int missing = 0;
     for (KeyCode code : KeyboardLayout::fillOrder())
         missing += window.keyboard().cellRect(code).isEmpty();
+    if (const QScreen* screen = window.screen()) {
+        const QRect visible = screen->availableGeometry();
+        log.check(window.minimumWidth() == std::min(980, visible.width()),
+                  QString("minimum width %1 for a %2-point screen")
+                      .arg(window.minimumWidth())
+                      .arg(visible.width()));
+        if (visible.width() >= 980 &&
+            visible.height() >= 680) // a screen that can hold the minimum size
+            log.check(visible.contains(window.geometry()), "the window lies inside the screen");
+    }
     log.check(missing == 0, QString("every one of %1 keys has a drawn cell (%2 missing)")
                                 .arg(KeyboardLayout::fillOrder().size())
                                 .arg(missing));

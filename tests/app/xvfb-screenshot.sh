@@ -21,4 +21,4 @@ for _ in $(seq 50); do [ -e "/tmp/.X11-unix/X${display#:}" ] && break; sleep 0.1
 
 DISPLAY=$display QT_QPA_PLATFORM=xcb XDG_DATA_HOME=$home XDG_CONFIG_HOME=$home \
     XDG_RUNTIME_DIR=$home JACK_DEFAULT_SERVER=vorlin-no-such-server \
-    VORLIN_SELFTEST_SCREENSHOT="$shot" timeout 60 "$vorlin"
+    VORLIN_SELFTEST_LAYOUT=1 VORLIN_SELFTEST_SCREENSHOT="$shot" timeout 60 "$vorlin"
