@@ -1,9 +1,10 @@
 # The two commands a newcomer needs: `make run` and `make test`.
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
+PREFIX ?= $(HOME)/.local
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup configure build run test bench format clean
+.PHONY: all setup configure build run test bench install format clean
 
 all: build
 
@@ -23,6 +24,12 @@ run: build
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+
+install: build
+	@cmake --install $(BUILD_DIR) --prefix $(PREFIX)
+	@-update-mime-database $(PREFIX)/share/mime >/dev/null 2>&1
+	@-update-desktop-database $(PREFIX)/share/applications >/dev/null 2>&1
+	@echo "Installed to $(PREFIX): $(PREFIX)/bin/vorlin, its desktop entry and the .vorlin file type."
 
 bench: build
 	@scripts/bench $(BUILD_DIR)
