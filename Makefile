@@ -27,8 +27,8 @@ test: build
 
 install: build
 	@cmake --install $(BUILD_DIR) --prefix $(PREFIX)
-	@-update-mime-database $(PREFIX)/share/mime >/dev/null 2>&1
-	@-update-desktop-database $(PREFIX)/share/applications >/dev/null 2>&1
+	@if command -v update-mime-database >/dev/null; then update-mime-database $(PREFIX)/share/mime; fi
+	@if command -v update-desktop-database >/dev/null; then update-desktop-database $(PREFIX)/share/applications; fi
 	@echo "Installed to $(PREFIX): $(PREFIX)/bin/vorlin, its desktop entry and the .vorlin file type."
 
 bench: build
