@@ -2,7 +2,9 @@
 
 #include <QApplication>
 #include <QFileInfo>
+#include <QGuiApplication>
 
+#include "app/BackgroundInput.h"
 #include "app/DemoShow.h"
 #include "app/InstanceLock.h"
 #include "app/KeyInput.h"
@@ -46,6 +48,10 @@ int runApplication(int argc, char** argv) {
                                            error.message());
     }
 
+    BackgroundInput background(
+        model, [] { return QGuiApplication::applicationState() == Qt::ApplicationActive; });
+    if (Prefs::value(Prefs::kBackgroundInput, false).toBool())
+        background.setEnabled(true);
     window.updateTitle();
     window.show();
     window.activateWindow();

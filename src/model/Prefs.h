@@ -23,6 +23,8 @@ inline const QString kVideoFill = QStringLiteral("pref.videoFill");
 inline const QString kVideoBackground = QStringLiteral("pref.videoBackground");
 inline const QString kOpenVideoOnLaunch = QStringLiteral("pref.openVideoOnLaunch");
 inline const QString kAutoCheckUpdates = QStringLiteral("pref.autoCheckUpdates");
+// Keys from the keyboard devices while another program is in front (off unless switched on).
+inline const QString kBackgroundInput = QStringLiteral("pref.backgroundInput");
 
 // Makes the twelve registered defaults what a read returns while the user never set a key.
 // Called first thing at start-up.

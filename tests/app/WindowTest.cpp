@@ -156,3 +156,56 @@ TEST_F(Window, FilesDroppedOnAKeyCellArePlacedOnIt) {
 }
 
 } // namespace
+
+#include <QFile>
+
+#include "app/BackgroundInput.h"
+
+namespace {
+
+TEST(BackgroundKeys, OnlyWhileAnotherProgramIsInFrontAndWithoutCtrlAltMeta) {
+    AppModel model;
+    model.setOffline(true);
+    bool active = false;
+    BackgroundInput input(model, [&] { return active; });
+
+    input.keyEvent(KEY_S, 1);
+    EXPECT_EQ(model.document().selectedKey, 1);
+    active = true; // Vorlin in front: the local input has the keys
+    input.keyEvent(KEY_D, 1);
+    EXPECT_EQ(model.document().selectedKey, 1);
+    active = false;
+    input.keyEvent(KEY_LEFTCTRL, 1);
+    input.keyEvent(KEY_D, 1);
+    EXPECT_EQ(model.document().selectedKey, 1);
+    input.keyEvent(KEY_LEFTCTRL, 0);
+
+    // Shift held on the device stops the key; a repeat is a repeat.
+    model.document().assignments[2] = KeyAssignment("/show/d.wav", 0);
+    MediaInfo info;
+    info.probe.hasAudio = true;
+    info.clip = std::make_shared<const AudioClip>(
+        std::vector<std::vector<float>>{std::vector<float>(48000, 0.5f)}, 48000.0);
+    model.document().media["/show/d.wav"] = info;
+    input.keyEvent(KEY_D, 1);
+    EXPECT_TRUE(model.isRunning(2));
+    input.keyEvent(KEY_D, 2);
+    EXPECT_TRUE(model.isRunning(2));
+    input.keyEvent(KEY_D, 0);
+    input.keyEvent(KEY_RIGHTSHIFT, 1);
+    input.keyEvent(KEY_D, 1);
+    EXPECT_FALSE(model.isRunning(2));
+}
+
+TEST(BackgroundKeys, NoReadableKeyboardSaysHowToGrantAccess) {
+    TempDir dir;
+    AppModel model;
+    model.setOffline(true);
+    BackgroundInput input(model, [] { return false; });
+    QFile(QString::fromStdString(dir.file("event0"))).open(QIODevice::WriteOnly); // not a device
+    EXPECT_EQ(input.setEnabled(true, QString::fromStdString(dir.file(""))), 0);
+    EXPECT_EQ(model.cueEngine().statusMessage(), BackgroundInput::kNoAccessMessage);
+    EXPECT_FALSE(input.isEnabled());
+}
+
+} // namespace
