@@ -19,6 +19,16 @@
 
 namespace {
 
+// The D key (code 2) holding one second of sound, ready to play.
+void addToggleKeyD(AppModel& model) {
+    model.document().assignments[2] = KeyAssignment("/show/d.wav", 0);
+    MediaInfo info;
+    info.probe.hasAudio = true;
+    info.clip = std::make_shared<const AudioClip>(
+        std::vector<std::vector<float>>{std::vector<float>(48000, 0.5f)}, 48000.0);
+    model.document().media["/show/d.wav"] = info;
+}
+
 class Window : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -54,12 +64,7 @@ TEST_F(Window, KeysReachTheShowWithTheirCodeShiftAndRepeat) {
     EXPECT_EQ(model.document().selectedKey, 41);
 
     // Through to the cue engine: Shift+key stops, a repeat is ignored, a toggle starts and stops.
-    model.document().assignments[2] = KeyAssignment("/show/d.wav", 0);
-    MediaInfo info;
-    info.probe.hasAudio = true;
-    info.clip = std::make_shared<const AudioClip>(
-        std::vector<std::vector<float>>{std::vector<float>(48000, 0.5f)}, 48000.0);
-    model.document().media["/show/d.wav"] = info;
+    addToggleKeyD(model);
     send(QEvent::KeyPress, Qt::Key_D, KEY_D);
     EXPECT_TRUE(model.isRunning(2));
     model.tick();
@@ -181,12 +186,7 @@ TEST(BackgroundKeys, OnlyWhileAnotherProgramIsInFrontAndWithoutCtrlAltMeta) {
     input.keyEvent(KEY_LEFTCTRL, 0);
 
     // Shift held on the device stops the key; a repeat is a repeat.
-    model.document().assignments[2] = KeyAssignment("/show/d.wav", 0);
-    MediaInfo info;
-    info.probe.hasAudio = true;
-    info.clip = std::make_shared<const AudioClip>(
-        std::vector<std::vector<float>>{std::vector<float>(48000, 0.5f)}, 48000.0);
-    model.document().media["/show/d.wav"] = info;
+    addToggleKeyD(model);
     input.keyEvent(KEY_D, 1);
     EXPECT_TRUE(model.isRunning(2));
     input.keyEvent(KEY_D, 2);

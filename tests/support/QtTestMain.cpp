@@ -1,12 +1,20 @@
-// GoogleTest main for suites that use Qt: a QCoreApplication, and preferences and data in a
+// GoogleTest main for suites that use Qt: a QCoreApplication, or, built with VORLIN_TEST_WIDGETS,
+// a QApplication on the offscreen platform (no display needed). Preferences and data live in a
 // fresh folder per test process, so no test reads or writes the user's own settings or another
 // test's. (Qt's own test mode is not used: it sends every process to one shared folder.)
+#ifdef VORLIN_TEST_WIDGETS
+#include <QApplication>
+using TestApplication = QApplication;
+#else
+#include <QCoreApplication>
+using TestApplication = QCoreApplication;
+#endif
+
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <string>
-
-#include <QCoreApplication>
 
 int main(int argc, char** argv) {
     std::string config = (std::filesystem::temp_directory_path() / "vorlin-config-XXXXXX").string();
@@ -14,7 +22,11 @@ int main(int argc, char** argv) {
         return 2;
     setenv("XDG_CONFIG_HOME", config.c_str(), 1);
     setenv("XDG_DATA_HOME", config.c_str(), 1);
-    QCoreApplication app(argc, argv);
+#ifdef VORLIN_TEST_WIDGETS
+    setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);
+#endif
+    TestApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
     std::error_code ignored;
