@@ -52,6 +52,7 @@ int runApplication(int argc, char** argv) {
         model, [] { return QGuiApplication::applicationState() == Qt::ApplicationActive; });
     if (Prefs::value(Prefs::kBackgroundInput, false).toBool())
         background.setEnabled(true);
+    window.onBackgroundInputChange = [&background](bool on) { background.setEnabled(on); };
     window.updateTitle();
     window.show();
     window.activateWindow();

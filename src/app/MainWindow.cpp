@@ -20,6 +20,7 @@
 #include <QVBoxLayout>
 
 #include "app/KeyboardView.h"
+#include "app/SettingsWindow.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/KeyboardLayout.h"
@@ -219,6 +220,21 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     }
     QSettings().setValue(QStringLiteral("window/VorlinMain-%1").arg(m_instance), saveGeometry());
     event->accept();
+}
+
+void MainWindow::showSettings() {
+    if (!m_settings) {
+        auto* settings = new SettingsWindow(m_instance, this);
+        settings->setAttribute(Qt::WA_DeleteOnClose);
+        settings->onBackgroundInputChange = [this](bool on) {
+            if (onBackgroundInputChange)
+                onBackgroundInputChange(on);
+        };
+        m_settings = settings;
+    }
+    m_settings->show();
+    m_settings->raise();
+    m_settings->activateWindow();
 }
 
 void MainWindow::placeOnScreen() {

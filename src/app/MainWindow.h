@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include <QMainWindow>
+#include <QPointer>
 
 #include "app/DialogInteraction.h"
 
@@ -37,6 +39,12 @@ public:
     // Keeps the window inside the screen's available area.
     void fitWindowToScreen();
 
+    // Brings up the settings window (made on first use).
+    void showSettings();
+    QWidget* settingsWindow() const { return m_settings; }
+    // Called when the operator switches background input in the settings.
+    std::function<void(bool)> onBackgroundInputChange;
+
 protected:
     void closeEvent(QCloseEvent* event) override;
 
@@ -54,4 +62,5 @@ private:
     QSlider* m_master = nullptr;
     QWidget* m_meters = nullptr;
     std::vector<std::int64_t> m_listedCues; // cue ids the list's rows and buttons stand for
+    QPointer<QWidget> m_settings;
 };

@@ -209,3 +209,62 @@ TEST(BackgroundKeys, NoReadableKeyboardSaysHowToGrantAccess) {
 }
 
 } // namespace
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QFormLayout>
+#include <QLabel>
+
+namespace {
+
+TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
+    window->showSettings();
+    QWidget* settings = window->settingsWindow();
+    ASSERT_NE(settings, nullptr);
+    EXPECT_EQ(settings->windowTitle(), "設定 — Vorlin #1");
+    EXPECT_EQ(settings->size(), QSize(632, 552));
+    window->showSettings(); // the same window again, not a second one
+    EXPECT_EQ(window->settingsWindow(), settings);
+
+    auto* form = settings->findChild<QFormLayout*>();
+    ASSERT_NE(form, nullptr);
+    QStringList labels;
+    for (int row = 0; row < form->rowCount(); ++row)
+        if (auto* item = form->itemAt(row, QFormLayout::LabelRole))
+            if (auto* label = qobject_cast<QLabel*>(item->widget());
+                label && !label->text().isEmpty())
+                labels << label->text();
+    EXPECT_EQ(
+        labels,
+        (QStringList{"キーボード配列", "起動したら前回のキーマップを開く",
+                     "ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）",
+                     "すでに素材があるキーに入れたとき", "複数のファイルを空いたキーに入れたとき",
+                     "pptx の変換", "起動したときに新しい版があるか確かめる（1 日 1 回）", "モード",
+                     "次の素材が流れたら", "フェード IN", "フェード OUT", "縦横比が画面と違うとき",
+                     "背景色", "起動したら映像出力を開く"}));
+
+    auto field = [&](int row) { return form->itemAt(row, QFormLayout::FieldRole)->widget(); };
+    auto* mode = qobject_cast<QComboBox*>(field(8));
+    ASSERT_NE(mode, nullptr);
+    EXPECT_EQ(mode->currentText(), "トグル（もう一度押すとフェード停止）");
+    mode->setCurrentIndex(2);
+    EXPECT_EQ(Prefs::value(Prefs::kDefaultMode).toString(), "hold");
+    EXPECT_EQ(newAssignment("/x.wav", 0).mode, KeyMode::hold); // read at the moment of use
+
+    auto* pptx = qobject_cast<QComboBox*>(field(6));
+    pptx->setCurrentIndex(1);
+    EXPECT_EQ(Prefs::value(Prefs::kPreferPowerPoint).toBool(), false);
+    auto* fadeOut = qobject_cast<QDoubleSpinBox*>(field(11));
+    fadeOut->setValue(2.5);
+    EXPECT_EQ(Prefs::value(Prefs::kDefaultFadeOut).toDouble(), 2.5);
+
+    bool switched = false;
+    window->onBackgroundInputChange = [&](bool on) { switched = on; };
+    qobject_cast<QCheckBox*>(field(3))->setChecked(true);
+    EXPECT_TRUE(switched);
+    EXPECT_TRUE(Prefs::value(Prefs::kBackgroundInput).toBool());
+    Prefs::setValue(Prefs::kDefaultMode, "toggle");
+}
+
+} // namespace

@@ -10,10 +10,9 @@ using TestApplication = QApplication;
 using TestApplication = QCoreApplication;
 #endif
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <string>
 
 int main(int argc, char** argv) {

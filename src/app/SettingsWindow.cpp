@@ -1,0 +1,115 @@
+#include "app/SettingsWindow.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QFormLayout>
+#include <QLabel>
+#include <QScrollArea>
+#include <QVBoxLayout>
+
+#include "model/Prefs.h"
+
+SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
+    setWindowTitle(QStringLiteral("設定 — Vorlin #%1").arg(instanceNumber));
+    resize(632, 552);
+    auto* form = new QFormLayout;
+    form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+    form->setRowWrapPolicy(
+        QFormLayout::WrapLongRows); // long labels above their field, nothing cut off
+
+    auto check = [this](const QString& key, bool fallback) {
+        auto* box = new QCheckBox(this);
+        box->setChecked(Prefs::value(key, fallback).toBool());
+        connect(box, &QCheckBox::toggled, this, [key](bool on) { Prefs::setValue(key, on); });
+        return box;
+    };
+    auto seconds = [this](const QString& key) {
+        auto* box = new QDoubleSpinBox(this);
+        box->setRange(0.0, 60.0);
+        box->setDecimals(2);
+        box->setSingleStep(0.1);
+        box->setSuffix(QStringLiteral(" 秒"));
+        box->setValue(Prefs::value(key).toDouble());
+        connect(box, &QDoubleSpinBox::valueChanged, this,
+                [key](double v) { Prefs::setValue(key, v); });
+        return box;
+    };
+
+    form->addRow(
+        QStringLiteral("キーボード配列"),
+        choice(Prefs::kKeyboardLayout,
+               {{"自動（接続中のキーボード）", "auto"}, {"JIS（日本語）", "jis"}, {"US", "us"}}));
+    auto* note = new QLabel(QStringLiteral("配列の変更は次に起動したときに反映されます。"), this);
+    note->setStyleSheet("color: gray;");
+    form->addRow(QString(), note);
+    form->addRow(QStringLiteral("起動したら前回のキーマップを開く"),
+                 check(Prefs::kReopenLastKeymap, true));
+    QCheckBox* background = check(Prefs::kBackgroundInput, false);
+    connect(background, &QCheckBox::toggled, this, [this](bool on) {
+        if (onBackgroundInputChange)
+            onBackgroundInputChange(on);
+    });
+    form->addRow(QStringLiteral("ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）"),
+                 background);
+    form->addRow(QStringLiteral("すでに素材があるキーに入れたとき"),
+                 choice(Prefs::kOccupiedDrop, {{"毎回確認する", "ask"},
+                                               {"いつも後ろに追加（押すたび次へ）", "append"},
+                                               {"いつも差し替える", "replace"}}));
+    form->addRow(QStringLiteral("複数のファイルを空いたキーに入れたとき"),
+                 choice(Prefs::kMultiDrop, {{"毎回確認する", "ask"},
+                                            {"そのキーにまとめる（押すたび次へ）", "list"},
+                                            {"後ろの空きキーに 1 つずつ", "spread"}}));
+    form->addRow(QStringLiteral("pptx の変換"),
+                 choice(Prefs::kPreferPowerPoint,
+                        {{"PowerPoint（なければ Keynote）", "true"}, {"いつも Keynote", "false"}}));
+    form->addRow(QStringLiteral("起動したときに新しい版があるか確かめる（1 日 1 回）"),
+                 check(Prefs::kAutoCheckUpdates, true));
+    form->addRow(QStringLiteral("モード"),
+                 choice(Prefs::kDefaultMode, {{"トグル（もう一度押すとフェード停止）", "toggle"},
+                                              {"リトリガー（押すたび頭から）", "retrigger"},
+                                              {"ホールド（押している間だけ）", "hold"}}));
+    form->addRow(QStringLiteral("次の素材が流れたら"),
+                 choice(Prefs::kDefaultOnNext, {{"重ねて流し続ける", "keep"},
+                                                {"フェードアウトして止める", "fade"},
+                                                {"すぐに止める", "cut"}}));
+    form->addRow(QStringLiteral("フェード IN"), seconds(Prefs::kDefaultFadeIn));
+    form->addRow(QStringLiteral("フェード OUT"), seconds(Prefs::kDefaultFadeOut));
+    form->addRow(QStringLiteral("縦横比が画面と違うとき"),
+                 choice(Prefs::kVideoFill, {{"全体を映す（余白は背景色）", "fit"},
+                                            {"画面いっぱい（はみ出しは切る）", "fill"},
+                                            {"引き伸ばす", "stretch"}}));
+    form->addRow(QStringLiteral("背景色"),
+                 choice(Prefs::kVideoBackground, {{"黒", "black"}, {"白", "white"}}));
+    form->addRow(QStringLiteral("起動したら映像出力を開く"),
+                 check(Prefs::kOpenVideoOnLaunch, false));
+
+    auto* page = new QWidget;
+    page->setLayout(form);
+    auto* scroll = new QScrollArea(this);
+    scroll->setWidget(page);
+    scroll->setWidgetResizable(true);
+    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    auto* outer = new QVBoxLayout(this);
+    outer->addWidget(scroll);
+}
+
+QComboBox* SettingsWindow::choice(const QString& key,
+                                  const QList<QPair<QString, QString>>& options) {
+    auto* box = new QComboBox(this);
+    const QString stored = Prefs::value(key).toString();
+    for (const auto& [label, value] : options) {
+        box->addItem(label, value);
+        if (value == stored)
+            box->setCurrentIndex(box->count() - 1);
+    }
+    connect(box, &QComboBox::currentIndexChanged, this, [key, box](int) {
+        const QString value = box->currentData().toString();
+        // The PowerPoint choice is a yes/no preference; the others are stored as their names.
+        if (value == "true" || value == "false")
+            Prefs::setValue(key, value == "true");
+        else
+            Prefs::setValue(key, value);
+    });
+    return box;
+}
