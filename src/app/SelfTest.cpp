@@ -46,10 +46,9 @@ void waitForMedia(AppModel& model) {
 }
 
 // A key as the keyboard sends it, through the application's event filters.
-void press(MainWindow& window, KeyCode code, bool down) {
+void press(MainWindow& window, KeyCode code, bool down, Qt::KeyboardModifiers modifiers = {}) {
     const auto evdev = KeyCodeMap::toEvdev(code).value_or(0);
-    QKeyEvent event(down ? QEvent::KeyPress : QEvent::KeyRelease, 0, Qt::NoModifier, evdev + 8, 0,
-                    0);
+    QKeyEvent event(down ? QEvent::KeyPress : QEvent::KeyRelease, 0, modifiers, evdev + 8, 0, 0);
     QApplication::sendEvent(&window, &event);
 }
 
@@ -95,9 +94,7 @@ void checkKeys(AppModel& model, MainWindow& window, const QString& codes, const 
                   QString("key %1 (%2) plays on").arg(code).arg(name));
         press(window, code, true); // toggle, or retrigger: either way Shift stops it below
         press(window, code, false);
-        QKeyEvent shifted(QEvent::KeyPress, 0, Qt::ShiftModifier,
-                          KeyCodeMap::toEvdev(code).value_or(0) + 8, 0, 0);
-        QApplication::sendEvent(&window, &shifted);
+        press(window, code, true, Qt::ShiftModifier);
         log.check(!model.isRunning(code), QString("Shift+key %1 stops it").arg(code));
     }
 }

@@ -26,13 +26,6 @@ void preferHugePages(void* data, std::size_t bytes) {
 
 } // namespace
 
-SampleBuffer::SampleBuffer(std::size_t frames) {
-    if (frames > 0 && reserve(frames)) {
-        std::memset(m_data, 0, frames * sizeof(float));
-        m_size = frames;
-    }
-}
-
 SampleBuffer::~SampleBuffer() {
     std::free(m_data);
 }

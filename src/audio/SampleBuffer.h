@@ -10,7 +10,6 @@
 class SampleBuffer {
 public:
     SampleBuffer() = default;
-    explicit SampleBuffer(std::size_t frames); // zero-filled
     ~SampleBuffer();
 
     SampleBuffer(SampleBuffer&& other) noexcept;

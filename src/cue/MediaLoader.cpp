@@ -112,15 +112,11 @@ void MediaLoader::finished(const QString& key, std::uint64_t generation, MediaIn
     emit mediaChanged(key);
     if (missing)
         emit missingFiles({QFileInfo(key).fileName()});
-    if (m_running.empty())
-        emit allLoaded();
 }
 
 void MediaLoader::reloadAll(bool force) {
     for (const KeyAssignment& a : m_document.allAssignments())
         loadMedia(a, force);
-    if (m_running.empty())
-        emit allLoaded();
 }
 
 void MediaLoader::releaseMediaIfUnused(const std::optional<QString>& excluding) {

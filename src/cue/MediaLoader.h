@@ -40,7 +40,6 @@ signals:
     void mediaChanged(const QString& mediaKey);
     // Files that were not where their key says (names only).
     void missingFiles(const QStringList& names);
-    void allLoaded();
 
 private:
     struct Running {

@@ -27,7 +27,6 @@ public:
 
     void markDirty();
     bool isDirty() const { return m_dirty; }
-    bool isApplyingDocument() const { return m_applying; }
     const std::optional<QString>& documentPath() const { return m_path; }
     // The file's name, or "名称未設定.vorlin".
     QString documentName() const;
