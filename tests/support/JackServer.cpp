@@ -37,6 +37,11 @@ JackServer::JackServer(int playbackPorts, int rate, int period, bool realtime) {
     const std::string rateText = std::to_string(rate);
     const std::string periodText = std::to_string(period);
 
+    // JACK servers share one registry; servers starting at the same moment in tests running side
+    // by side can spoil each other's start. Start-ups are taken one at a time.
+    const int startLock = open("/tmp/vorlin-jack-start.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+    if (startLock >= 0)
+        flock(startLock, LOCK_EX);
     for (int slot = 0; slot < kNameSlots && !m_ready; ++slot) {
         // Tests running side by side each hold the lock of the slot they use; it goes with
         // the process however that ends.
@@ -76,13 +81,22 @@ JackServer::JackServer(int playbackPorts, int rate, int period, bool realtime) {
                 m_pid = -1; // the name was taken after all: next slot
                 break;
             }
+            // Ready when it still takes clients a moment after the first one, with its process up.
             if (connects()) {
-                m_ready = true;
-                break;
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
+                    m_pid = -1; // it died after all: next slot
+                    break;
+                }
+                m_ready = connects();
+                if (m_ready)
+                    break;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     }
+    if (startLock >= 0)
+        close(startLock);
 }
 
 JackServer::~JackServer() {
