@@ -99,20 +99,24 @@ void AppModel::setMasterVolume(double volume) {
     m_masterVolume = volume;
     m_audio.mixer().setMasterVolume(volume);
     markDirty();
+    emit mixSettingsChanged();
 }
 
 void AppModel::setMutedOutputs(std::set<std::int64_t> outputs) {
     m_mutedOutputs = std::move(outputs);
     m_audio.mixer().setMuted(m_mutedOutputs);
     markDirty();
+    emit mixSettingsChanged();
 }
 
 void AppModel::setStopAllFade(double seconds) {
     m_engine->setStopAllFade(seconds);
     markDirty();
+    emit mixSettingsChanged();
 }
 
 void AppModel::setToneChannel(std::optional<std::int64_t> channel) {
     m_toneChannel = channel;
     m_audio.mixer().setToneChannel(channel);
+    emit mixSettingsChanged();
 }

@@ -55,6 +55,7 @@ public:
     void setMutedOutputs(std::set<std::int64_t> outputs);
     const std::optional<std::int64_t>& toneChannel() const { return m_toneChannel; }
     void setToneChannel(std::optional<std::int64_t> channel);
+    double stopAllFade() const { return m_engine->stopAllFade(); }
     void setStopAllFade(double seconds);
     // The video outputs that are open ("window" or screen ids), as the show file keeps them.
     const QStringList& videoOutputs() const { return m_videoOutputs; }
@@ -104,6 +105,8 @@ signals:
     void assignmentsChanged();
     // Device name, channel count or rate changed (after every restart).
     void audioDeviceChanged();
+    // Master volume, mutes, test tone or stop-all fade changed (by a view or an opened show).
+    void mixSettingsChanged();
 
 private:
     ShowDocument m_document;

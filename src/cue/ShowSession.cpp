@@ -62,6 +62,7 @@ void ShowSession::save(const QString& path) {
     m_dirty = false;
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
+    emit m_model.assignmentsChanged();
 }
 
 void ShowSession::open(const QString& path) {
@@ -104,7 +105,7 @@ void ShowSession::open(const QString& path) {
     show.assignments = show.pages[current].keys;
 
     m_model.setMasterVolume(doc.masterVolume);
-    m_model.cueEngine().setStopAllFade(doc.stopAllFade);
+    m_model.setStopAllFade(doc.stopAllFade);
     const auto muted = doc.mutedOutputs.value_or(std::vector<std::int64_t>{});
     m_model.setMutedOutputs({muted.begin(), muted.end()});
     QStringList outputs;
@@ -136,6 +137,7 @@ void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) 
     m_model.media().reloadAll(true);
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
+    emit m_model.assignmentsChanged();
 }
 
 void ShowSession::newDocument() {
@@ -154,6 +156,7 @@ void ShowSession::newDocument() {
     m_dirty = false;
     Prefs::remove(Prefs::lastKeymapKey(m_instance));
     titleChanged();
+    emit m_model.assignmentsChanged();
 }
 
 void ShowSession::restoreLastDocument() {

@@ -25,6 +25,9 @@ inline const QString kOpenVideoOnLaunch = QStringLiteral("pref.openVideoOnLaunch
 inline const QString kAutoCheckUpdates = QStringLiteral("pref.autoCheckUpdates");
 // Keys from the keyboard devices while another program is in front (off unless switched on).
 inline const QString kBackgroundInput = QStringLiteral("pref.backgroundInput");
+// What the side panel's meters show: "output" (the device outputs, the default) or "source"
+// (the source channels of the keys that play).
+inline const QString kMeterMode = QStringLiteral("pref.meterMode");
 
 // Makes the twelve registered defaults what a read returns while the user never set a key.
 // Called first thing at start-up.
