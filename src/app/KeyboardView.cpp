@@ -93,6 +93,9 @@ void KeyboardView::paintEvent(QPaintEvent*) {
         const bool running = assigned && m_model.isRunning(spec.code);
         if (running)
             fill = fill.lighter(160);
+        // Light cells (pale palette colours, lit keys) get dark ink so names stay readable.
+        const double luma = 0.299 * fill.redF() + 0.587 * fill.greenF() + 0.114 * fill.blueF();
+        const QColor ink = luma > 0.6 ? QColor(25, 25, 28) : QColor(235, 235, 240);
         QPainterPath path;
         path.addRoundedRect(r, 5, 5);
         p.fillPath(path, fill);
@@ -103,13 +106,13 @@ void KeyboardView::paintEvent(QPaintEvent*) {
             const double done =
                 progress.count(spec.code) ? std::clamp(progress.at(spec.code), 0.0, 1.0) : 0.0;
             p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, r.width() - 8, 5), fill.darker(170));
-            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, (r.width() - 8) * done, 5), Qt::white);
+            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, (r.width() - 8) * done, 5), ink);
         }
         if (selected && spec.kind == KeySpec::Kind::key && *selected == spec.code) {
             p.setPen(QPen(QColor(255, 214, 10), 2.5));
             p.drawPath(path);
         }
-        p.setPen(spec.kind == KeySpec::Kind::pad ? QColor(120, 120, 125) : QColor(235, 235, 240));
+        p.setPen(spec.kind == KeySpec::Kind::pad ? QColor(120, 120, 125) : ink);
         QFont font = p.font();
         font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.2)));
         font.setBold(true);

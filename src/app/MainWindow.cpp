@@ -9,64 +9,25 @@
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
-#include <QPainter>
 #include <QProcess>
 #include <QPushButton>
 #include <QScreen>
 #include <QSettings>
-#include <QSlider>
+#include <QSplitter>
 #include <QStatusBar>
 #include <QTableWidget>
 #include <QVBoxLayout>
 
+#include "app/CueListView.h"
+#include "app/DetailPanel.h"
 #include "app/KeyboardView.h"
+#include "app/MeterPanel.h"
+#include "app/OutputBar.h"
+#include "app/PageListPanel.h"
 #include "app/SettingsWindow.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/KeyboardLayout.h"
-
-namespace {
-
-// Output meters: one bar per meter channel from the live state, with the output number.
-class MetersView : public QWidget {
-public:
-    explicit MetersView(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
-        setMinimumWidth(140);
-        setFocusPolicy(Qt::NoFocus);
-        connect(&model.live(), &LiveState::metersChanged, this, qOverload<>(&QWidget::update));
-    }
-
-protected:
-    void paintEvent(QPaintEvent*) override {
-        QPainter p(this);
-        p.fillRect(rect(), QColor(24, 25, 28));
-        const auto& meters = m_model.live().meters();
-        if (meters.empty())
-            return;
-        const double w = static_cast<double>(width()) / static_cast<double>(meters.size());
-        for (std::size_t i = 0; i < meters.size(); ++i) {
-            // −60 dB … 0 dB over the height.
-            const double db = meters[i] > 1e-6f ? 20.0 * std::log10(meters[i]) : -60.0;
-            const double level = std::clamp((db + 60.0) / 60.0, 0.0, 1.0);
-            const QRectF bar(i * w + 2, (height() - 16) * (1.0 - level), w - 4,
-                             (height() - 16) * level);
-            p.fillRect(bar, db > -3 ? QColor(220, 60, 50) : QColor(80, 200, 110));
-            p.setPen(QColor(170, 170, 175));
-            p.drawText(QRectF(i * w, height() - 15, w, 14), Qt::AlignCenter,
-                       QString::number(i + 1));
-        }
-    }
-
-private:
-    AppModel& m_model;
-};
-
-template <typename Widget> Widget* unfocusable(Widget* widget) {
-    widget->setFocusPolicy(Qt::NoFocus);
-    return widget;
-}
-
-} // namespace
 
 MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     : QMainWindow(parent), m_model(model), m_instance(instanceNumber), m_dialogs(this) {
@@ -74,40 +35,32 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     auto* central = new QWidget(this);
     auto* column = new QVBoxLayout(central);
 
-    auto* top = new QHBoxLayout;
-    top->addWidget(new QLabel(QStringLiteral("マスター"), central));
-    m_master = unfocusable(new QSlider(Qt::Horizontal, central));
-    m_master->setRange(0, 100);
-    m_master->setValue(static_cast<int>(std::lround(m_model.masterVolume() * 100)));
-    m_master->setMaximumWidth(220);
-    connect(m_master, &QSlider::valueChanged, this,
-            [this](int v) { m_model.setMasterVolume(v / 100.0); });
-    top->addWidget(m_master);
-    top->addStretch(1);
-    auto* stopAll = unfocusable(new QPushButton(QStringLiteral("全停止"), central));
-    stopAll->setStyleSheet(
-        "QPushButton { background: #a02828; color: white; padding: 6px 18px; font-weight: bold; }");
-    connect(stopAll, &QPushButton::clicked, this, [this] { m_model.stopAll(false); });
-    top->addWidget(stopAll);
-    column->addLayout(top);
+    m_outputBar = new OutputBar(m_model, central);
+    column->addWidget(m_outputBar);
 
+    auto* middle = new QHBoxLayout;
+    m_pages = new PageListPanel(m_model, central);
+    m_pages->setFixedWidth(180);
+    m_pages->hide();
+    middle->addWidget(m_pages);
     m_keyboard = new KeyboardView(m_model, central);
-    column->addWidget(m_keyboard, 3);
+    middle->addWidget(m_keyboard, 1);
+    m_meters = new MeterPanel(m_model, central);
+    m_meters->setFixedWidth(250);
+    middle->addWidget(m_meters);
+    column->addLayout(middle, 5);
 
-    auto* bottom = new QHBoxLayout;
-    m_cueList = unfocusable(new QTableWidget(0, 4, central));
-    m_cueList->setHorizontalHeaderLabels(
-        {QStringLiteral("キュー"), QStringLiteral("ページ"), QStringLiteral("進行"), QString()});
-    m_cueList->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
-    m_cueList->verticalHeader()->hide();
-    m_cueList->setEditTriggers(QAbstractItemView::NoEditTriggers);
-    bottom->addWidget(m_cueList, 3);
-    m_meters = new MetersView(m_model, central);
-    bottom->addWidget(m_meters, 1);
-    column->addLayout(bottom, 1);
+    auto* bottom = new QSplitter(Qt::Horizontal, central);
+    m_cueList = new CueListView(m_model, bottom);
+    m_detail = new DetailPanel(m_model, bottom);
+    bottom->addWidget(m_cueList);
+    bottom->addWidget(m_detail);
+    bottom->setStretchFactor(0, 2);
+    bottom->setStretchFactor(1, 5);
+    bottom->setChildrenCollapsible(false);
+    column->addWidget(bottom, 4);
     setCentralWidget(central);
 
-    connect(&m_model.live(), &LiveState::cuesChanged, this, &MainWindow::refreshCues);
     connect(&m_model.cueEngine(), &CueEngine::statusMessageChanged, this,
             [this](const QString& message) { statusBar()->showMessage(message); });
     connect(&m_model, &AppModel::assignmentsChanged, this, &MainWindow::updateTitle);
@@ -119,6 +72,16 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     updateTitle();
 }
 
+QTableWidget& MainWindow::cueList() {
+    return *m_cueList;
+}
+
+void MainWindow::setPageListShown(bool shown) {
+    m_pages->setVisible(shown);
+    QSettings().setValue(QStringLiteral("window/pageListShown"), shown);
+    updateMinWidth(shown);
+}
+
 void MainWindow::updateTitle() {
     const ShowDocument& doc = m_model.document();
     const QString page =
@@ -128,38 +91,6 @@ void MainWindow::updateTitle() {
                        .arg(m_model.documentName(), page));
     setWindowModified(m_model.isDirty());
     setWindowFilePath(m_model.session().documentPath().value_or(QString()));
-}
-
-void MainWindow::refreshCues() {
-    const auto& rows = m_model.live().cues();
-    // Rows change 30 times a second (progress); their stop buttons only when cues come or go.
-    std::vector<std::int64_t> ids;
-    for (const CueRow& row : rows)
-        ids.push_back(row.id);
-    const bool sameCues = ids == m_listedCues;
-    if (!sameCues) {
-        m_listedCues = ids;
-        m_cueList->setRowCount(0);
-        m_cueList->setRowCount(static_cast<int>(rows.size()));
-    }
-    for (int r = 0; r < static_cast<int>(rows.size()); ++r) {
-        const CueRow& row = rows[static_cast<std::size_t>(r)];
-        const QString name = (row.stopping ? QStringLiteral("↘ ") : QString()) + row.name;
-        const QString progress = QString::number(std::lround(row.progress * 100)) + " %";
-        const QString texts[] = {name, row.pageName.value_or(QString()), progress};
-        for (int c = 0; c < 3; ++c) {
-            if (QTableWidgetItem* item = m_cueList->item(r, c))
-                item->setText(texts[c]);
-            else
-                m_cueList->setItem(r, c, new QTableWidgetItem(texts[c]));
-        }
-        if (!sameCues) {
-            auto* stop = unfocusable(new QPushButton(QStringLiteral("停止"), m_cueList));
-            const std::int64_t id = row.id;
-            connect(stop, &QPushButton::clicked, this, [this, id] { m_model.stopCue(id); });
-            m_cueList->setCellWidget(r, 3, stop);
-        }
-    }
 }
 
 void MainWindow::showError(const QString& message) {
@@ -247,7 +178,7 @@ void MainWindow::placeOnScreen() {
             move(frame.topLeft() + QPoint((m_instance - 1) * 30, (m_instance - 1) * 30));
         }
     }
-    updateMinWidth();
+    setPageListShown(QSettings().value(QStringLiteral("window/pageListShown"), false).toBool());
 }
 
 void MainWindow::updateMinWidth(bool pageListShown, bool deckTabOpen) {
@@ -288,8 +219,8 @@ void MainWindow::buildMenu() {
                            QStringLiteral("Vorlin — キーボードで鳴らすキュープレイヤー"));
     });
     app->addSeparator();
-    add(app, QStringLiteral("設定…"), QKeySequence(Qt::CTRL | Qt::Key_Comma), [] {
-    })->setEnabled(false);
+    add(app, QStringLiteral("設定…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),
+        [this] { showSettings(); });
     app->addSeparator();
     add(app, QStringLiteral("アップデートを確認…"), {}, [] {})->setEnabled(false);
     app->addSeparator();
@@ -369,8 +300,8 @@ void MainWindow::buildMenu() {
     add(play, QStringLiteral("このページを複製"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_D),
         [this] { m_model.editor().newPage(true); });
     add(play, QStringLiteral("プレイリストを表示／隠す"),
-        QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_L), [] {})
-        ->setEnabled(false);
+        QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_L),
+        [this] { setPageListShown(m_pages->isHidden()); });
 
     QMenu* window = menuBar()->addMenu(QStringLiteral("ウインドウ"));
     add(window, QStringLiteral("しまう"), QKeySequence(Qt::CTRL | Qt::Key_M),

@@ -10,21 +10,30 @@
 #include "app/DialogInteraction.h"
 
 class AppModel;
+class CueListView;
+class DetailPanel;
 class KeyboardView;
-class QLabel;
-class QSlider;
+class MeterPanel;
+class OutputBar;
+class PageListPanel;
 class QTableWidget;
 
-// The operator's window: the drawn keyboard, master volume and stop-all on top, the running cues
-// with a stop button each, the output meters, the status line, and the menu bar. No control in
-// it takes keyboard focus, so keys always reach the show. Main thread.
+// The operator's window: master volume, output device and stop-all on top; the page list (shown
+// on demand), the drawn keyboard and the meters in the middle; the running cues and the selected
+// key's details below; the status line and the menu bar. No button, box or list in it takes
+// keyboard focus, so keys always reach the show. Main thread.
 class MainWindow : public QMainWindow {
     Q_OBJECT
 public:
     MainWindow(AppModel& model, int instanceNumber, QWidget* parent = nullptr);
 
     KeyboardView& keyboard() { return *m_keyboard; }
-    QTableWidget& cueList() { return *m_cueList; }
+    QTableWidget& cueList();
+    DetailPanel& detail() { return *m_detail; }
+    MeterPanel& meters() { return *m_meters; }
+    PageListPanel& pageList() { return *m_pages; }
+    OutputBar& outputBar() { return *m_outputBar; }
+    void setPageListShown(bool shown);
     void updateTitle();
     // Whether a changed show may be dropped: asks "保存" / "キャンセル" / "保存しない".
     bool confirmDiscard();
@@ -50,7 +59,6 @@ protected:
 
 private:
     void buildMenu();
-    void refreshCues();
     void openDocument();
     void showError(const QString& message);
 
@@ -58,9 +66,10 @@ private:
     int m_instance;
     DialogInteraction m_dialogs;
     KeyboardView* m_keyboard = nullptr;
-    QTableWidget* m_cueList = nullptr;
-    QSlider* m_master = nullptr;
-    QWidget* m_meters = nullptr;
-    std::vector<std::int64_t> m_listedCues; // cue ids the list's rows and buttons stand for
+    CueListView* m_cueList = nullptr;
+    DetailPanel* m_detail = nullptr;
+    MeterPanel* m_meters = nullptr;
+    PageListPanel* m_pages = nullptr;
+    OutputBar* m_outputBar = nullptr;
     QPointer<QWidget> m_settings;
 };

@@ -8,6 +8,7 @@
 #include <QScrollArea>
 #include <QVBoxLayout>
 
+#include "app/Choices.h"
 #include "model/Prefs.h"
 
 SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
@@ -65,16 +66,18 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
                         {{"PowerPoint（なければ Keynote）", "true"}, {"いつも Keynote", "false"}}));
     form->addRow(QStringLiteral("起動したときに新しい版があるか確かめる（1 日 1 回）"),
                  check(Prefs::kAutoCheckUpdates, true));
-    form->addRow(QStringLiteral("モード"),
-                 choice(Prefs::kDefaultMode, {{"トグル（もう一度押すとフェード停止）", "toggle"},
-                                              {"リトリガー（押すたび頭から）", "retrigger"},
-                                              {"ホールド（押している間だけ）", "hold"}}));
+    auto heading = [this, form](const QString& text) {
+        auto* label = new QLabel(text, this);
+        label->setStyleSheet("font-weight: bold; margin-top: 8px;");
+        form->addRow(label);
+    };
+    heading(QStringLiteral("新しく入れたキーの設定"));
+    form->addRow(QStringLiteral("モード"), choice(Prefs::kDefaultMode, Choices::modes()));
     form->addRow(QStringLiteral("次の素材が流れたら"),
-                 choice(Prefs::kDefaultOnNext, {{"重ねて流し続ける", "keep"},
-                                                {"フェードアウトして止める", "fade"},
-                                                {"すぐに止める", "cut"}}));
+                 choice(Prefs::kDefaultOnNext, Choices::onNext()));
     form->addRow(QStringLiteral("フェード IN"), seconds(Prefs::kDefaultFadeIn));
     form->addRow(QStringLiteral("フェード OUT"), seconds(Prefs::kDefaultFadeOut));
+    heading(QStringLiteral("映像出力"));
     form->addRow(QStringLiteral("縦横比が画面と違うとき"),
                  choice(Prefs::kVideoFill, {{"全体を映す（余白は背景色）", "fit"},
                                             {"画面いっぱい（はみ出しは切る）", "fill"},

@@ -1,0 +1,110 @@
+#include "app/CueListView.h"
+
+#include <cmath>
+
+#include <QHeaderView>
+#include <QPainter>
+#include <QPushButton>
+#include <QStyledItemDelegate>
+
+#include "cue/AppModel.h"
+
+namespace {
+
+QString clock(double seconds) {
+    const auto whole = static_cast<std::int64_t>(std::floor(std::max(seconds, 0.0)));
+    return QStringLiteral("%1:%2").arg(whole / 60).arg(whole % 60, 2, 10, QLatin1Char('0'));
+}
+
+// A progress bar, or where the cue can be sought a track with a handle and the time.
+class ProgressDelegate : public QStyledItemDelegate {
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+
+    void paint(QPainter* p, const QStyleOptionViewItem& option,
+               const QModelIndex& index) const override {
+        const double progress = index.data(CueListView::kProgressRole).toDouble();
+        const QVariant position = index.data(CueListView::kPositionRole);
+        const double duration = index.data(CueListView::kDurationRole).toDouble();
+        const QRectF area = QRectF(option.rect).adjusted(4, 5, -4, -5);
+        p->save();
+        p->setRenderHint(QPainter::Antialiasing);
+        p->fillRect(area, QColor(58, 60, 66));
+        const double fraction = std::clamp(position.isValid() ? position.toDouble() : progress, 0.0, 1.0);
+        p->fillRect(QRectF(area.left(), area.top(), area.width() * fraction, area.height()),
+                    QColor(90, 170, 230));
+        QString text = QString::number(std::lround(progress * 100)) + " %";
+        if (position.isValid()) {
+            const double x = area.left() + area.width() * fraction;
+            p->setBrush(Qt::white);
+            p->setPen(Qt::NoPen);
+            p->drawEllipse(QPointF(x, area.center().y()), area.height() / 2, area.height() / 2);
+            text = clock(fraction * duration) + " / " + clock(duration);
+        }
+        p->setPen(Qt::white);
+        p->drawText(area, Qt::AlignCenter, text);
+        p->restore();
+    }
+};
+
+} // namespace
+
+CueListView::CueListView(AppModel& model, QWidget* parent)
+    : QTableWidget(0, 5, parent), m_model(model) {
+    setFocusPolicy(Qt::NoFocus);
+    setHorizontalHeaderLabels({QStringLiteral("キュー"), QStringLiteral("ページ"),
+                               QStringLiteral("項目"), QStringLiteral("進行"), QString()});
+    horizontalHeader()->setSectionResizeMode(nameColumn, QHeaderView::Stretch);
+    horizontalHeader()->setSectionResizeMode(progressColumn, QHeaderView::Stretch);
+    setColumnWidth(pageColumn, 80);
+    setColumnWidth(itemColumn, 60);
+    setColumnWidth(stopColumn, 64);
+    verticalHeader()->hide();
+    verticalHeader()->setDefaultSectionSize(30);
+    setEditTriggers(QAbstractItemView::NoEditTriggers);
+    setSelectionMode(QAbstractItemView::NoSelection);
+    setItemDelegateForColumn(progressColumn, new ProgressDelegate(this));
+    connect(&model.live(), &LiveState::cuesChanged, this, &CueListView::refresh);
+}
+
+void CueListView::refresh() {
+    const auto& rows = m_model.live().cues();
+    // Rows change 30 times a second (progress); their stop buttons only when cues come or go.
+    std::vector<std::int64_t> ids;
+    for (const CueRow& row : rows)
+        ids.push_back(row.id);
+    const bool sameCues = ids == m_listed;
+    if (!sameCues) {
+        m_listed = ids;
+        setRowCount(0);
+        setRowCount(static_cast<int>(rows.size()));
+    }
+    for (int r = 0; r < static_cast<int>(rows.size()); ++r) {
+        const CueRow& row = rows[static_cast<std::size_t>(r)];
+        auto cell = [this, r](int column) {
+            QTableWidgetItem* item = this->item(r, column);
+            if (!item) {
+                item = new QTableWidgetItem;
+                setItem(r, column, item);
+            }
+            return item;
+        };
+        cell(nameColumn)->setText((row.stopping ? QStringLiteral("↘ ") : QString()) + row.name +
+                                  (row.hasVideo ? QStringLiteral("（映像）") : QString()));
+        cell(pageColumn)->setText(row.pageName.value_or(QString()));
+        QTableWidgetItem* item = cell(itemColumn);
+        item->setText(row.slideText.value_or(QString()));
+        item->setToolTip(row.itemName.value_or(QString()));
+        QTableWidgetItem* progress = cell(progressColumn);
+        progress->setData(kProgressRole, row.progress);
+        progress->setData(kPositionRole, row.position ? QVariant(*row.position) : QVariant());
+        progress->setData(kDurationRole, row.duration);
+        if (!sameCues) {
+            auto* stop = new QPushButton(QStringLiteral("停止"), this);
+            stop->setFocusPolicy(Qt::NoFocus);
+            const std::int64_t id = row.id;
+            connect(stop, &QPushButton::clicked, this, [this, id] { m_model.stopCue(id); });
+            setCellWidget(r, stopColumn, stop);
+        }
+    }
+}

@@ -1,0 +1,63 @@
+#include "app/WaveformView.h"
+
+#include <algorithm>
+
+#include <QPainter>
+#include <QPainterPath>
+
+WaveformView::WaveformView(QWidget* parent) : QWidget(parent) {
+    setFocusPolicy(Qt::NoFocus);
+    setMinimumHeight(48);
+}
+
+void WaveformView::setPeaks(std::vector<float> peaks, const QString& emptyText) {
+    if (peaks == m_peaks && emptyText == m_emptyText)
+        return;
+    m_peaks = std::move(peaks);
+    m_emptyText = emptyText;
+    update();
+}
+
+void WaveformView::setPosition(double position) {
+    if (position == m_position)
+        return;
+    m_position = position;
+    update();
+}
+
+void WaveformView::paintEvent(QPaintEvent*) {
+    QPainter p(this);
+    p.fillRect(rect(), QColor(24, 25, 28));
+    if (m_peaks.empty()) {
+        p.setPen(QColor(150, 150, 155));
+        p.drawText(rect(), Qt::AlignCenter, m_emptyText);
+        return;
+    }
+    // One column per pixel: the largest peak of the bins that fall on it, mirrored round the
+    // middle line, so a 1500-bin overview reads the same at any width.
+    const int w = std::max(width(), 1);
+    const double mid = height() / 2.0;
+    const auto bins = static_cast<double>(m_peaks.size());
+    QPainterPath shape;
+    shape.moveTo(0, mid);
+    std::vector<double> column(static_cast<std::size_t>(w));
+    for (int x = 0; x < w; ++x) {
+        const auto from = static_cast<std::size_t>(x * bins / w);
+        const auto to = std::max(from + 1, static_cast<std::size_t>((x + 1) * bins / w));
+        float peak = 0.0f;
+        for (std::size_t i = from; i < std::min(to, m_peaks.size()); ++i)
+            peak = std::max(peak, m_peaks[i]);
+        column[static_cast<std::size_t>(x)] = peak * (mid - 1);
+        shape.lineTo(x, mid - column[static_cast<std::size_t>(x)]);
+    }
+    for (int x = w - 1; x >= 0; --x)
+        shape.lineTo(x, mid + column[static_cast<std::size_t>(x)]);
+    shape.closeSubpath();
+    p.setRenderHint(QPainter::Antialiasing);
+    p.fillPath(shape, QColor(90, 170, 230));
+    if (m_position >= 0.0) {
+        const double x = std::clamp(m_position, 0.0, 1.0) * (w - 1);
+        p.setPen(QPen(QColor(255, 210, 80), 2));
+        p.drawLine(QPointF(x, 0), QPointF(x, height()));
+    }
+}

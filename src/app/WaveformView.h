@@ -1,0 +1,29 @@
+#pragma once
+
+#include <vector>
+
+#include <QWidget>
+
+// The selected key's sound as an overview, drawn from the clip's peaks, with the play position
+// of its running cue as a line. Shows a short text instead while there is nothing to draw.
+// Main thread.
+class WaveformView : public QWidget {
+    Q_OBJECT
+public:
+    explicit WaveformView(QWidget* parent = nullptr);
+
+    // Peaks 0…1 (empty: no sound), the text shown without peaks.
+    void setPeaks(std::vector<float> peaks, const QString& emptyText);
+    // 0…1, or below 0 when the key is not playing.
+    void setPosition(double position);
+
+    QSize sizeHint() const override { return {320, 64}; }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    std::vector<float> m_peaks;
+    QString m_emptyText;
+    double m_position = -1.0;
+};
