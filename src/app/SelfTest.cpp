@@ -2,18 +2,34 @@
 
 #include <cstdio>
 
+#include <QAbstractButton>
 #include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
+#include <QGlyphRun>
+#include <QGroupBox>
 #include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
 #include <QPixmap>
 #include <QScreen>
+#include <QTableWidget>
 #include <QTemporaryDir>
+#include <QTextLayout>
 
+#include "app/CueListView.h"
 #include "app/DemoShow.h"
+#include "app/DetailPanel.h"
 #include "app/KeyCodeMap.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
+#include "app/MeterPanel.h"
+#include "app/PageListPanel.h"
+#include "app/WaveformView.h"
 #include "cue/AppModel.h"
 #include "model/KeyPalette.h"
 #include "model/KeyboardLayout.h"
@@ -151,16 +167,90 @@ QColor cellColour(AppModel& model, KeyCode code) {
     return model.isRunning(code) ? colour.lighter(160) : colour;
 }
 
+// Characters of `text` that no installed font can draw in `font` (they would show as empty
+// boxes): the glyphs the text layout picked, fallback fonts included, that are .notdef.
+QString missingGlyphs(const QString& text, const QFont& font) {
+    QTextLayout layout(text, font);
+    layout.beginLayout();
+    while (layout.createLine().isValid()) {
+    }
+    layout.endLayout();
+    QString missing;
+    for (const QGlyphRun& run : layout.glyphRuns())
+        for (const quint32 glyph : run.glyphIndexes())
+            if (glyph == 0)
+                missing += QStringLiteral("?");
+    return missing.isEmpty() ? QString() : text;
+}
+
+// Every text a window shows: labels, buttons, group titles, list and table cells, combo items.
+QStringList textsWithMissingGlyphs(QWidget& window) {
+    QStringList bad;
+    auto check = [&bad](const QString& text, const QFont& font) {
+        const QString missing = missingGlyphs(text, font);
+        if (!missing.isEmpty())
+            bad << missing;
+    };
+    for (QLabel* label : window.findChildren<QLabel*>())
+        check(label->text(), label->font());
+    for (QAbstractButton* button : window.findChildren<QAbstractButton*>())
+        check(button->text(), button->font());
+    for (QGroupBox* box : window.findChildren<QGroupBox*>())
+        check(box->title(), box->font());
+    for (QComboBox* box : window.findChildren<QComboBox*>())
+        for (int i = 0; i < box->count(); ++i)
+            check(box->itemText(i), box->font());
+    for (QListWidget* list : window.findChildren<QListWidget*>())
+        for (int i = 0; i < list->count(); ++i)
+            check(list->item(i)->text(), list->font());
+    for (QTableWidget* table : window.findChildren<QTableWidget*>())
+        for (int r = 0; r < table->rowCount(); ++r)
+            for (int c = 0; c < table->columnCount(); ++c)
+                if (const QTableWidgetItem* item = table->item(r, c))
+                    check(item->text(), table->font());
+    return bad;
+}
+
+QImage grab(QWidget& window) {
+    QScreen* screen = window.screen();
+    return (screen ? screen->grabWindow(window.winId()) : window.grab()).toImage();
+}
+
+// How many pixels of `area` (window coordinates) are close to `colour`.
+int pixelsLike(const QImage& image, QWidget& window, QWidget& child, const QRect& area,
+               const QColor& colour) {
+    const QRect in(child.mapTo(&window, area.topLeft()), area.size());
+    int count = 0;
+    for (int y = in.top(); y <= in.bottom(); ++y)
+        for (int x = in.left(); x <= in.right(); ++x) {
+            const QColor c = image.pixelColor(QPoint(x, y) * image.devicePixelRatio());
+            count += std::abs(c.red() - colour.red()) + std::abs(c.green() - colour.green()) +
+                         std::abs(c.blue() - colour.blue()) <
+                     30;
+        }
+    return count;
+}
+
 void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
                      const QString& folder, Log& log) {
     openDemo(model, folder);
-    press(window, 0, true); // the bell
-    press(window, 1, true); // the drone
-    waitFor(400);
-    QScreen* screen = window.screen();
-    const QPixmap shot = screen ? screen->grabWindow(window.winId()) : window.grab();
-    log.check(shot.save(file), "the window is saved to " + file);
-    const QImage image = shot.toImage();
+    window.setPageListShown(true);
+    // A show in progress: the fanfare from the second page, then the bell, the drone and the
+    // claps on the first; the drone selected, so the detail panel shows it.
+    model.editor().switchPage(1);
+    waitForMedia(model);
+    press(window, 0, true);
+    press(window, 0, false);
+    model.editor().switchPage(0);
+    waitForMedia(model);
+    for (KeyCode code : {KeyCode(0), KeyCode(1), KeyCode(2)}) {
+        press(window, code, true);
+        press(window, code, false);
+    }
+    waitFor(600);
+    const QImage image = grab(window);
+    log.check(image.save(file), "the window is saved to " + file);
+
     KeyboardView& keyboard = window.keyboard();
     for (KeyCode code : {KeyCode(0), KeyCode(1), KeyCode(2), KeyCode(3), KeyCode(5)}) {
         const QRectF cell = keyboard.cellRect(code);
@@ -177,6 +267,55 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
                   QString("cell %1 is drawn in %2 (wanted %3)")
                       .arg(KeyboardLayout::label(code), drawn.name(), wanted.name()));
     }
+
+    QTableWidget& cues = window.cueList();
+    log.check(
+        cues.rowCount() == 4 && cues.item(0, 1)->text() == QStringLiteral("第二部"),
+        QString("the cue list shows 4 cues, the first from 第二部 (%1 rows)").arg(cues.rowCount()));
+    const QRect progress = cues.visualItemRect(cues.item(1, CueListView::progressColumn));
+    log.check(pixelsLike(image, window, *cues.viewport(), progress, QColor(90, 170, 230)) > 20,
+              "the bell's row draws its progress bar");
+
+    MeterPanel& meters = window.meters();
+    const QRect first = meters.muteRect(0);
+    const QRect bars(first.left(), 0, first.width() * 2, first.top());
+    const int lit = pixelsLike(image, window, meters, bars, QColor(80, 200, 110)) +
+                    pixelsLike(image, window, meters, bars, QColor(230, 200, 60)) +
+                    pixelsLike(image, window, meters, bars, QColor(220, 60, 50));
+    log.check(lit > 200, QString("output meters 1 and 2 are lit (%1 pixels)").arg(lit));
+
+    QListWidget& pages = window.pageList().list();
+    log.check(pages.isVisible() && pages.count() == 2 && pages.item(1)->text().contains("▶"),
+              "the page list shows both pages, 第二部 marked as playing");
+
+    model.cueEngine().setStatusMessage(QString());
+    model.document().selectedKey = 1;
+    emit model.cueEngine().selectedKeyChanged();
+    waitFor(100);
+    const QImage detailShot = grab(window);
+    detailShot.save(file);
+    auto* title = window.detail().findChild<QLineEdit*>("title");
+    log.check(title && title->text() == QStringLiteral("ドローン（ループ）"),
+              "the detail panel shows the selected drone");
+    WaveformView* waveform = window.detail().findChild<WaveformView*>();
+    log.check(waveform && pixelsLike(detailShot, window, *waveform, waveform->rect(),
+                                     QColor(90, 170, 230)) > waveform->width() * 4,
+              "the drone's waveform is drawn");
+
+    const QStringList bad = textsWithMissingGlyphs(window);
+    log.check(bad.isEmpty(), "every text of the window has its glyphs: " + bad.join(" | "));
+
+    window.showSettings();
+    waitFor(300);
+    QWidget& settings = *window.settingsWindow();
+    const QString settingsFile = QFileInfo(file).dir().filePath("settings-window.png");
+    log.check(grab(settings).save(settingsFile), "the settings window is saved to " + settingsFile);
+    const QStringList badSettings = textsWithMissingGlyphs(settings);
+    log.check(badSettings.isEmpty(),
+              "every text of the settings has its glyphs: " + badSettings.join(" | "));
+    log.check(settings.findChildren<QComboBox*>().size() == 8 &&
+                  settings.findChildren<QCheckBox*>().size() == 4,
+              "the settings show 8 choices and 4 switches");
 }
 
 } // namespace

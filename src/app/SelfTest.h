@@ -7,8 +7,10 @@ class MainWindow;
 //   VORLIN_SELFTEST_KEYS=0,1,…        press the codes through the real key input on a generated
 //   show VORLIN_SELFTEST_LAYOUT=1          log the drawn layout and check every key has its cell
 //   VORLIN_SELFTEST_DEMO=1            play through the demo show, both pages
-//   VORLIN_SELFTEST_SCREENSHOT=FILE   press two demo keys, grab the real window to FILE (PNG)
-//                                     and check the drawn cells' colours
+//   VORLIN_SELFTEST_SCREENSHOT=FILE   play four demo keys from two pages, grab the real window
+//                                     to FILE (PNG) and the settings window next to it, and
+//                                     check what they draw: cells, cue list, meters, page list,
+//                                     detail panel, and a glyph for every character shown
 // Each check is logged as a PASS or FAIL line, then "N passed, M failed". Main thread.
 namespace SelfTest {
 

@@ -70,9 +70,9 @@ TEST_F(Window, KeysReachTheShowWithTheirCodeShiftAndRepeat) {
     model.tick();
     ASSERT_EQ(window->cueList().rowCount(), 1);
     EXPECT_EQ(window->cueList().item(0, 0)->text(), "d");
-    QWidget* stopButton = window->cueList().cellWidget(0, 3);
+    QWidget* stopButton = window->cueList().cellWidget(0, 4);
     model.tick(); // progress moves on; the row's button stays the same one
-    EXPECT_EQ(window->cueList().cellWidget(0, 3), stopButton);
+    EXPECT_EQ(window->cueList().cellWidget(0, 4), stopButton);
     send(QEvent::KeyPress, Qt::Key_D, KEY_D, {}, true); // auto-repeat: nothing
     EXPECT_TRUE(model.isRunning(2));
     send(QEvent::KeyRelease, Qt::Key_D, KEY_D);
@@ -245,7 +245,7 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
                      "背景色", "起動したら映像出力を開く"}));
 
     auto field = [&](int row) { return form->itemAt(row, QFormLayout::FieldRole)->widget(); };
-    auto* mode = qobject_cast<QComboBox*>(field(8));
+    auto* mode = qobject_cast<QComboBox*>(field(9)); // below the heading of new keys
     ASSERT_NE(mode, nullptr);
     EXPECT_EQ(mode->currentText(), "トグル（もう一度押すとフェード停止）");
     mode->setCurrentIndex(2);
@@ -255,7 +255,7 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     auto* pptx = qobject_cast<QComboBox*>(field(6));
     pptx->setCurrentIndex(1);
     EXPECT_EQ(Prefs::value(Prefs::kPreferPowerPoint).toBool(), false);
-    auto* fadeOut = qobject_cast<QDoubleSpinBox*>(field(11));
+    auto* fadeOut = qobject_cast<QDoubleSpinBox*>(field(12));
     fadeOut->setValue(2.5);
     EXPECT_EQ(Prefs::value(Prefs::kDefaultFadeOut).toDouble(), 2.5);
 
