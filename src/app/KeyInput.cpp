@@ -25,6 +25,14 @@ bool isTextEntry(const QWidget* widget) {
     return false;
 }
 
+// The field a widget belongs to: a spin box for the line edit inside it, which hands its focus
+// on to the spin box.
+QWidget* fieldOf(QWidget* widget) {
+    while (widget && widget->focusProxy())
+        widget = widget->focusProxy();
+    return widget;
+}
+
 std::optional<KeyCode> fromQtKey(int key) {
     static const std::pair<int, KeyCode> table[] = {
         {Qt::Key_A, 0},           {Qt::Key_S, 1},       {Qt::Key_D, 2},
@@ -76,6 +84,7 @@ bool KeyInput::eventFilter(QObject* watched, QEvent* event) {
         QTimer::singleShot(0, this, [this, clicked] {
             QWidget* focus =
                 QApplication::focusWidget() ? QApplication::focusWidget() : clicked.data();
+            focus = fieldOf(focus);
             m_clickedField = isTextEntry(focus) ? focus : nullptr;
         });
         return false;
@@ -93,7 +102,7 @@ bool KeyInput::handleKey(QKeyEvent* key, QWidget* receiver) {
     const bool down = key->type() == QEvent::KeyPress;
     const auto code = codeOf(*key);
     // Key events go to the focus widget; without an active window, to whom they are sent.
-    QWidget* focus = QApplication::focusWidget() ? QApplication::focusWidget() : receiver;
+    QWidget* focus = fieldOf(QApplication::focusWidget() ? QApplication::focusWidget() : receiver);
     if (isTextEntry(focus)) {
         if (focus == m_clickedField) {
             if (down && code && (m_model.document().assignments.count(*code) || *code == 53))

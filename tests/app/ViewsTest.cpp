@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <linux/input-event-codes.h>
 
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -14,6 +16,7 @@
 #include "ScriptedInteraction.h"
 #include "app/CueListView.h"
 #include "app/DetailPanel.h"
+#include "app/KeyInput.h"
 #include "app/MainWindow.h"
 #include "app/MeterPanel.h"
 #include "app/OutputBar.h"
@@ -109,8 +112,39 @@ TEST_F(Views, DetailPanelEditsTheKeyAndThePlayingVoiceAtOnce) {
     stage.addKey(3, "f", 0.5f, "1");
     select(3);
     EXPECT_EQ(field<QDoubleSpinBox>("fadeOut")->value(), 1.0);
-    select(4);
-    EXPECT_EQ(stage.doc().assignments.count(4), 0u);
+    // A file that failed to load says why, in the panel.
+    stage.doc().media[stage.doc().assignments[3].mediaKey()].error = "見つからないファイルです";
+    select(3);
+    auto labels = window->detail().findChildren<QLabel*>();
+    EXPECT_TRUE(std::any_of(labels.begin(), labels.end(), [](QLabel* l) {
+        return l->isVisibleTo(l->window()) && l->text() == "見つからないファイルです";
+    }));
+}
+
+TEST_F(Views, NumberFieldsKeepTheKeysOnlyWhenClickedAndEnterGivesThemBack) {
+    KeyInput keys(stage.model);
+    qApp->installEventFilter(&keys);
+    stage.addKey(0, "a", 0.5f, "1"); // the A key, which is also the digit-free key typed below
+    select(0);
+    auto* fadeIn = field<QDoubleSpinBox>("fadeIn");
+    auto key = [&](QEvent::Type type, int qtKey, std::uint32_t evdev) {
+        QKeyEvent event(type, qtKey, {}, evdev + 8, 0, 0);
+        QApplication::sendEvent(
+            QApplication::focusWidget() ? QApplication::focusWidget() : window.get(), &event);
+    };
+    window->activateWindow();
+    fadeIn->setFocus();
+    click(fadeIn, QPoint(5, 5));
+    QApplication::processEvents();
+    key(QEvent::KeyPress, Qt::Key_A, KEY_A);
+    EXPECT_FALSE(stage.model.isRunning(0));
+    EXPECT_EQ(stage.engine().statusMessage(), KeyInput::kFieldMessage);
+
+    key(QEvent::KeyPress, Qt::Key_Return, KEY_ENTER);
+    EXPECT_FALSE(fadeIn->hasFocus());
+    key(QEvent::KeyPress, Qt::Key_A, KEY_A);
+    EXPECT_TRUE(stage.model.isRunning(0));
+    qApp->removeEventFilter(&keys);
 }
 
 TEST_F(Views, MatrixClicksAndQuickChoicesRouteTheKey) {
@@ -125,8 +159,8 @@ TEST_F(Views, MatrixClicksAndQuickChoicesRouteTheKey) {
     EXPECT_EQ(*a.matrix, (RoutingMatrix{{4}}));
     EXPECT_EQ(a.outputMap, "");
     auto labels = window->detail().findChildren<QLabel*>();
-    EXPECT_TRUE(std::any_of(labels.begin(), labels.end(),
-                            [](QLabel* l) { return l->text() == "1→5"; }));
+    EXPECT_TRUE(
+        std::any_of(labels.begin(), labels.end(), [](QLabel* l) { return l->text() == "1→5"; }));
 
     stage.press(3);
     const auto out = stage.run(0.1);
@@ -179,7 +213,8 @@ TEST_F(Views, MuteSwitchesSilenceTheirOutputAndTheToneGoesWhereChosen) {
 
 TEST_F(Views, PageListSwitchesReordersDeletesAndMarksPlayingPages) {
     window->setPageListShown(true);
-    EXPECT_GE(window->minimumWidth(), std::min(1152, window->screen()->availableGeometry().width()));
+    EXPECT_GE(window->minimumWidth(),
+              std::min(1152, window->screen()->availableGeometry().width()));
     stage.addKey(2, "d", 0.5f, "1");
     stage.model.editor().newPage(false); // "ページ 2", now current
     stage.model.editor().newPage(false); // "ページ 3"
@@ -231,8 +266,9 @@ TEST_F(Views, CueListShowsEveryRunningCueWithItsPageAndProgress) {
     EXPECT_EQ(cues.item(0, CueListView::nameColumn)->text(), "d");
     EXPECT_EQ(cues.item(0, CueListView::pageColumn)->text(), "ページ 1");
     EXPECT_EQ(cues.item(1, CueListView::pageColumn)->text(), "");
-    EXPECT_NEAR(cues.item(0, CueListView::progressColumn)->data(CueListView::kProgressRole).toDouble(),
-                0.5, 0.03);
+    EXPECT_NEAR(
+        cues.item(0, CueListView::progressColumn)->data(CueListView::kProgressRole).toDouble(), 0.5,
+        0.03);
     qobject_cast<QPushButton*>(cues.cellWidget(0, CueListView::stopColumn))->click();
     stage.run(1.2); // the key's 1 s fade
     ASSERT_EQ(cues.rowCount(), 1);
