@@ -30,7 +30,8 @@ public:
         p->save();
         p->setRenderHint(QPainter::Antialiasing);
         p->fillRect(area, QColor(58, 60, 66));
-        const double fraction = std::clamp(position.isValid() ? position.toDouble() : progress, 0.0, 1.0);
+        const double fraction =
+            std::clamp(position.isValid() ? position.toDouble() : progress, 0.0, 1.0);
         p->fillRect(QRectF(area.left(), area.top(), area.width() * fraction, area.height()),
                     QColor(90, 170, 230));
         QString text = QString::number(std::lround(progress * 100)) + " %";
@@ -89,8 +90,9 @@ void CueListView::refresh() {
             }
             return item;
         };
-        cell(nameColumn)->setText((row.stopping ? QStringLiteral("↘ ") : QString()) + row.name +
-                                  (row.hasVideo ? QStringLiteral("（映像）") : QString()));
+        cell(nameColumn)
+            ->setText((row.stopping ? QStringLiteral("↘ ") : QString()) + row.name +
+                      (row.hasVideo ? QStringLiteral("（映像）") : QString()));
         cell(pageColumn)->setText(row.pageName.value_or(QString()));
         QTableWidgetItem* item = cell(itemColumn);
         item->setText(row.slideText.value_or(QString()));

@@ -122,7 +122,8 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     m_title = new QLineEdit(fileBox);
     m_title->setObjectName("title");
     m_title->setFocusPolicy(Qt::ClickFocus);
-    onCommit(m_title, [this](const QString& text) { edit([&](KeyAssignment& a) { a.title = text; }); });
+    onCommit(m_title,
+             [this](const QString& text) { edit([&](KeyAssignment& a) { a.title = text; }); });
     file->addWidget(m_title, 0, 1, 1, 3);
     m_file = new QLabel(fileBox);
     m_file->setTextInteractionFlags(Qt::NoTextInteraction);
@@ -333,7 +334,8 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     };
     m_describe = new QLabel(routeBox);
     m_describe->setWordWrap(true);
-    m_routeAll = unfocusable(new QPushButton(QStringLiteral("このルーティングを全キーに適用"), routeBox));
+    m_routeAll =
+        unfocusable(new QPushButton(QStringLiteral("このルーティングを全キーに適用"), routeBox));
     connect(m_routeAll, &QPushButton::clicked, this, [this] {
         if (const auto code = selectedCode())
             m_model.editor().applyRoutingToAll(*code);
@@ -385,10 +387,12 @@ void DetailPanel::refresh() {
     m_body->setVisible(a != nullptr);
     m_empty->setVisible(a == nullptr);
     if (!a) {
-        m_empty->setText(code ? KeyboardLayout::label(*code) +
-                                    QStringLiteral(" キーは空いています。ファイルをキーにドロップするか、"
-                                                   "「ファイル › 選択中のキーにファイルを割り当て…」で入れます。")
-                              : QStringLiteral("キーをクリックすると、ここで設定できます。"));
+        m_empty->setText(
+            code
+                ? KeyboardLayout::label(*code) +
+                      QStringLiteral(" キーは空いています。ファイルをキーにドロップするか、"
+                                     "「ファイル › 選択中のキーにファイルを割り当て…」で入れます。")
+                : QStringLiteral("キーをクリックすると、ここで設定できます。"));
         return;
     }
     m_refreshing = true;
@@ -466,9 +470,9 @@ void DetailPanel::refreshRouting(const KeyAssignment& a) {
                         static_cast<int>(std::clamp<std::int64_t>(outputs, 8, 64)),
                         static_cast<int>(outputs));
     m_matrix->setVisible(sources > 0);
-    m_describe->setText(sources > 0
-                            ? QString::fromStdString(Routing::describe(a.matrix, map, sources, outputs))
-                            : QStringLiteral("音を読み込むと、チャンネルごとの出力先が表示されます"));
+    m_describe->setText(
+        sources > 0 ? QString::fromStdString(Routing::describe(a.matrix, map, sources, outputs))
+                    : QStringLiteral("音を読み込むと、チャンネルごとの出力先が表示されます"));
 }
 
 void DetailPanel::refreshPosition() {

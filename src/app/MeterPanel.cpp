@@ -131,7 +131,8 @@ private:
         const double w = static_cast<double>(width()) / static_cast<double>(columns);
         double x = 0;
         for (const auto& [code, levels] : keys) {
-            const double groupWidth = w * static_cast<double>(std::max<std::size_t>(levels.size(), 1));
+            const double groupWidth =
+                w * static_cast<double>(std::max<std::size_t>(levels.size(), 1));
             for (std::size_t s = 0; s < levels.size(); ++s)
                 bar(p, QRectF(x + s * w + 1, 4, w - 2, height() - kLabelHeight - 8), levels[s]);
             p.setPen(QColor(190, 190, 195));

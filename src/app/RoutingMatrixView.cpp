@@ -6,7 +6,7 @@
 #include <QPainter>
 
 namespace {
-constexpr double kLabelWidth = 34;  // "入1" … in front of each row
+constexpr double kLabelWidth = 34;   // "入1" … in front of each row
 constexpr double kHeaderHeight = 16; // output numbers above the columns
 } // namespace
 

@@ -284,6 +284,18 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
                     pixelsLike(image, window, meters, bars, QColor(220, 60, 50));
     log.check(lit > 200, QString("output meters 1 and 2 are lit (%1 pixels)").arg(lit));
 
+    // The same meters by source: the playing keys' channels, grouped under their labels.
+    meters.setShowsSources(true);
+    waitFor(100);
+    const QImage sourcesShot = grab(window);
+    sourcesShot.save(QFileInfo(file).dir().filePath("meters-by-source.png"));
+    const QRect panel(0, 0, meters.width(), first.top());
+    const int litSources = pixelsLike(sourcesShot, window, meters, panel, QColor(80, 200, 110)) +
+                           pixelsLike(sourcesShot, window, meters, panel, QColor(230, 200, 60));
+    log.check(litSources > 200,
+              QString("source meters of the playing keys are lit (%1 pixels)").arg(litSources));
+    meters.setShowsSources(false);
+
     QListWidget& pages = window.pageList().list();
     log.check(pages.isVisible() && pages.count() == 2 && pages.item(1)->text().contains("▶"),
               "the page list shows both pages, 第二部 marked as playing");
