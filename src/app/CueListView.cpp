@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include <QHeaderView>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPushButton>
 #include <QStyledItemDelegate>
@@ -109,4 +110,24 @@ void CueListView::refresh() {
             setCellWidget(r, stopColumn, stop);
         }
     }
+}
+
+void CueListView::seekAt(const QPoint& point) {
+    const QModelIndex index = indexAt(point);
+    if (!index.isValid() || index.column() != progressColumn ||
+        !index.data(kPositionRole).isValid() || index.row() >= static_cast<int>(m_listed.size()))
+        return;
+    const QRect bar = visualRect(index).adjusted(4, 0, -4, 0);
+    const double fraction = static_cast<double>(point.x() - bar.left()) / std::max(bar.width(), 1);
+    m_model.seek(m_listed[static_cast<std::size_t>(index.row())], std::clamp(fraction, 0.0, 1.0));
+}
+
+void CueListView::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton)
+        seekAt(event->position().toPoint());
+}
+
+void CueListView::mouseMoveEvent(QMouseEvent* event) {
+    if (event->buttons() & Qt::LeftButton)
+        seekAt(event->position().toPoint());
 }

@@ -9,7 +9,8 @@ class AppModel;
 
 // The running cues, one row per CueRow in start order: name (↘ while it fades out), the page it
 // came from when that is not the current one, the deck's item counter and item name, a bar with
-// its progress — a seek bar with the time where the cue can be sought — and a stop button.
+// its progress — a seek bar with the time where the cue can be sought, which a click or drag
+// moves — and a stop button.
 // Rows are rebuilt only when cues come or go; otherwise only their texts and bars change.
 // Never takes the keyboard. Main thread.
 class CueListView : public QTableWidget {
@@ -24,8 +25,14 @@ public:
 
     explicit CueListView(AppModel& model, QWidget* parent = nullptr);
 
+protected:
+    // A press or drag on a seek bar moves that cue.
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+
 private:
     void refresh();
+    void seekAt(const QPoint& point);
 
     AppModel& m_model;
     std::vector<std::int64_t> m_listed; // the cue ids the rows stand for

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 
@@ -60,4 +61,19 @@ void WaveformView::paintEvent(QPaintEvent*) {
         p.setPen(QPen(QColor(255, 210, 80), 2));
         p.drawLine(QPointF(x, 0), QPointF(x, height()));
     }
+}
+
+void WaveformView::seekTo(const QMouseEvent& event) {
+    if (m_position >= 0.0 && onSeek)
+        onSeek(std::clamp(event.position().x() / std::max(width() - 1, 1), 0.0, 1.0));
+}
+
+void WaveformView::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton)
+        seekTo(*event);
+}
+
+void WaveformView::mouseMoveEvent(QMouseEvent* event) {
+    if (event->buttons() & Qt::LeftButton)
+        seekTo(*event);
 }

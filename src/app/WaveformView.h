@@ -1,11 +1,13 @@
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include <QWidget>
 
 // The selected key's sound as an overview, drawn from the clip's peaks, with the play position
-// of its running cue as a line. Shows a short text instead while there is nothing to draw.
+// of its running cue as a line; a click or drag there moves the cue. Shows a short text instead
+// while there is nothing to draw.
 // Main thread.
 class WaveformView : public QWidget {
     Q_OBJECT
@@ -17,12 +19,19 @@ public:
     // 0…1, or below 0 when the key is not playing.
     void setPosition(double position);
 
+    // Called with 0…1 when the operator clicks or drags on the waveform while it plays.
+    std::function<void(double)> onSeek;
+
     QSize sizeHint() const override { return {320, 64}; }
 
 protected:
     void paintEvent(QPaintEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
 
 private:
+    void seekTo(const QMouseEvent& event);
+
     std::vector<float> m_peaks;
     QString m_emptyText;
     double m_position = -1.0;

@@ -80,6 +80,7 @@ public:
     bool isRunning(KeyCode code) const { return m_engine->isRunning(code); }
     void togglePlayback(KeyCode code) { m_engine->togglePlayback(code); }
     void tick() { m_engine->tick(); }
+    void seek(std::int64_t cueID, double fraction) { m_engine->seek(cueID, fraction); }
 
     // The routing matrix view's edit: stores the matrix and the routing text together.
     void setRouting(KeyCode code, std::optional<RoutingMatrix> matrix, const QString& outputMap);

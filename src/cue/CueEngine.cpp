@@ -4,6 +4,7 @@
 
 #include <QPointer>
 
+#include "audio/HostTime.h"
 #include "audio/Mixer.h"
 #include "audio/Routing.h"
 #include "video/VideoOutput.h"
@@ -236,6 +237,41 @@ void CueEngine::togglePlayback(KeyCode code) {
         startKey(code, 0);
 }
 
+std::optional<CueEngine::SeekTarget> CueEngine::seekTarget(const ActiveCue& cue) const {
+    if (!cue.voiceID && !cue.video)
+        return std::nullopt;
+    SeekTarget target{cue.voiceID, cue.video, 0.0};
+    const MediaInfo* info = m_document.mediaFor(cue.assignment);
+    if (info && info->probe.duration > 0.0)
+        target.duration = info->probe.duration;
+    else if (cue.video)
+        target.duration = cue.video->duration();
+    return target;
+}
+
+void CueEngine::seek(std::int64_t cueID, double fraction) {
+    const auto found = std::find_if(m_cues.begin(), m_cues.end(), [cueID](const auto& cue) {
+        return cue->id == cueID && !cue->stopping;
+    });
+    if (found == m_cues.end())
+        return;
+    const auto target = seekTarget(**found);
+    if (!target || target->duration <= 0.0)
+        return;
+    // Never exactly the end, which would finish the cue on the spot.
+    const double seconds =
+        std::clamp(std::isnan(fraction) ? 0.0 : fraction, 0.0, 0.999) * target->duration;
+    if (!target->video) {
+        if (target->voiceID)
+            m_mixer.seek(*target->voiceID, seconds, 0);
+        return;
+    }
+    const std::uint64_t now = m_hostClock ? m_hostClock() : HostTime::now();
+    const std::uint64_t resume = now + HostTime::secondsToTicks(0.1);
+    if (m_video.seek(*target->video, seconds, resume) && target->voiceID)
+        m_mixer.seek(*target->voiceID, seconds, resume);
+}
+
 void CueEngine::tick() {
     const auto snapshot = m_mixer.snapshot();
     const QUuid currentPage = m_document.currentPageID();
@@ -279,6 +315,13 @@ void CueEngine::tick() {
         row.hasVideo = cue->video && !cue->video->finished;
         if (!onPage)
             row.pageName = m_document.pageName(cue->page).value_or(kDeletedPage);
+        if (const auto target = seekTarget(*cue)) {
+            row.duration = target->duration;
+            if (voice && target->voiceID)
+                row.position = voice->progress;
+            else if (target->video && !target->video->finished)
+                row.position = target->video->progress();
+        }
         rows.push_back(std::move(row));
     }
     m_cues.swap(kept);

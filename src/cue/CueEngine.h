@@ -57,6 +57,12 @@ public:
     void togglePlayback(KeyCode code);
     void tick();
 
+    // Moves a running cue to `fraction` (0…0.999) of its duration. A movie and its sound
+    // resume together 0.1 s from now; a stopping cue, or one with nothing to seek, is left.
+    void seek(std::int64_t cueID, double fraction);
+    // Host clock for seeks (the device's simulated clock in offline runs).
+    void setHostClock(std::function<std::uint64_t()> clock) { m_hostClock = std::move(clock); }
+
     const std::vector<ActiveCuePtr>& cues() const { return m_cues; }
     std::int64_t nextCueID() const { return m_nextCueID; }
     double stopAllFade() const { return m_stopAllFade; }
@@ -75,12 +81,21 @@ private:
     void applyNextMaterialRule(KeyCode code, const KeyAssignment& starting);
     void startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info);
 
+    // What a seek of the cue acts on: its voice and/or movie, and the length in seconds.
+    struct SeekTarget {
+        std::optional<std::int64_t> voiceID;
+        std::shared_ptr<VideoCue> video;
+        double duration = 0.0;
+    };
+    std::optional<SeekTarget> seekTarget(const ActiveCue& cue) const;
+
     ShowDocument& m_document;
     Mixer& m_mixer;
     VideoOutput& m_video;
     LiveState& m_live;
     std::function<bool(KeyCode)> m_isLayoutKey;
     std::function<void()> m_beep;
+    std::function<std::uint64_t()> m_hostClock;
 
     std::vector<ActiveCuePtr> m_cues; // start order
     std::int64_t m_nextCueID = 1;

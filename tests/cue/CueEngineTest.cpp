@@ -242,4 +242,68 @@ TEST(CueList, StopCueAndTogglePlaybackFromTheViews) {
     EXPECT_FALSE(stage.model.isRunning(kA));
 }
 
+TEST(Seek, AudioMovesAtOnceNeverQuiteToTheEndAndNotWhileStopping) {
+    CueStage stage;
+    // Two seconds of a ramp: every sample tells where in the sound it is.
+    const KeyAssignment& a = stage.addKey(kA, "ramp", 0.0f, "1", 2.0);
+    std::vector<float> ramp(96000);
+    for (std::size_t i = 0; i < ramp.size(); ++i)
+        ramp[i] = static_cast<float>(i) / 96000.0f;
+    stage.doc().media[a.mediaKey()].clip =
+        std::make_shared<const AudioClip>(std::vector<std::vector<float>>{ramp}, 48000.0);
+    stage.press(kA);
+    stage.run(0.1);
+    ASSERT_EQ(stage.model.live().cues().size(), 1u);
+    EXPECT_EQ(stage.model.live().cues()[0].duration, 2.0);
+    const std::int64_t id = stage.engine().cues()[0]->id;
+
+    stage.model.seek(id, 0.5);
+    auto out = stage.run(0.1);
+    EXPECT_NEAR(out[0][0], 0.5f, 1e-4); // the very next block plays from 1 s
+    const CueRow row = stage.model.live().cues()[0];
+    ASSERT_TRUE(row.position);
+    EXPECT_NEAR(*row.position, 0.5 + 0.1 / 2.0, 0.02);
+
+    stage.model.seek(id, 7.0); // clamped to 99.9 %: 2 ms are left to play
+    out = stage.run(0.1);
+    EXPECT_NEAR(out[0][0], 0.999f, 1e-4);
+    EXPECT_EQ(out[0][200], 0.0f);
+    EXPECT_TRUE(stage.model.live().cues().empty());
+
+    // A cue fading out stays where it is.
+    stage.press(kA);
+    stage.run(0.5);
+    stage.press(kA); // toggle: fades out over 1 s
+    const std::int64_t fading = stage.engine().cues()[0]->id;
+    stage.model.seek(fading, 0.0);
+    stage.run(0.1);
+    ASSERT_EQ(stage.model.live().cues().size(), 1u);
+    EXPECT_GT(*stage.model.live().cues()[0].position, 0.25);
+}
+
+TEST(Seek, MovieAndItsSoundResumeTogetherATenthOfASecondLater) {
+    TempDir dir;
+    CueStage stage;
+    stage.engine().setHostClock([&stage] { return stage.device->hostTime(); });
+    ASSERT_TRUE(stage.addVideoKey(kS, dir.file("movie.mp4"), 1.0, "1"));
+    stage.press(kS);
+    stage.run(0.3);
+    const ActiveCuePtr cue = stage.engine().cues().at(0);
+    ASSERT_TRUE(cue->video && cue->video->started);
+    EXPECT_GT(stage.model.live().cues()[0].duration, 0.9);
+
+    stage.model.seek(cue->id, 0.6);
+    const auto out = stage.run(0.2);
+    // Silent until the resume time (4800 frames on), then the tone again.
+    EXPECT_EQ(
+        std::count_if(out[0].begin(), out[0].begin() + 4700, [](float v) { return v != 0.0f; }), 0);
+    EXPECT_GE(firstNonZero(out[0]), 4700);
+    EXPECT_LE(firstNonZero(out[0]), 4900);
+    // Picture and sound at 0.6 s + the ~0.1 s since they resumed.
+    const CueRow row = stage.model.live().cues().at(0);
+    ASSERT_TRUE(row.position);
+    EXPECT_NEAR(*row.position, 0.7, 0.05);
+    EXPECT_NEAR(cue->video->progress(), *row.position, 0.05);
+}
+
 } // namespace
