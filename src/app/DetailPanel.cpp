@@ -95,6 +95,13 @@ QDoubleSpinBox* DetailPanel::seconds(QWidget* parent, double maximum) {
     return box;
 }
 
+template <typename Value, typename Sender, typename Signal, typename Field>
+void DetailPanel::bind(Sender* sender, Signal signal, Field KeyAssignment::*field) {
+    connect(sender, signal, this, [this, field](Value value) {
+        edit([&](KeyAssignment& a) { a.*field = static_cast<Field>(value); });
+    });
+}
+
 void DetailPanel::onCommit(QLineEdit* field, const std::function<void(const QString&)>& commit) {
     connect(field, &QLineEdit::editingFinished, this, [field, commit] { commit(field->text()); });
     connect(field, &QLineEdit::returnPressed, field, [field] { field->clearFocus(); });
@@ -217,12 +224,10 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     });
     m_fadeIn = seconds(playBox, 60.0);
     m_fadeIn->setObjectName("fadeIn");
-    connect(m_fadeIn, &QDoubleSpinBox::valueChanged, this,
-            [this](double v) { edit([&](KeyAssignment& a) { a.fadeIn = v; }); });
+    bind<double>(m_fadeIn, &QDoubleSpinBox::valueChanged, &KeyAssignment::fadeIn);
     m_fadeOut = seconds(playBox, 60.0);
     m_fadeOut->setObjectName("fadeOut");
-    connect(m_fadeOut, &QDoubleSpinBox::valueChanged, this,
-            [this](double v) { edit([&](KeyAssignment& a) { a.fadeOut = v; }); });
+    bind<double>(m_fadeOut, &QDoubleSpinBox::valueChanged, &KeyAssignment::fadeOut);
     m_volumeDb = new QDoubleSpinBox(playBox);
     m_volumeDb->setObjectName("volumeDb");
     m_volumeDb->setRange(kMinDb, kMaxDb);
@@ -244,15 +249,12 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     m_volume->setKeyboardTracking(false);
     connect(m_volume, &QDoubleSpinBox::editingFinished, m_volume,
             [this] { m_volume->clearFocus(); });
-    connect(m_volume, &QDoubleSpinBox::valueChanged, this,
-            [this](double v) { edit([&](KeyAssignment& a) { a.volume = v; }); });
+    bind<double>(m_volume, &QDoubleSpinBox::valueChanged, &KeyAssignment::volume);
     m_loop = check(QStringLiteral("ループ"));
     m_loop->setObjectName("loop");
-    connect(m_loop, &QCheckBox::toggled, this,
-            [this](bool on) { edit([&](KeyAssignment& a) { a.loop = on; }); });
+    bind<bool>(m_loop, &QCheckBox::toggled, &KeyAssignment::loop);
     m_group = number(99);
-    connect(m_group, &QSpinBox::valueChanged, this,
-            [this](int v) { edit([&](KeyAssignment& a) { a.group = v; }); });
+    bind<int>(m_group, &QSpinBox::valueChanged, &KeyAssignment::group);
     play->addWidget(label(QStringLiteral("モード")), 0, 0);
     play->addWidget(m_mode, 0, 1, 1, 3);
     play->addWidget(label(QStringLiteral("次の素材が流れたら")), 1, 0);
@@ -270,11 +272,9 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
 
     // Picture and slides.
     m_showVideo = check(QStringLiteral("映像を表示"));
-    connect(m_showVideo, &QCheckBox::toggled, this,
-            [this](bool on) { edit([&](KeyAssignment& a) { a.showVideo = on; }); });
+    bind<bool>(m_showVideo, &QCheckBox::toggled, &KeyAssignment::showVideo);
     m_layer = number(99);
-    connect(m_layer, &QSpinBox::valueChanged, this,
-            [this](int v) { edit([&](KeyAssignment& a) { a.layer = v; }); });
+    bind<int>(m_layer, &QSpinBox::valueChanged, &KeyAssignment::layer);
     m_screens = new QLineEdit(playBox);
     m_screens->setFocusPolicy(Qt::ClickFocus);
     m_screens->setPlaceholderText(QStringLiteral("すべての出力"));
@@ -287,20 +287,15 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
         });
     });
     m_clickToTake = check(QStringLiteral("クリックで即切り替え"));
-    connect(m_clickToTake, &QCheckBox::toggled, this,
-            [this](bool on) { edit([&](KeyAssignment& a) { a.clickToTake = on; }); });
+    bind<bool>(m_clickToTake, &QCheckBox::toggled, &KeyAssignment::clickToTake);
     m_slideAuto = check(QStringLiteral("自動送り"));
-    connect(m_slideAuto, &QCheckBox::toggled, this,
-            [this](bool on) { edit([&](KeyAssignment& a) { a.slideAuto = on; }); });
+    bind<bool>(m_slideAuto, &QCheckBox::toggled, &KeyAssignment::slideAuto);
     m_slideInterval = seconds(playBox, 3600.0);
-    connect(m_slideInterval, &QDoubleSpinBox::valueChanged, this,
-            [this](double v) { edit([&](KeyAssignment& a) { a.slideInterval = v; }); });
+    bind<double>(m_slideInterval, &QDoubleSpinBox::valueChanged, &KeyAssignment::slideInterval);
     m_slideLoop = check(QStringLiteral("最後から最初へ"));
-    connect(m_slideLoop, &QCheckBox::toggled, this,
-            [this](bool on) { edit([&](KeyAssignment& a) { a.slideLoop = on; }); });
+    bind<bool>(m_slideLoop, &QCheckBox::toggled, &KeyAssignment::slideLoop);
     m_slideTransition = seconds(playBox, 10.0);
-    connect(m_slideTransition, &QDoubleSpinBox::valueChanged, this,
-            [this](double v) { edit([&](KeyAssignment& a) { a.slideTransition = v; }); });
+    bind<double>(m_slideTransition, &QDoubleSpinBox::valueChanged, &KeyAssignment::slideTransition);
     play->addWidget(m_showVideo, 5, 0);
     play->addWidget(label(QStringLiteral("レイヤー")), 5, 2, Qt::AlignRight);
     play->addWidget(m_layer, 5, 3);

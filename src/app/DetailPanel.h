@@ -45,6 +45,9 @@ private:
     void fillCopyMenu();
 
     QDoubleSpinBox* seconds(QWidget* parent, double maximum);
+    // A field's change signal stores its value in one field of the key.
+    template <typename Value, typename Sender, typename Signal, typename Field>
+    void bind(Sender* sender, Signal signal, Field KeyAssignment::*field);
     // Text fields commit when the operator presses Enter or leaves them; Enter also gives the
     // keyboard back to the show.
     void onCommit(QLineEdit* field, const std::function<void(const QString&)>& commit);
