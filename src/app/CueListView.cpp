@@ -37,10 +37,10 @@ public:
                     QColor(90, 170, 230));
         QString text = QString::number(std::lround(progress * 100)) + " %";
         if (position.isValid()) {
+            // A slim handle, so the time under it stays readable.
             const double x = area.left() + area.width() * fraction;
-            p->setBrush(Qt::white);
-            p->setPen(Qt::NoPen);
-            p->drawEllipse(QPointF(x, area.center().y()), area.height() / 2, area.height() / 2);
+            p->fillRect(QRectF(x - 1.5, option.rect.top() + 2, 3, option.rect.height() - 4),
+                        QColor(255, 210, 80));
             text = clock(fraction * duration) + " / " + clock(duration);
         }
         p->setPen(Qt::white);
