@@ -18,6 +18,7 @@
 #include <QVBoxLayout>
 
 #include "app/Choices.h"
+#include "app/NumberField.h"
 #include "app/RoutingMatrixView.h"
 #include "app/WaveformView.h"
 #include "audio/Routing.h"
@@ -90,8 +91,7 @@ QDoubleSpinBox* DetailPanel::seconds(QWidget* parent, double maximum) {
     box->setDecimals(2);
     box->setSingleStep(0.1);
     box->setSuffix(QStringLiteral(" 秒"));
-    box->setKeyboardTracking(false); // typed numbers apply on Enter, not per digit
-    connect(box, &QDoubleSpinBox::editingFinished, box, [box] { box->clearFocus(); });
+    NumberField::releaseKeysOnEnter(box);
     return box;
 }
 
@@ -205,8 +205,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     auto number = [playBox](int maximum) {
         auto* box = new QSpinBox(playBox);
         box->setRange(0, maximum);
-        box->setKeyboardTracking(false);
-        connect(box, &QSpinBox::editingFinished, box, [box] { box->clearFocus(); });
+        NumberField::releaseKeysOnEnter(box);
         return box;
     };
     m_mode = choice(Choices::modes());
@@ -235,9 +234,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     m_volumeDb->setSingleStep(1.0);
     m_volumeDb->setSuffix(QStringLiteral(" dB"));
     m_volumeDb->setSpecialValueText(QStringLiteral("−∞ dB"));
-    m_volumeDb->setKeyboardTracking(false);
-    connect(m_volumeDb, &QDoubleSpinBox::editingFinished, m_volumeDb,
-            [this] { m_volumeDb->clearFocus(); });
+    NumberField::releaseKeysOnEnter(m_volumeDb);
     connect(m_volumeDb, &QDoubleSpinBox::valueChanged, this,
             [this](double db) { edit([&](KeyAssignment& a) { a.volume = fromDb(db); }); });
     m_volume = new QDoubleSpinBox(playBox);
@@ -246,9 +243,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     m_volume->setDecimals(3);
     m_volume->setSingleStep(0.05);
     m_volume->setPrefix(QStringLiteral("× "));
-    m_volume->setKeyboardTracking(false);
-    connect(m_volume, &QDoubleSpinBox::editingFinished, m_volume,
-            [this] { m_volume->clearFocus(); });
+    NumberField::releaseKeysOnEnter(m_volume);
     bind<double>(m_volume, &QDoubleSpinBox::valueChanged, &KeyAssignment::volume);
     m_loop = check(QStringLiteral("ループ"));
     m_loop->setObjectName("loop");

@@ -184,7 +184,7 @@ MeterPanel::MeterPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_mo
                                                  : std::nullopt);
     });
     connect(&model, &AppModel::audioDeviceChanged, this, &MeterPanel::refreshTone);
-    connect(&model, &AppModel::mixSettingsChanged, this, &MeterPanel::refreshTone);
+    connect(&model, &AppModel::mixSettingsChanged, this, &MeterPanel::showToneChoice);
     refreshTone();
 }
 
@@ -208,10 +208,14 @@ QRect MeterPanel::muteRect(int channel) const {
 void MeterPanel::refreshTone() {
     // The tone goes to the device's real outputs only: outputs past them reach no speaker.
     const auto outputs = std::clamp<std::int64_t>(m_model.cueEngine().outputChannelCount(), 1, 64);
-    const auto tone = m_model.toneChannel();
     m_tone->clear();
     m_tone->addItem(QStringLiteral("オフ"));
     for (std::int64_t c = 0; c < outputs; ++c)
         m_tone->addItem(QStringLiteral("出力 %1（1 kHz）").arg(c + 1), QVariant::fromValue(c));
-    m_tone->setCurrentIndex(tone && *tone < outputs ? static_cast<int>(*tone) + 1 : 0);
+    showToneChoice();
+}
+
+void MeterPanel::showToneChoice() {
+    const auto tone = m_model.toneChannel();
+    m_tone->setCurrentIndex(tone && *tone < m_tone->count() - 1 ? static_cast<int>(*tone) + 1 : 0);
 }

@@ -22,7 +22,9 @@ public:
     QRect muteRect(int channel) const;
 
 private:
+    // The outputs the tone can go to (after a device change), and the one chosen.
     void refreshTone();
+    void showToneChoice();
 
     AppModel& m_model;
     MeterBars* m_bars = nullptr;

@@ -12,6 +12,7 @@
 #include <QSlider>
 #include <QThreadPool>
 
+#include "app/NumberField.h"
 #include "cue/AppModel.h"
 
 namespace {
@@ -58,18 +59,15 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
     row->addSpacing(16);
     row->addWidget(new QLabel(QStringLiteral("全停止のフェード"), this));
     m_stopAllFade = new QDoubleSpinBox(this);
-    m_stopAllFade->setFocusPolicy(Qt::ClickFocus);
     m_stopAllFade->setRange(0.0, 30.0);
     m_stopAllFade->setDecimals(1);
     m_stopAllFade->setSingleStep(0.5);
     m_stopAllFade->setSuffix(QStringLiteral(" 秒"));
-    m_stopAllFade->setKeyboardTracking(false);
+    NumberField::releaseKeysOnEnter(m_stopAllFade);
     connect(m_stopAllFade, &QDoubleSpinBox::valueChanged, this, [this](double seconds) {
         if (seconds != m_model.stopAllFade())
             m_model.setStopAllFade(seconds);
     });
-    connect(m_stopAllFade, &QDoubleSpinBox::editingFinished, m_stopAllFade,
-            [this] { m_stopAllFade->clearFocus(); });
     row->addWidget(m_stopAllFade);
     row->addStretch(1);
 
