@@ -24,6 +24,7 @@
 #include "audio/Routing.h"
 #include "cue/AppModel.h"
 #include "model/KeyboardLayout.h"
+#include "model/ValueRanges.h"
 
 namespace {
 
@@ -221,10 +222,10 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
             a.onNext = parseNextBehavior(Choices::onNext()[i].second).value_or(NextBehavior::keep);
         });
     });
-    m_fadeIn = seconds(playBox, 60.0);
+    m_fadeIn = seconds(playBox, ValueRanges::kMaxFade);
     m_fadeIn->setObjectName("fadeIn");
     bind<double>(m_fadeIn, &QDoubleSpinBox::valueChanged, &KeyAssignment::fadeIn);
-    m_fadeOut = seconds(playBox, 60.0);
+    m_fadeOut = seconds(playBox, ValueRanges::kMaxFade);
     m_fadeOut->setObjectName("fadeOut");
     bind<double>(m_fadeOut, &QDoubleSpinBox::valueChanged, &KeyAssignment::fadeOut);
     m_volumeDb = new QDoubleSpinBox(playBox);
@@ -239,7 +240,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
             [this](double db) { edit([&](KeyAssignment& a) { a.volume = fromDb(db); }); });
     m_volume = new QDoubleSpinBox(playBox);
     m_volume->setObjectName("volume");
-    m_volume->setRange(0.0, fromDb(kMaxDb));
+    m_volume->setRange(0.0, ValueRanges::kMaxVolume);
     m_volume->setDecimals(3);
     m_volume->setSingleStep(0.05);
     m_volume->setPrefix(QStringLiteral("× "));
@@ -248,7 +249,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     m_loop = check(QStringLiteral("ループ"));
     m_loop->setObjectName("loop");
     bind<bool>(m_loop, &QCheckBox::toggled, &KeyAssignment::loop);
-    m_group = number(99);
+    m_group = number(ValueRanges::kMaxGroup);
     bind<int>(m_group, &QSpinBox::valueChanged, &KeyAssignment::group);
     play->addWidget(label(QStringLiteral("モード")), 0, 0);
     play->addWidget(m_mode, 0, 1, 1, 3);
@@ -268,7 +269,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     // Picture and slides.
     m_showVideo = check(QStringLiteral("映像を表示"));
     bind<bool>(m_showVideo, &QCheckBox::toggled, &KeyAssignment::showVideo);
-    m_layer = number(99);
+    m_layer = number(ValueRanges::kMaxLayer);
     bind<int>(m_layer, &QSpinBox::valueChanged, &KeyAssignment::layer);
     m_screens = new QLineEdit(playBox);
     m_screens->setFocusPolicy(Qt::ClickFocus);
@@ -285,11 +286,11 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     bind<bool>(m_clickToTake, &QCheckBox::toggled, &KeyAssignment::clickToTake);
     m_slideAuto = check(QStringLiteral("自動送り"));
     bind<bool>(m_slideAuto, &QCheckBox::toggled, &KeyAssignment::slideAuto);
-    m_slideInterval = seconds(playBox, 3600.0);
+    m_slideInterval = seconds(playBox, ValueRanges::kMaxSlideInterval);
     bind<double>(m_slideInterval, &QDoubleSpinBox::valueChanged, &KeyAssignment::slideInterval);
     m_slideLoop = check(QStringLiteral("最後から最初へ"));
     bind<bool>(m_slideLoop, &QCheckBox::toggled, &KeyAssignment::slideLoop);
-    m_slideTransition = seconds(playBox, 10.0);
+    m_slideTransition = seconds(playBox, ValueRanges::kMaxTransition);
     bind<double>(m_slideTransition, &QDoubleSpinBox::valueChanged, &KeyAssignment::slideTransition);
     play->addWidget(m_showVideo, 5, 0);
     play->addWidget(label(QStringLiteral("レイヤー")), 5, 2, Qt::AlignRight);

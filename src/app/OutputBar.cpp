@@ -14,6 +14,7 @@
 
 #include "app/NumberField.h"
 #include "cue/AppModel.h"
+#include "model/ValueRanges.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
     row->addSpacing(16);
     row->addWidget(new QLabel(QStringLiteral("全停止のフェード"), this));
     m_stopAllFade = new QDoubleSpinBox(this);
-    m_stopAllFade->setRange(0.0, 30.0);
+    m_stopAllFade->setRange(0.0, ValueRanges::kMaxStopAllFade);
     m_stopAllFade->setDecimals(1);
     m_stopAllFade->setSingleStep(0.5);
     m_stopAllFade->setSuffix(QStringLiteral(" 秒"));

@@ -10,6 +10,7 @@
 
 #include "app/Choices.h"
 #include "model/Prefs.h"
+#include "model/ValueRanges.h"
 
 SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
     setWindowTitle(QStringLiteral("設定 — Vorlin #%1").arg(instanceNumber));
@@ -27,7 +28,7 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
     };
     auto seconds = [this](const QString& key) {
         auto* box = new QDoubleSpinBox(this);
-        box->setRange(0.0, 60.0);
+        box->setRange(0.0, ValueRanges::kMaxFade);
         box->setDecimals(2);
         box->setSingleStep(0.1);
         box->setSuffix(QStringLiteral(" 秒"));

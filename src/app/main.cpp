@@ -17,5 +17,13 @@ int main(int argc, char** argv) {
         QTextStream err(stderr);
         return Commands::run(args, out, err);
     }
+    if (const auto refused = Commands::refuseWindowArguments(args)) {
+        QTextStream(stderr) << *refused;
+        return 2;
+    }
+    if (const auto missing = Commands::missingDisplay(args)) {
+        QTextStream(stderr) << *missing;
+        return 1;
+    }
     return runApplication(argc, argv);
 }

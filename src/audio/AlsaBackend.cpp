@@ -164,7 +164,16 @@ void AlsaBackend::run() {
 
 // Renders one period and writes it; false when the device is gone or broken for good.
 bool AlsaBackend::writePeriod() {
-    m_mixer->render(m_period, AudioTimeStamp{HostTime::now(), true}, m_buffers);
+    // The block's first frame is heard once what is queued before it has played: delay frames
+    // from now. The mixer adds the latency itself, so hand it the time less that.
+    snd_pcm_sframes_t queued = 0;
+    if (snd_pcm_delay(m_pcm, &queued) < 0 || queued < 0)
+        queued = 0;
+    const double ahead = static_cast<double>(queued) / m_rate - m_latency;
+    const std::uint64_t now = HostTime::now();
+    const std::uint64_t blockTime =
+        ahead >= 0 ? now + HostTime::secondsToTicks(ahead) : now - HostTime::secondsToTicks(-ahead);
+    m_mixer->render(m_period, AudioTimeStamp{blockTime, true}, m_buffers);
     switch (m_format) {
     case SampleFormat::float32: {
         auto* dest = reinterpret_cast<float*>(m_interleaved.data());

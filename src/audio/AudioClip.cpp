@@ -39,22 +39,33 @@ AudioClip::AudioClip(std::vector<SampleBuffer> channelData, double rate)
     channels.reserve(buffer.size());
     for (const auto& channel : buffer)
         channels.push_back(channel.data());
-    peaks = computePeaks(channels.data(), channelCount, frameCount);
+    silenceDamageAndComputePeaks();
 }
 
-std::vector<float> AudioClip::computePeaks(const float* const* channels, std::int64_t channelCount,
-                                           std::int64_t frames) {
-    if (frames < 1)
-        return {};
-    const std::int64_t bins = std::min(frames, kMaxPeaks);
-    std::vector<float> result(static_cast<std::size_t>(bins), 0.0f);
+void AudioClip::silenceDamageAndComputePeaks() {
+    if (frameCount < 1)
+        return;
+    // One walk over the samples, a bin at a time, so the check and the peak read the same
+    // cache-warm stretch.
+    const std::int64_t bins = std::min(frameCount, kMaxPeaks);
+    peaks.assign(static_cast<std::size_t>(bins), 0.0f);
     for (std::int64_t b = 0; b < bins; ++b) {
-        const std::int64_t start = b * frames / bins;
-        const std::int64_t end = std::max(start + 1, (b + 1) * frames / bins);
+        const std::int64_t start = b * frameCount / bins;
+        const std::int64_t end = std::max(start + 1, (b + 1) * frameCount / bins);
         float peak = 0.0f;
-        for (std::int64_t c = 0; c < channelCount; ++c)
-            peak = std::max(peak, VectorMath::maxMagnitude(channels[c] + start, end - start));
-        result[static_cast<std::size_t>(b)] = std::min(peak, 1.0f);
+        for (std::int64_t c = 0; c < channelCount; ++c) {
+            // The clip is not shared yet: its samples are still ours to mend.
+            float* x = const_cast<float*>(channels[static_cast<std::size_t>(c)]) + start;
+            const std::int64_t bad = VectorMath::countBeyond(x, end - start, kDamagedLevel);
+            if (bad > 0) {
+                damagedSamples += bad;
+                for (std::int64_t i = 0; i < end - start; ++i) {
+                    if (!(std::fabs(x[i]) <= kDamagedLevel))
+                        x[i] = 0.0f;
+                }
+            }
+            peak = std::max(peak, VectorMath::maxMagnitude(x, end - start));
+        }
+        peaks[static_cast<std::size_t>(b)] = std::min(peak, 1.0f);
     }
-    return result;
 }

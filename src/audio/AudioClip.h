@@ -8,6 +8,11 @@
 
 // Decoded audio held whole in memory: 32-bit float, non-interleaved, full scale ±1.0.
 //
+// Whatever a file held, a clip's samples are finite and within ±kDamagedLevel: NaN, infinity
+// and samples far beyond full scale (a damaged file's garbage, not a decoder's overshoot) are
+// silenced when the clip is made and counted in `damagedSamples`. So the render thread never
+// needs to check a sample, and nothing a file says can reach the speakers as an explosion.
+//
 // Lifetime: immutable after construction and shared as std::shared_ptr<const AudioClip> by the
 // media table and by every mixer voice that plays it; the last owner frees the samples. The
 // render thread only reads a clip, and never holds the last reference to one (voices are
@@ -29,14 +34,18 @@ struct AudioClip {
     std::int64_t channelCount = 0;
     std::int64_t frameCount = 0;
     double sampleRate = 0.0;
-    // Overview for waveform display: at most 1500 values in 0…1.
+    // Overview for waveform display: at most 1500 values in 0…1 (the largest magnitude of any
+    // channel within each of min(frames, 1500) equal bins, clamped to 1).
     std::vector<float> peaks;
+    // Samples that were not finite or beyond ±kDamagedLevel, now silent.
+    std::int64_t damagedSamples = 0;
 
     static constexpr std::int64_t kMaxPeaks = 1500;
+    // +18 dB: lossy decoders overshoot full scale by a few dB at most; beyond this it is damage.
+    static constexpr float kDamagedLevel = 8.0f;
 
-    // Largest magnitude of any channel within each of min(frames, 1500) equal bins, clamped to 1.
-    static std::vector<float> computePeaks(const float* const* channels, std::int64_t channelCount,
-                                           std::int64_t frames);
+private:
+    void silenceDamageAndComputePeaks();
 };
 
 using AudioClipPtr = std::shared_ptr<const AudioClip>;

@@ -113,6 +113,7 @@ void JackBackend::stop() {
         jack_client_close(m_client);
     m_client = nullptr;
     m_serverGone = false;
+    m_haveClockOffset = false;
     m_ports.clear();
     m_buffers.clear();
 }
@@ -123,18 +124,35 @@ int JackBackend::process(std::uint32_t frames, void* arg) {
     for (std::size_t c = 0; c < self->m_ports.size(); ++c)
         self->m_buffers[c] = {static_cast<float*>(jack_port_get_buffer(self->m_ports[c], frames)),
                               bytes};
-    // JACK's clock is CLOCK_MONOTONIC in microseconds on Linux.
     jack_nframes_t currentFrames = 0;
     jack_time_t currentUsecs = 0, nextUsecs = 0;
     float periodUsecs = 0;
     const bool valid = jack_get_cycle_times(self->m_client, &currentFrames, &currentUsecs,
                                             &nextUsecs, &periodUsecs) == 0;
     const std::uint64_t began = HostTime::now();
-    self->m_mixer->render(frames, AudioTimeStamp{currentUsecs * 1000ull, valid}, self->m_buffers);
+    self->m_mixer->render(frames, AudioTimeStamp{self->toHostTime(currentUsecs, began), valid},
+                          self->m_buffers);
     const std::uint64_t took = HostTime::now() - began;
     if (took > self->m_longestCycle.load(std::memory_order_relaxed))
         self->m_longestCycle.store(took, std::memory_order_relaxed);
     return 0;
+}
+
+std::uint64_t JackBackend::toHostTime(std::uint64_t jackUsecs, std::uint64_t hostNow) {
+    // libjack reads its own clock (CLOCK_MONOTONIC_RAW on many builds, CLOCK_MONOTONIC on
+    // others); host time is CLOCK_MONOTONIC. The two drift apart (NTP slews only one of them),
+    // so the offset is measured anew every cycle: JACK's now read between two host readings.
+    // A reading that took long (the thread was preempted) is not trusted; the last good offset
+    // stands in for it.
+    const std::uint64_t jackNow = jack_get_time();
+    const std::uint64_t after = HostTime::now();
+    if (after - hostNow < kTrustedReading || !m_haveClockOffset) {
+        const std::uint64_t middle = hostNow + (after - hostNow) / 2;
+        m_clockOffset =
+            static_cast<std::int64_t>(middle) - static_cast<std::int64_t>(jackNow * 1000);
+        m_haveClockOffset = true;
+    }
+    return static_cast<std::uint64_t>(static_cast<std::int64_t>(jackUsecs * 1000) + m_clockOffset);
 }
 
 int JackBackend::sampleRateChanged(std::uint32_t rate, void* arg) {

@@ -15,6 +15,9 @@ typedef struct _jack_port jack_port_t;
 // device's ports, at most 64), connects them in order, and renders in JACK's process callback.
 // It never starts a server. Works with jackd2 and with PipeWire's JACK.
 //
+// Block times: JACK stamps its cycles on its own clock, which need not be host time's; every
+// cycle's stamp is translated (see toHostTime), so a voice started at a host time is heard then.
+//
 // Threading: the process callback is JACK's real-time thread; the other callbacks (rate,
 // buffer size, physical port changes, server shutdown) come on JACK's threads and only pass the
 // notice on.
@@ -45,6 +48,8 @@ public:
 
 private:
     static int process(std::uint32_t frames, void* self);
+    // JACK's microseconds as host time (CLOCK_MONOTONIC ns). Process thread only.
+    std::uint64_t toHostTime(std::uint64_t jackUsecs, std::uint64_t hostNow);
     static int sampleRateChanged(std::uint32_t rate, void* self);
     static int bufferSizeChanged(std::uint32_t frames, void* self);
     static void portRegistered(std::uint32_t port, int registered, void* self);
@@ -65,4 +70,9 @@ private:
     std::atomic<std::int64_t> m_xruns{0};
     std::atomic<bool> m_serverGone{false};
     std::atomic<std::uint64_t> m_longestCycle{0};
+
+    // Process thread only: host time − JACK time, in nanoseconds.
+    static constexpr std::uint64_t kTrustedReading = 20'000; // ns
+    std::int64_t m_clockOffset = 0;
+    bool m_haveClockOffset = false;
 };

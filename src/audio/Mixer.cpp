@@ -44,6 +44,16 @@ Voice* Mixer::find(std::int64_t id) {
     return nullptr;
 }
 
+namespace {
+
+// Gains come from the control side already bounded; this only keeps a NaN, an infinity or a
+// negative gain (which no caller means) from ever reaching the output.
+float usableGain(float gain) {
+    return std::isfinite(gain) && gain > 0.0f ? gain : 0.0f;
+}
+
+} // namespace
+
 std::int64_t Mixer::play(AudioClipPtr clip, const RouteList& routes, float volume, double fadeIn,
                          bool loop, bool deferred) {
     if (!clip || clip->frameCount < 1 || clip->channelCount < 1)
@@ -59,7 +69,7 @@ std::int64_t Mixer::play(AudioClipPtr clip, const RouteList& routes, float volum
 
     // Everything that allocates happens before the lock.
     auto voice = std::make_unique<Voice>(std::move(clip), usable);
-    voice->volume = volume;
+    voice->volume = usableGain(volume);
     voice->loop = loop;
     voice->startHost = deferred ? Voice::kArmed : 0;
 
@@ -104,7 +114,7 @@ void Mixer::stop(std::int64_t id, double fade) {
 void Mixer::setVolume(std::int64_t id, float volume) {
     std::lock_guard guard(m_lock);
     if (Voice* voice = find(id))
-        voice->volume = volume;
+        voice->volume = usableGain(volume);
 }
 
 void Mixer::setLoop(std::int64_t id, bool loop) {
@@ -190,7 +200,7 @@ void Mixer::setMuted(const std::set<std::int64_t>& channels) {
 
 void Mixer::setMasterVolume(double volume) {
     std::lock_guard guard(m_lock);
-    m_masterVolume = static_cast<float>(volume);
+    m_masterVolume = usableGain(static_cast<float>(volume));
 }
 
 void Mixer::setToneChannel(std::optional<std::int64_t> channel) {

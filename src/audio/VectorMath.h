@@ -27,4 +27,13 @@ inline float maxMagnitude(const float* x, std::int64_t n) {
     return peak;
 }
 
+// How many of x[0..n) are NaN, infinite or of a magnitude beyond `limit`. Branch-free, so it
+// vectorises: the common answer, 0, costs one streaming read.
+inline std::int64_t countBeyond(const float* x, std::int64_t n, float limit) {
+    std::int64_t within = 0;
+    for (std::int64_t i = 0; i < n; ++i)
+        within += std::fabs(x[i]) <= limit ? 1 : 0;
+    return n - within;
+}
+
 } // namespace VectorMath

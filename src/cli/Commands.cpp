@@ -1,5 +1,7 @@
 #include "cli/Commands.h"
 
+#include <cmath>
+
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -16,9 +18,20 @@
 
 namespace {
 
-const QString kUsage =
-    QStringLiteral("使い方:\n"
-                   "  vorlin probe FILE…   メディアファイルの情報を JSON で表示します\n");
+const QString kUsage = QStringLiteral(
+    "使い方:\n"
+    "  vorlin [SHOW.vorlin]   ウィンドウを開きます（画面が必要です）\n"
+    "  vorlin devices         出力デバイスを JSON で表示します\n"
+    "  vorlin probe FILE…     メディアファイルの情報を JSON で表示します\n"
+    "  vorlin render SHOW.vorlin --events EVENTS.txt --out OUT.wav\n"
+    "         [--rate 48000] [--channels 8] [--block 256] [--seconds S] [--allow-long]\n"
+    "                         キーマップを画面なしで再生し、全出力を WAV に書き出します\n"
+    "  vorlin help            この説明を表示します\n");
+
+// The longest `render` writes without --allow-long: a whole show day.
+constexpr double kLongestRender = 24.0 * 3600.0;
+
+const QStringList kCommands{"devices", "probe", "render", "help", "--help", "-h"};
 
 QJsonObject probeJson(const QString& file, const MediaProbe& probe) {
     return QJsonObject{
@@ -39,8 +52,33 @@ QJsonObject probeJson(const QString& file, const MediaProbe& probe) {
 namespace Commands {
 
 bool isCommand(const QStringList& args) {
-    return !args.isEmpty() &&
-           (args.first() == "probe" || args.first() == "help" || args.first() == "--help");
+    return !args.isEmpty() && kCommands.contains(args.first());
+}
+
+std::optional<QString> refuseWindowArguments(const QStringList& args) {
+    if (args.isEmpty() || args.first().startsWith(QLatin1Char('-')))
+        return std::nullopt; // options are Qt's (-platform, -style, …)
+    const QString& first = args.first();
+    const QFileInfo info(first);
+    if (info.isFile())
+        return std::nullopt;
+    // A bare word is a misspelt command far more often than a show file in the current folder.
+    if (!first.contains(QLatin1Char('/')) && !first.contains(QLatin1Char('.')))
+        return QStringLiteral("不明なコマンドです: %1\n").arg(first) + kUsage;
+    if (info.exists())
+        return QStringLiteral("キーマップではありません: %1\n").arg(first);
+    return QStringLiteral("キーマップが見つかりません: %1\n").arg(first);
+}
+
+std::optional<QString> missingDisplay(const QStringList& args) {
+    for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        if (!qEnvironmentVariableIsEmpty(variable))
+            return std::nullopt;
+    if (args.contains(QStringLiteral("-platform")) || args.contains(QStringLiteral("--platform")))
+        return std::nullopt;
+    return QStringLiteral("画面に接続できないため、ウィンドウを開けません（DISPLAY も "
+                          "WAYLAND_DISPLAY も設定されていません）。\n"
+                          "画面なしで使えるコマンドは「vorlin help」で表示できます。\n");
 }
 
 int run(const QStringList& args, QTextStream& out, QTextStream& err) {
@@ -51,7 +89,7 @@ int run(const QStringList& args, QTextStream& out, QTextStream& err) {
         return devices(out);
     if (command == "render")
         return render(args.mid(1), out, err);
-    if (command == "help" || command == "--help") {
+    if (command == "help" || command == "--help" || command == "-h") {
         out << kUsage;
         return 0;
     }
@@ -74,8 +112,13 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
     int rate = 48000, channels = 8;
     std::int64_t block = 256;
     std::optional<double> seconds;
+    bool allowLong = false;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString& arg = args[i];
+        if (arg == "--allow-long") {
+            allowLong = true;
+            continue;
+        }
         const QString value = args.value(i + 1);
         bool ok = true;
         if (arg == "--events")
@@ -99,7 +142,8 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         }
         ++i;
         if (!ok || value.isEmpty() || rate < 8000 || rate > 384000 || channels < 1 ||
-            channels > 64 || block < 1 || block > 65536 || (seconds && *seconds < 0)) {
+            channels > 64 || block < 1 || block > 65536 ||
+            (seconds && !(std::isfinite(*seconds) && *seconds >= 0))) {
             err << "引数の値が正しくありません: " << arg << " " << value << "\n";
             return 2;
         }
@@ -120,6 +164,15 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         err << QString::fromStdString(error.what()) << "\n";
         return 2;
     }
+    const double end = seconds.value_or((script.empty() ? 0.0 : script.back().seconds) + 2.0);
+    // Every second of output is rate × channels × 4 bytes on disk: a typo must not fill it.
+    if (end > kLongestRender && !allowLong) {
+        err << QStringLiteral("書き出す長さが %1 時間を超えます（%2 秒）。本当に必要なら "
+                              "--allow-long を付けてください\n")
+                   .arg(kLongestRender / 3600.0)
+                   .arg(end);
+        return 2;
+    }
     ShowRenderer renderer(rate, channels, block);
     try {
         renderer.open(show);
@@ -127,12 +180,13 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         err << "キーマップを開けません: " << error.message() << "\n";
         return 1;
     }
+    for (const QString& problem : renderer.mediaProblems())
+        err << problem << "\n";
     WavWriter wav;
     if (!wav.open(QFile::encodeName(output).toStdString(), channels, rate)) {
         err << "出力ファイルを書けません: " << output << "\n";
         return 1;
     }
-    const double end = seconds.value_or((script.empty() ? 0.0 : script.back().seconds) + 2.0);
     if (!renderer.run(script, end, wav) || !wav.finish()) {
         err << "出力ファイルを書けません: " << output << "\n";
         return 1;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+
+#include <QString>
 #include <QStringList>
 
 class QTextStream;
@@ -11,6 +14,14 @@ namespace Commands {
 
 // Whether args[0] names a subcommand (the application opens its window otherwise).
 bool isCommand(const QStringList& args);
+
+// For a command line that opens the window: why it cannot (an unknown command, a show file that
+// is not there), as the message for the terminal. The window is never opened for these.
+std::optional<QString> refuseWindowArguments(const QStringList& args);
+
+// Why the window cannot open here (no display to connect to), as the message for the terminal;
+// Qt itself would abort with its own English message.
+std::optional<QString> missingDisplay(const QStringList& args);
 
 // Runs the subcommand named by args[0] with the rest as its arguments.
 int run(const QStringList& args, QTextStream& out, QTextStream& err);

@@ -5,6 +5,7 @@
 #include <QStringList>
 
 #include "audio/Routing.h"
+#include "model/ValueRanges.h"
 
 namespace EventScript {
 
@@ -29,6 +30,14 @@ std::vector<ScriptEvent> parse(const QString& text) {
         event.seconds = words[0].toDouble(&ok);
         if (!ok || !std::isfinite(event.seconds) || event.seconds < 0)
             throw fail();
+        // Events run in file order; one that goes back in time would be silently late.
+        if (!events.empty() && event.seconds < events.back().seconds)
+            throw EventScriptError(
+                QStringLiteral("イベントファイルの %1 行目: 時刻が前の行（%2 秒）より前です: %3")
+                    .arg(n + 1)
+                    .arg(events.back().seconds)
+                    .arg(lines[n].trimmed())
+                    .toStdString());
         const QString& verb = words[1];
         if (verb == "down" || verb == "up") {
             const uint code = words.value(2).toUInt(&ok);
@@ -60,7 +69,8 @@ std::vector<ScriptEvent> parse(const QString& text) {
         } else if (verb == "master") {
             event.kind = ScriptEvent::Kind::master;
             event.gain = words.value(2).toDouble(&ok);
-            if (!ok || words.size() != 3 || !std::isfinite(event.gain) || event.gain < 0)
+            if (!ok || words.size() != 3 || !(event.gain >= 0.0) ||
+                event.gain > ValueRanges::kMaxMasterVolume)
                 throw fail();
         } else {
             throw fail();

@@ -35,7 +35,8 @@ public:
 
 namespace EventScript {
 
-// Events in file order. Throws EventScriptError naming the line.
+// Events in file order, which must be the order of their times. Throws EventScriptError naming
+// the line.
 std::vector<ScriptEvent> parse(const QString& text);
 
 } // namespace EventScript

@@ -25,6 +25,18 @@ void ShowRenderer::open(const QString& path) {
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
 }
 
+QStringList ShowRenderer::mediaProblems() const {
+    QStringList problems;
+    for (const auto& [key, info] : m_model->document().media) {
+        const QString name = key.section(QLatin1Char('\n'), 0, 0);
+        if (info.error)
+            problems << QStringLiteral("メディアを読み込めません: %1: %2").arg(name, *info.error);
+        if (info.warning)
+            problems << QStringLiteral("メディアに問題があります: %1: %2").arg(name, *info.warning);
+    }
+    return problems;
+}
+
 void ShowRenderer::apply(const ScriptEvent& event) {
     switch (event.kind) {
     case ScriptEvent::Kind::key:

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include <QString>
+#include <QStringList>
 
 #include "audio/OfflineRenderer.h"
 #include "cli/EventScript.h"
@@ -22,6 +23,8 @@ public:
 
     // Opens the show and waits until every key's media has loaded. Throws DocumentError.
     void open(const QString& path);
+    // One line per media entry that failed to load or loaded with damage, for the terminal.
+    QStringList mediaProblems() const;
     // Renders [0, seconds) into `out`; false when writing fails.
     bool run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out);
 

@@ -1,8 +1,12 @@
 #include "cue/AppModel.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "audio/AudioStartError.h"
 #include "audio/Routing.h"
 #include "model/KeyboardLayout.h"
+#include "model/ValueRanges.h"
 #include "video/HeadlessVideoOutput.h"
 
 AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
@@ -22,6 +26,8 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
         m_engine->setStatusMessage(QStringLiteral("見つからないファイルがあります: ") +
                                    names.join(QStringLiteral("、")));
     });
+    connect(&m_media, &MediaLoader::damaged, this,
+            [this](const QString& message) { m_engine->setStatusMessage(message); });
 }
 
 AppModel::~AppModel() {
@@ -96,8 +102,9 @@ void AppModel::setOutputDeviceUID(const std::optional<QString>& uid) {
 }
 
 void AppModel::setMasterVolume(double volume) {
-    m_masterVolume = volume;
-    m_audio.mixer().setMasterVolume(volume);
+    m_masterVolume =
+        std::isfinite(volume) ? std::clamp(volume, 0.0, ValueRanges::kMaxMasterVolume) : 0.0;
+    m_audio.mixer().setMasterVolume(m_masterVolume);
     markDirty();
     emit mixSettingsChanged();
 }
@@ -110,7 +117,8 @@ void AppModel::setMutedOutputs(std::set<std::int64_t> outputs) {
 }
 
 void AppModel::setStopAllFade(double seconds) {
-    m_engine->setStopAllFade(seconds);
+    m_engine->setStopAllFade(
+        std::isfinite(seconds) ? std::clamp(seconds, 0.0, ValueRanges::kMaxStopAllFade) : 0.0);
     markDirty();
     emit mixSettingsChanged();
 }

@@ -30,6 +30,9 @@ MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFl
         return info;
     try {
         info.clip = AudioLoader::loadClip(file, rate, info.probe, cancel);
+        if (info.clip->damagedSamples > 0)
+            info.warning = QStringLiteral("壊れたデータを含みます（%1 サンプルを無音にしました）")
+                               .arg(info.clip->damagedSamples);
     } catch (const LoadError& error) {
         if (error.kind() == LoadError::Kind::cancelled)
             return info;
@@ -107,16 +110,24 @@ void MediaLoader::finished(const QString& key, std::uint64_t generation, MediaIn
     if (running == m_running.end() || running->second.generation != generation)
         return; // released or reloaded meanwhile
     m_running.erase(running);
+    const std::optional<QString> warning = info.warning;
     if (m_document.media.count(key))
         m_document.media[key] = std::move(info);
     emit mediaChanged(key);
     if (missing)
         emit missingFiles({QFileInfo(key).fileName()});
+    if (warning)
+        emit damaged(QFileInfo(key).fileName() + QStringLiteral(": ") + *warning);
 }
 
 void MediaLoader::reloadAll(bool force) {
-    for (const KeyAssignment& a : m_document.allAssignments())
-        loadMedia(a, force);
+    // A file on many keys or pages is one media entry: load it once, not once per key (each
+    // forced load would cancel the one before).
+    std::set<QString> started;
+    for (const KeyAssignment& a : m_document.allAssignments()) {
+        if (started.insert(a.mediaKey()).second)
+            loadMedia(a, force);
+    }
 }
 
 void MediaLoader::releaseMediaIfUnused(const std::optional<QString>& excluding) {

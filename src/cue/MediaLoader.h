@@ -40,6 +40,8 @@ signals:
     void mediaChanged(const QString& mediaKey);
     // Files that were not where their key says (names only).
     void missingFiles(const QStringList& names);
+    // A file loaded with damage (its name and what was done about it).
+    void damaged(const QString& message);
 
 private:
     struct Running {

@@ -71,6 +71,7 @@ void ShowSession::open(const QString& path) {
         throw DocumentError(QStringLiteral("「%1」を開けません（%2）")
                                 .arg(QFileInfo(path).fileName(), file.errorString()));
     const KeymapDocument doc = KeymapDocument::decode(file.readAll());
+    ShowFile::removeLeftovers(path, std::chrono::seconds(10));
 
     m_model.stopAll(true);
     m_applying = true;
@@ -121,6 +122,26 @@ void ShowSession::open(const QString& path) {
 
     finishOpening(path, doc);
     m_applying = false;
+    reportSkippedKeys(doc);
+}
+
+void ShowSession::reportSkippedKeys(const KeymapDocument& doc) {
+    QStringList skipped;
+    auto collect = [&skipped](const std::map<QString, KeyAssignment>& keys) {
+        for (const auto& [text, assignment] : keys)
+            if (!ShowFile::keyCode(text) && !skipped.contains(text))
+                skipped << text;
+    };
+    if (doc.pages) {
+        for (const PageDocument& page : *doc.pages)
+            collect(page.keys);
+    } else {
+        collect(doc.keys);
+    }
+    if (!skipped.isEmpty())
+        m_model.cueEngine().setStatusMessage(
+            QStringLiteral("キーとして読めない項目を読み飛ばしました: ") +
+            skipped.join(QStringLiteral("、")));
 }
 
 void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) {

@@ -39,6 +39,9 @@ public:
 private:
     void finishOpening(const QString& path, const KeymapDocument& doc);
     void titleChanged();
+    // Key strings that name no key are left out of the show (a key code is 0…65535); the
+    // operator is told which, since the next save will not write them again.
+    void reportSkippedKeys(const KeymapDocument& doc);
 
     AppModel& m_model;
     std::optional<QString> m_path;

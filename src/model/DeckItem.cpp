@@ -1,6 +1,7 @@
 #include "model/DeckItem.h"
 
 #include "model/JsonRead.h"
+#include "model/ValueRanges.h"
 
 namespace {
 
@@ -41,10 +42,11 @@ DeckItem DeckItem::fromJson(const QJsonObject& o) {
     item.title = JsonRead::string(o, "title", item.id);
     item.enabled = JsonRead::boolean(o, "enabled", true);
     if (o.contains("advanceAfter"))
-        item.advanceAfter = JsonRead::number(o, "advanceAfter", 0.0);
+        item.advanceAfter =
+            JsonRead::number(o, "advanceAfter", 0.0, 0.0, ValueRanges::kMaxSlideInterval);
     if (o.contains("transition"))
-        item.transition = JsonRead::number(o, "transition", 0.0);
-    item.volume = JsonRead::number(o, "volume", 1.0);
+        item.transition = JsonRead::number(o, "transition", 0.0, 0.0, ValueRanges::kMaxTransition);
+    item.volume = JsonRead::number(o, "volume", 1.0, 0.0, ValueRanges::kMaxVolume);
     item.endAction =
         parse<EndAction>(kEndActions, JsonRead::string(o, "endAction", "next"), "endAction");
     return item;

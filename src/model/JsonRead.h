@@ -24,6 +24,11 @@ inline DocumentError missing(const QString& field) {
     return DocumentError(QStringLiteral("「%1」がありません").arg(field));
 }
 
+inline DocumentError outOfRange(const QString& field, double lowest, double highest) {
+    return DocumentError(
+        QStringLiteral("「%1」の値が範囲外です（%2〜%3）").arg(field).arg(lowest).arg(highest));
+}
+
 inline double number(const QJsonObject& o, const QString& field, double fallback) {
     const QJsonValue v = o.value(field);
     if (v.isUndefined())
@@ -43,6 +48,23 @@ inline std::int64_t integer(const QJsonValue& v, const QString& field) {
 inline std::int64_t integer(const QJsonObject& o, const QString& field, std::int64_t fallback) {
     const QJsonValue v = o.value(field);
     return v.isUndefined() ? fallback : integer(v, field);
+}
+
+// A number the editor bounds: outside [lowest, highest] is an error of the file.
+inline double number(const QJsonObject& o, const QString& field, double fallback, double lowest,
+                     double highest) {
+    const double v = number(o, field, fallback);
+    if (!(v >= lowest && v <= highest))
+        throw outOfRange(field, lowest, highest);
+    return v;
+}
+
+inline std::int64_t integer(const QJsonObject& o, const QString& field, std::int64_t fallback,
+                            std::int64_t lowest, std::int64_t highest) {
+    const std::int64_t v = integer(o, field, fallback);
+    if (v < lowest || v > highest)
+        throw outOfRange(field, static_cast<double>(lowest), static_cast<double>(highest));
+    return v;
 }
 
 inline bool boolean(const QJsonObject& o, const QString& field, bool fallback) {

@@ -9,6 +9,7 @@
 
 #include "model/JsonRead.h"
 #include "model/Prefs.h"
+#include "model/ValueRanges.h"
 
 KeyAssignment::KeyAssignment(QString filePath, std::int64_t color)
     : path(std::move(filePath)), colorIndex(color) {}
@@ -123,9 +124,9 @@ KeyAssignment KeyAssignment::fromJson(const QJsonObject& o) {
     if (!mode)
         throw wrongType("mode");
     a.mode = *mode;
-    a.fadeIn = number(o, "fadeIn", 0.0);
-    a.fadeOut = number(o, "fadeOut", 1.0);
-    a.volume = number(o, "volume", 1.0);
+    a.fadeIn = number(o, "fadeIn", 0.0, 0.0, ValueRanges::kMaxFade);
+    a.fadeOut = number(o, "fadeOut", 1.0, 0.0, ValueRanges::kMaxFade);
+    a.volume = number(o, "volume", 1.0, 0.0, ValueRanges::kMaxVolume);
     a.loop = boolean(o, "loop", false);
     a.outputMap = string(o, "outputMap", {});
     if (o.contains("matrix")) {
@@ -147,12 +148,12 @@ KeyAssignment KeyAssignment::fromJson(const QJsonObject& o) {
     if (!onNext)
         throw wrongType("onNext");
     a.onNext = *onNext;
-    a.group = integer(o, "group", 0);
-    a.layer = integer(o, "layer", 5);
+    a.group = integer(o, "group", 0, 0, ValueRanges::kMaxGroup);
+    a.layer = integer(o, "layer", 5, 0, ValueRanges::kMaxLayer);
     a.slideAuto = boolean(o, "slideAuto", false);
-    a.slideInterval = number(o, "slideInterval", 5.0);
+    a.slideInterval = number(o, "slideInterval", 5.0, 0.0, ValueRanges::kMaxSlideInterval);
     a.slideLoop = boolean(o, "slideLoop", false);
-    a.slideTransition = number(o, "slideTransition", 0.3);
+    a.slideTransition = number(o, "slideTransition", 0.3, 0.0, ValueRanges::kMaxTransition);
     if (o.contains("deckItems")) {
         if (!o.value("deckItems").isArray())
             throw wrongType("deckItems");

@@ -6,6 +6,9 @@
 #include <QJsonParseError>
 
 #include "model/JsonRead.h"
+#include "model/KeyboardLayout.h"
+#include "model/ShowFile.h"
+#include "model/ValueRanges.h"
 
 namespace {
 
@@ -16,15 +19,29 @@ QJsonObject keysToJson(const std::map<QString, KeyAssignment>& keys) {
     return o;
 }
 
-std::map<QString, KeyAssignment> keysFromJson(const QJsonValue& value, const QString& field) {
+// Where in the file a key's problem is: the page (when there are pages) and the key as drawn.
+QString keyPlace(const std::optional<QString>& page, const QString& key) {
+    const auto code = ShowFile::keyCode(key);
+    const QString name =
+        code ? QStringLiteral("キー %1（%2）").arg(KeyboardLayout::label(*code), key)
+             : QStringLiteral("キー「%1」").arg(key);
+    return page ? QStringLiteral("ページ「%1」の%2").arg(*page, name) : name;
+}
+
+std::map<QString, KeyAssignment> keysFromJson(const QJsonValue& value, const QString& field,
+                                              const std::optional<QString>& page) {
     if (!value.isObject())
         throw JsonRead::wrongType(field);
     std::map<QString, KeyAssignment> keys;
     const QJsonObject o = value.toObject();
     for (auto it = o.begin(); it != o.end(); ++it) {
-        if (!it.value().isObject())
-            throw JsonRead::wrongType(field);
-        keys.emplace(it.key(), KeyAssignment::fromJson(it.value().toObject()));
+        try {
+            if (!it.value().isObject())
+                throw JsonRead::wrongType(field);
+            keys.emplace(it.key(), KeyAssignment::fromJson(it.value().toObject()));
+        } catch (const DocumentError& error) {
+            throw DocumentError(keyPlace(page, it.key()) + QStringLiteral(": ") + error.message());
+        }
     }
     return keys;
 }
@@ -57,8 +74,13 @@ KeymapDocument KeymapDocument::decode(const QByteArray& bytes) {
     using namespace JsonRead;
     QJsonParseError error{};
     const QJsonDocument json = QJsonDocument::fromJson(bytes, &error);
-    if (error.error != QJsonParseError::NoError || !json.isObject())
-        throw DocumentError(QStringLiteral("JSON として読めません（%1）").arg(error.errorString()));
+    if (error.error != QJsonParseError::NoError)
+        throw DocumentError(QStringLiteral("JSON として読めません（%1、%2 バイト目）")
+                                .arg(error.errorString())
+                                .arg(error.offset));
+    if (!json.isObject())
+        throw DocumentError(QStringLiteral("キーマップの形式ではありません（JSON のオブジェクト"
+                                           "ではありません）"));
     const QJsonObject o = json.object();
     KeymapDocument doc;
     doc.format = requiredString(o, "format");
@@ -67,21 +89,24 @@ KeymapDocument KeymapDocument::decode(const QByteArray& bytes) {
     doc.version = integer(o.value("version"), "version");
     if (!o.contains("keys"))
         throw missing("keys");
-    doc.keys = keysFromJson(o.value("keys"), "keys");
+    doc.keys = keysFromJson(o.value("keys"), "keys", std::nullopt);
     doc.outputDeviceUID = optionalString(o, "outputDeviceUID");
     for (const char* required : {"masterVolume", "videoTarget", "stopAllFade"})
         if (!o.contains(required))
             throw missing(required);
-    doc.masterVolume = number(o, "masterVolume", 1.0);
+    doc.masterVolume = number(o, "masterVolume", 1.0, 0.0, ValueRanges::kMaxMasterVolume);
     doc.videoTarget = string(o, "videoTarget", {});
     doc.videoOutputs = optionalStrings(o, "videoOutputs");
-    doc.stopAllFade = number(o, "stopAllFade", 1.0);
+    doc.stopAllFade = number(o, "stopAllFade", 1.0, 0.0, ValueRanges::kMaxStopAllFade);
     if (o.contains("mutedOutputs")) {
         if (!o.value("mutedOutputs").isArray())
             throw wrongType("mutedOutputs");
         std::vector<std::int64_t> muted;
-        for (const QJsonValue& channel : o.value("mutedOutputs").toArray())
+        for (const QJsonValue& channel : o.value("mutedOutputs").toArray()) {
             muted.push_back(integer(channel, "mutedOutputs"));
+            if (muted.back() < 1 || muted.back() > ValueRanges::kMaxOutput)
+                throw outOfRange("mutedOutputs", 1, ValueRanges::kMaxOutput);
+        }
         doc.mutedOutputs = std::move(muted);
     }
     if (o.contains("pages")) {
@@ -94,7 +119,8 @@ KeymapDocument KeymapDocument::decode(const QByteArray& bytes) {
             const QJsonObject p = page.toObject();
             if (!p.contains("keys"))
                 throw missing("keys");
-            pages.push_back({requiredString(p, "name"), keysFromJson(p.value("keys"), "keys")});
+            const QString name = requiredString(p, "name");
+            pages.push_back({name, keysFromJson(p.value("keys"), "keys", name)});
         }
         doc.pages = std::move(pages);
     }

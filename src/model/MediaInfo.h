@@ -17,4 +17,6 @@ struct MediaInfo {
     AudioClipPtr clip;           // decoded audio when the mixer plays it
     bool audioViaPlayer = false; // the sound is played by the video player
     std::optional<QString> error;
+    // Loaded, but with something the operator should know (damaged samples silenced).
+    std::optional<QString> warning;
 };

@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include "model/DocumentError.h"
@@ -19,20 +21,15 @@ QStringList components(const QString& path) {
     return parts;
 }
 
-std::optional<KeyCode> keyCode(const QString& text) {
-    bool ok = false;
-    const qlonglong value = text.toLongLong(&ok, 10);
-    if (!ok || value < 0 || value > 65535)
-        return std::nullopt;
-    return static_cast<KeyCode>(value);
-}
-
 QString found(const QString& path, const std::optional<QString>& relative, const QString& base) {
     if (QFileInfo::exists(path) || !relative)
         return path;
     const QString candidate = QDir::cleanPath(base + QLatin1Char('/') + *relative);
     return QFileInfo::exists(candidate) ? candidate : path;
 }
+
+// Between the name of the show and mkstemp's six characters in a temporary file of a save.
+constexpr char kSavingMark[] = ".saving-";
 
 DocumentError writeError(const QString& path) {
     return DocumentError(
@@ -43,6 +40,14 @@ DocumentError writeError(const QString& path) {
 } // namespace
 
 namespace ShowFile {
+
+std::optional<KeyCode> keyCode(const QString& text) {
+    bool ok = false;
+    const qlonglong value = text.toLongLong(&ok, 10);
+    if (!ok || value < 0 || value > 65535)
+        return std::nullopt;
+    return static_cast<KeyCode>(value);
+}
 
 QString relativePath(const QString& path, const QString& base) {
     const QStringList target = components(path);
@@ -98,12 +103,25 @@ std::map<QString, KeyAssignment> stored(const std::map<KeyCode, KeyAssignment>& 
 }
 
 void writeAtomically(const QString& path, const QByteArray& bytes) {
-    const QByteArray target = QFile::encodeName(path);
-    QByteArray temporary = target + ".saving-XXXXXX";
+    // Saving through a link writes the file it points to; the link stays a link.
+    const QFileInfo info(path);
+    const QString real =
+        info.isSymLink() && !info.canonicalFilePath().isEmpty() ? info.canonicalFilePath() : path;
+    const QByteArray target = QFile::encodeName(real);
+    QByteArray temporary = target + kSavingMark + "XXXXXX";
     const int fd = mkstemp(temporary.data());
     if (fd < 0)
         throw writeError(path);
-    fchmod(fd, 0644);
+    // The new file keeps the old one's permissions (a show kept private stays private); a new
+    // one gets what any new file of the user gets.
+    struct stat old {};
+    if (::stat(target.constData(), &old) == 0) {
+        fchmod(fd, old.st_mode & 07777);
+    } else {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        fchmod(fd, 0666 & ~mask);
+    }
     qsizetype written = 0;
     while (written < bytes.size()) {
         const ssize_t n =
@@ -132,12 +150,32 @@ void writeAtomically(const QString& path, const QByteArray& bytes) {
         throw writeError(path);
     }
     // The rename itself must reach the disk too.
-    const int folder = ::open(QFile::encodeName(QFileInfo(path).absolutePath()).constData(),
+    const int folder = ::open(QFile::encodeName(QFileInfo(real).absolutePath()).constData(),
                               O_RDONLY | O_DIRECTORY);
     if (folder >= 0) {
         ::fsync(folder);
         ::close(folder);
     }
+}
+
+int removeLeftovers(const QString& path, std::chrono::seconds olderThan) {
+    const QFileInfo info(path);
+    const QString real = info.isSymLink() && !info.canonicalFilePath().isEmpty()
+                             ? info.canonicalFilePath()
+                             : info.absoluteFilePath();
+    const QFileInfo show(real);
+    QDir folder = show.absoluteDir();
+    const QStringList names =
+        folder.entryList({show.fileName() + QString::fromLatin1(kSavingMark) + "??????"},
+                         QDir::Files | QDir::Hidden);
+    const QDateTime limit = QDateTime::currentDateTime().addSecs(-olderThan.count());
+    int removed = 0;
+    for (const QString& name : names) {
+        // A save of another instance may be under way right now; only old ones are leftovers.
+        if (QFileInfo(folder.filePath(name)).lastModified() <= limit && folder.remove(name))
+            ++removed;
+    }
+    return removed;
 }
 
 } // namespace ShowFile

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <map>
+#include <optional>
 
 #include <QByteArray>
 #include <QString>
@@ -10,6 +12,9 @@
 // The file side of a show: relative paths that let a moved show folder find its media again,
 // and the atomic write. Main thread (any thread would do: no state).
 namespace ShowFile {
+
+// The key code a show file's key string names ("0", "+49"), or none when it is not 0…65535.
+std::optional<KeyCode> keyCode(const QString& text);
 
 // `path` relative to the folder `base`: ".." for every component of base past the shared ones,
 // then the rest of path ("intro.wav", "../Other/x.wav"). Both are standardised first.
@@ -26,7 +31,13 @@ std::map<QString, KeyAssignment> stored(const std::map<KeyCode, KeyAssignment>& 
                                         const QString& base);
 
 // Writes a temporary file in the same folder, syncs it, renames it over `path` and syncs the
-// folder, so a failure at any point leaves the old file as it was. Throws DocumentError.
+// folder, so a failure at any point leaves the old file as it was. A link is followed (its
+// target is replaced, the link stays); the old file's permissions are kept. Throws
+// DocumentError.
 void writeAtomically(const QString& path, const QByteArray& bytes);
+
+// Removes the temporary files of saves of `path` that never finished (the process was killed
+// between writing and renaming), once they are older than `olderThan`. Returns how many.
+int removeLeftovers(const QString& path, std::chrono::seconds olderThan);
 
 } // namespace ShowFile

@@ -10,8 +10,10 @@
 #include "JackServer.h"
 #include "MixerTestSupport.h"
 #include "SignalMeasure.h"
+#include "TempDir.h"
 #include "audio/AudioDeviceList.h"
 #include "audio/AudioStartError.h"
+#include "audio/HostTime.h"
 #include "audio/JackBackend.h"
 #include "audio/NullBackend.h"
 
@@ -127,6 +129,63 @@ TEST(JackDevice, ServerLossIsNoticedAndARestartKeepsTheVoiceAtItsPitch) {
     recorder.stop();
     EXPECT_FALSE(engine.mixer().snapshot().at(id).done);
     EXPECT_NEAR(frequencyOf(recorder.channel(0), 1000, 29000, 44100), 1000.0, 0.5);
+}
+
+// Every back end stamps its blocks on host time's clock, so a voice armed for a host time is
+// heard then. JACK's own clock may be another one (CLOCK_MONOTONIC_RAW, hundreds of ms apart).
+TEST(DeviceClock, AVoiceArmedForAHostTimeReachesTheJackPortThen) {
+    JackServer server(2, 48000, 256);
+    ASSERT_TRUE(server.ready());
+    AudioEngine engine;
+    engine.start(std::string("jack:system"));
+    auto* backend = dynamic_cast<JackBackend*>(engine.backend());
+    JackRecorder recorder(backend->clientName(), 1, 3.0);
+    ASSERT_TRUE(recorder.connected());
+    ASSERT_TRUE(waitFor([&] { return recorder.frames() > 4800; }));
+    const double period = 256 / 48000.0;
+    const auto id = engine.mixer().play(constantClip(0.5f, 48000), {{0, 0}}, 1, 0, false, true);
+    const std::uint64_t start = HostTime::now() + HostTime::secondsToTicks(0.05);
+    engine.mixer().setStart(id, start);
+    ASSERT_TRUE(waitFor([&] { return recorder.firstSoundHostTime() != 0; }, 2000ms));
+    // What reaches the port plays `latency` later; it must arrive that much earlier.
+    const double expected = static_cast<double>(start) * 1e-9 - engine.mixer().latency();
+    const double arrived = static_cast<double>(recorder.firstSoundHostTime()) * 1e-9;
+    // The recorder reads the clock when its cycle runs, a little after the cycle began.
+    EXPECT_GE(arrived - expected, -period);
+    EXPECT_LE(arrived - expected, period);
+}
+
+// The null device (a timer thread) and ALSA (a paced thread): observed through the voice's own
+// position. Seen at host time t, a voice that has played p seconds started at t − p, give or
+// take what the device renders ahead of hearing.
+TEST(DeviceClock, NullAndAlsaDevicesStartArmedVoicesAtTheirHostTime) {
+    TempDir dir;
+    const std::string file = dir.file("out.raw");
+    for (const std::string uid : {std::string("null"), "alsa:file:FILE=" + file + ",FORMAT=raw"}) {
+        AudioEngine engine;
+        engine.start(uid);
+        std::this_thread::sleep_for(100ms);
+        Mixer& mixer = engine.mixer();
+        const double seconds = 10.0;
+        const auto id = mixer.play(constantClip(0.5f, static_cast<std::int64_t>(seconds * 48000)),
+                                   {{0, 0}}, 1, 0, false, true);
+        const std::uint64_t start = HostTime::now() + HostTime::secondsToTicks(0.05);
+        mixer.setStart(id, start);
+        double progress = 0.0;
+        std::uint64_t seen = 0;
+        ASSERT_TRUE(waitFor([&] {
+            seen = HostTime::now();
+            progress = mixer.snapshot().at(id).progress;
+            return progress > 0.0;
+        }));
+        const double startedAt = static_cast<double>(seen) * 1e-9 - progress * seconds;
+        const double wanted = static_cast<double>(start) * 1e-9;
+        // Rendered ahead: a block on the null device, the whole buffer (the latency) on ALSA;
+        // plus the 5 ms between two looks.
+        const double ahead = 256 / 48000.0 + mixer.latency();
+        EXPECT_GE(startedAt - wanted, -ahead - 0.001) << uid;
+        EXPECT_LE(startedAt - wanted, 0.001 + 0.005) << uid;
+    }
 }
 
 } // namespace

@@ -5,29 +5,18 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTextStream>
 
 #include "JackServer.h"
 #include "MediaFixtures.h"
 #include "TempDir.h"
-#include "cli/Commands.h"
+#include "TypedCommand.h"
 
 namespace {
 
-struct Result {
-    int status = 0;
-    QString out;
-    QString err;
-};
+using Result = TypedCommand;
 
 Result runCommand(const QStringList& args) {
-    Result result;
-    QTextStream out(&result.out);
-    QTextStream err(&result.err);
-    result.status = Commands::run(args, out, err);
-    out.flush();
-    err.flush();
-    return result;
+    return TypedCommand::run(args);
 }
 
 TEST(ProbeCommand, PrintsOneJsonRecordPerFileInOrder) {
@@ -75,21 +64,33 @@ TEST(ProbeCommand, MissingOrNonMediaFilesAreReportedAndFailTheRun) {
     EXPECT_EQ(runCommand({"bogus"}).status, 2);
 }
 
-TEST(ProbeCommand, ExecutableWritesJsonToStandardOutput) {
+TEST(CommandLine, EveryCommandRunsWithoutADisplayAndEveryMistakeSaysWhat) {
+    const Result help = runCommand({"help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* command : {"vorlin devices", "vorlin probe", "vorlin render"})
+        EXPECT_TRUE(help.out.contains(command)) << command;
+
+    // A misspelt command, a show that is not there and an unknown option of a command are
+    // refused before any window is tried.
+    const Result misspelt = runCommand({"devicez"});
+    EXPECT_EQ(misspelt.status, 2);
+    EXPECT_TRUE(misspelt.err.startsWith("不明なコマンドです: devicez"))
+        << misspelt.err.toStdString();
+    const Result missing = runCommand({"/nowhere/show.vorlin"});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(missing.err.trimmed(), QString("キーマップが見つかりません: /nowhere/show.vorlin"));
+    EXPECT_EQ(runCommand({"render", "--bogus"}).status, 2);
+
+    // The window itself needs a screen: without one, a message instead of Qt's abort.
     TempDir dir;
-    const auto flac = dir.file("tone.flac");
-    ASSERT_TRUE(MediaFixtures::write(flac, "flac", {{1, 48000, 0.5}}));
-    const std::string command = std::string(VORLIN_EXECUTABLE) + " probe '" + flac + "'";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string output;
-    char chunk[4096];
-    while (const auto n = fread(chunk, 1, sizeof chunk, pipe))
-        output.append(chunk, n);
-    EXPECT_EQ(pclose(pipe), 0);
-    const QJsonArray records = QJsonDocument::fromJson(QByteArray::fromStdString(output)).array();
-    ASSERT_EQ(records.size(), 1);
-    EXPECT_EQ(records[0].toObject()["sourceChannels"].toInteger(), 1);
+    const auto show = dir.file("a.vorlin");
+    std::ofstream(show) << "{}";
+    for (const QStringList& args : {QStringList{}, QStringList{QString::fromStdString(show)}}) {
+        const Result window = runCommand(args);
+        EXPECT_EQ(window.status, 1);
+        EXPECT_TRUE(window.err.startsWith("画面に接続できないため")) << window.err.toStdString();
+        EXPECT_FALSE(window.err.contains("qt.qpa"));
+    }
 }
 
 TEST(DevicesCommand, ListsJackAlsaAndNullDevices) {

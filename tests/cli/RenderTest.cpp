@@ -2,11 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <QTextStream>
 
 #include "TempDir.h"
+#include "TypedCommand.h"
 #include "audio/WavWriter.h"
-#include "cli/Commands.h"
 #include "cue/AppModel.h"
 #include "model/Prefs.h"
 
@@ -37,18 +36,10 @@ std::vector<std::vector<float>> readWav(const QString& path, int channels) {
     return out;
 }
 
-struct RenderRun {
-    int status = 0;
-    QString err;
-};
+using RenderRun = TypedCommand;
 
 RenderRun render(const QStringList& args) {
-    RenderRun run;
-    QString out;
-    QTextStream outStream(&out), errStream(&run.err);
-    run.status = Commands::run(QStringList{"render"} + args, outStream, errStream);
-    errStream.flush();
-    return run;
+    return TypedCommand::run(QStringList{"render"} + args);
 }
 
 class Render : public ::testing::Test {
@@ -177,6 +168,51 @@ TEST_F(Render, BadInputEndsWithAMessageAndAnErrorStatus) {
     EXPECT_EQ(
         render({show, "--events", events, "--out", folder + "/x.wav", "--channels", "0"}).status,
         2);
+}
+
+TEST_F(Render, LengthsTimesAndGainsAreCheckedBeforeAnythingIsWritten) {
+    script("0 down 0\n");
+    const QString wav = folder + "/x.wav";
+    const QStringList base{show, "--events", events, "--out", wav};
+    for (const char* seconds : {"nan", "inf", "-1", "1e12"}) {
+        const RenderRun run = render(base + QStringList{"--seconds", seconds});
+        EXPECT_EQ(run.status, 2) << seconds;
+        EXPECT_FALSE(QFile::exists(wav)) << seconds;
+    }
+    EXPECT_TRUE(render(base + QStringList{"--seconds", "1e12"}).err.contains("--allow-long"));
+
+    // An event a day and more away would make the file that long.
+    script("0 down 0\n86400 up 0\n");
+    EXPECT_EQ(render(base).status, 2);
+    EXPECT_FALSE(QFile::exists(wav));
+
+    script("0.5 down 0\n0.2 down 1\n");
+    RenderRun run = render(base);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_TRUE(run.err.contains("2 行目")) << run.err.toStdString();
+
+    // The master is a gain of 0…1 in the window; the script obeys the same bound.
+    for (const char* gain : {"1.5", "1e39", "nan", "-0.5"}) {
+        script(QByteArray("0 master ") + gain + "\n");
+        EXPECT_EQ(render(base).status, 2) << gain;
+    }
+}
+
+TEST_F(Render, MediaThatCannotPlayIsNamedOnTheTerminal) {
+    QFile::remove(folder + "/quarter.wav");
+    QFile broken(folder + "/eighth.wav");
+    broken.open(QIODevice::WriteOnly | QIODevice::Truncate);
+    broken.write("RIFF and nothing more");
+    broken.close();
+    script("0 down 0\n");
+    const QString wav = folder + "/x.wav";
+    const RenderRun run = render({show, "--events", events, "--out", wav, "--seconds", "0.1"});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_TRUE(run.err.contains("メディアを読み込めません: " + folder + "/quarter.wav"))
+        << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains("メディアを読み込めません: " + folder + "/eighth.wav"));
+    EXPECT_FALSE(run.err.contains("half.wav"));
+    EXPECT_TRUE(QFile::exists(wav));
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <jack/jack.h>
 
 JackRecorder::JackRecorder(const std::string& source, int channels, double maxSeconds) {
@@ -43,7 +44,20 @@ void JackRecorder::stop() {
 }
 
 int JackRecorder::process(std::uint32_t frames, void* arg) {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
     auto* self = static_cast<JackRecorder*>(arg);
+    if (self->m_firstSound.load() == 0 && !self->m_ports.empty()) {
+        const auto* in = static_cast<const float*>(jack_port_get_buffer(self->m_ports[0], frames));
+        for (std::uint32_t i = 0; i < frames; ++i) {
+            if (in[i] != 0.0f) {
+                const double host = static_cast<double>(now.tv_sec) * 1e9 +
+                                    static_cast<double>(now.tv_nsec) + i * 1e9 / self->m_rate;
+                self->m_firstSound = static_cast<std::uint64_t>(host);
+                break;
+            }
+        }
+    }
     if (self->m_frames.load() == 0)
         self->m_startFrame = jack_last_frame_time(self->m_client);
     const std::int64_t at = self->m_frames.load();

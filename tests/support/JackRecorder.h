@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,10 @@ public:
     std::uint32_t startFrame() const { return m_startFrame.load(); }
     std::uint32_t frameTime() const;
     double sampleRate() const { return m_rate; }
+    // When the first non-silent sample of channel 0 reached our port, in CLOCK_MONOTONIC
+    // nanoseconds read in that cycle (0 while only silence came): the host clock measured here,
+    // independently of what the program under test believes it is.
+    std::uint64_t firstSoundHostTime() const { return m_firstSound.load(); }
 
 private:
     static int process(std::uint32_t frames, void* self);
@@ -31,6 +36,7 @@ private:
     std::vector<std::vector<float>> m_data;
     std::atomic<std::int64_t> m_frames{0};
     std::atomic<std::uint32_t> m_startFrame{0};
+    std::atomic<std::uint64_t> m_firstSound{0};
     double m_rate = 0.0;
     bool m_connected = false;
 };
