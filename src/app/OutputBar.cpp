@@ -131,11 +131,28 @@ void OutputBar::setDevices(std::vector<AudioOutputDevice> devices) {
         m_devices->addItem(QStringLiteral("%1（見つかりません）").arg(*chosen), *chosen);
         m_devices->setCurrentIndex(m_devices->count() - 1);
     }
+    showActiveDevice();
+}
+
+void OutputBar::showActiveDevice() {
+    const AudioEngine& audio = m_model.audio();
+    // Silence is the one state an operator must never have to guess at.
+    if (audio.activeDevice() == "null") {
+        m_active->setStyleSheet("color: #d03030; font-weight: bold;");
+        m_active->setText(
+            m_model.isOnFallback()
+                ? QStringLiteral("→ 出力なし：音は出ていません（デバイスを待っています）")
+                : QStringLiteral("→ 出力なし：音は出ていません"));
+        return;
+    }
     // What actually plays: the chosen device may have fallen back to the default.
-    m_active->setText(QStringLiteral("→ %1・%2 ch・%3 kHz")
-                          .arg(QString::fromStdString(m_model.audio().deviceName()))
-                          .arg(m_model.audio().channelCount())
-                          .arg(m_model.audio().sampleRate() / 1000.0));
+    m_active->setStyleSheet(m_model.isOnFallback() ? "color: #c08000;" : "color: gray;");
+    m_active->setText(
+        QStringLiteral("→ %1・%2 ch・%3 kHz%4")
+            .arg(QString::fromStdString(audio.deviceName()))
+            .arg(audio.channelCount())
+            .arg(audio.sampleRate() / 1000.0)
+            .arg(m_model.isOnFallback() ? QStringLiteral("（代わりの出力）") : QString()));
 }
 
 void OutputBar::refreshMix() {

@@ -29,6 +29,7 @@ public:
 
 private:
     void listDevices();
+    void showActiveDevice();
     void refreshMix();
 
     AppModel& m_model;

@@ -47,6 +47,15 @@ void AlsaBackend::silenceLibraryMessages() {
     std::call_once(once, [] { snd_lib_error_set_handler(&ignoreAlsaError); });
 }
 
+bool AlsaBackend::canOpen(const std::string& pcmName) {
+    silenceLibraryMessages();
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, pcmName.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
+        return false;
+    snd_pcm_close(pcm);
+    return true;
+}
+
 AlsaBackend::AlsaBackend(std::string pcmName) : m_name(std::move(pcmName)) {}
 
 AlsaBackend::~AlsaBackend() {

@@ -28,6 +28,9 @@ public:
 
     std::int64_t xruns() const { return m_xruns.load(); }
 
+    // Whether the PCM opens now (non-blocking; closed again at once). Any thread.
+    static bool canOpen(const std::string& pcmName);
+
     // alsa-lib prints its errors to stderr; the back end reports failures itself.
     static void silenceLibraryMessages();
 

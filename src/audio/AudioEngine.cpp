@@ -69,6 +69,30 @@ void AudioEngine::start(const std::optional<std::string>& deviceUID) {
     m_deviceName = kSystemDefault;
 }
 
+bool AudioEngine::isOnFallback(const std::optional<std::string>& wanted) const {
+    if (!m_backend)
+        return false;
+    if (wanted) {
+        // "jack:" alone is the first JACK device; the engine names the one it resolved.
+        const bool anyJack = *wanted == "jack:" && m_activeDevice.rfind("jack:", 0) == 0;
+        return m_activeDevice != *wanted && !anyJack;
+    }
+    return m_activeDevice.rfind("jack:", 0) != 0;
+}
+
+bool AudioEngine::canOpen(const std::optional<std::string>& wanted) {
+    if (wanted && *wanted == "null")
+        return true;
+    if (wanted && wanted->rfind("alsa:", 0) == 0)
+        return AlsaBackend::canOpen(wanted->substr(5));
+    const std::string jackDevice =
+        wanted ? wanted->substr(std::min<std::size_t>(5, wanted->size())) : std::string();
+    if (JackBackend::hasPlaybackPorts(jackDevice))
+        return true;
+    // The default also takes ALSA's default device when no JACK server runs.
+    return !wanted && AlsaBackend::canOpen("default");
+}
+
 void AudioEngine::open(std::unique_ptr<AudioBackend> backend, const std::string& uid) {
     backend->start(m_mixer, [this] { sem_post(&m_notices); });
     m_channelCount = std::min<std::int64_t>(backend->channelCount(), Mixer::kMaxOutputs);

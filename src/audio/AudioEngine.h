@@ -52,6 +52,14 @@ public:
     // Main thread, after the device's rate, buffer or presence changed.
     std::function<void()> onConfigurationChange;
 
+    // Whether the engine plays somewhere other than where the operator wants it (`wanted`:
+    // a chosen uid, or none for the system default): the chosen device failed, or the default
+    // ended on the null device or lost its JACK server.
+    bool isOnFallback(const std::optional<std::string>& wanted) const;
+    // Whether the wanted device can be opened now. Opens and closes it (a JACK client, a PCM):
+    // call it off the main thread, and only while isOnFallback. Any thread.
+    static bool canOpen(const std::optional<std::string>& wanted);
+
     // A back end for a uid; throws AudioStartError for a uid of no known kind.
     static std::unique_ptr<AudioBackend> makeBackend(const std::string& uid);
     // What the settings show for a uid ("JACK: system", "ALSA: hw:1", …).

@@ -41,6 +41,16 @@ void JackBackend::silenceLibraryMessages() {
     });
 }
 
+bool JackBackend::hasPlaybackPorts(const std::string& device) {
+    silenceLibraryMessages();
+    jack_client_t* client = jack_client_open("vorlin-probe", JackNoStartServer, nullptr);
+    if (!client)
+        return false;
+    const bool found = !playbackPorts(client, device).empty();
+    jack_client_close(client);
+    return found;
+}
+
 JackBackend::JackBackend(std::string device, std::string clientName)
     : m_device(std::move(device)), m_clientName(std::move(clientName)) {}
 

@@ -33,6 +33,10 @@ public:
     double sampleRate() const override { return m_rate; }
     double latency() const override { return m_latency; }
 
+    // Whether a JACK server runs with physical playback ports of `device` (empty: any). Opens
+    // a client briefly when a server answers. Any thread.
+    static bool hasPlaybackPorts(const std::string& device);
+
     // libjack prints every failed connection attempt to stderr; route its messages nowhere.
     static void silenceLibraryMessages();
 

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cmath>
 
+#include <QCoreApplication>
+#include <QPointer>
+#include <QThreadPool>
+
 #include "audio/AudioStartError.h"
 #include "audio/Routing.h"
 #include "model/KeyboardLayout.h"
@@ -26,12 +30,15 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
         m_engine->setStatusMessage(QStringLiteral("見つからないファイルがあります: ") +
                                    names.join(QStringLiteral("、")));
     });
+    m_deviceRetry.setInterval(kDeviceRetryInterval);
+    connect(&m_deviceRetry, &QTimer::timeout, this, &AppModel::lookForWantedDevice);
     connect(&m_media, &MediaLoader::damaged, this,
             [this](const QString& message) { m_engine->setStatusMessage(message); });
 }
 
 AppModel::~AppModel() {
     m_timer.stop();
+    m_deviceRetry.stop();
     m_audio.stop(); // no render call may reach the mixer while the rest is torn down
 }
 
@@ -88,11 +95,57 @@ void AppModel::restartAudio() {
             }
         }
         m_engine->setOutputChannelCount(m_audio.channelCount());
+        if (isOnFallback())
+            m_deviceRetry.start();
+        else
+            m_deviceRetry.stop();
     }
     mixer.setMasterVolume(m_masterVolume);
     mixer.setMuted(m_mutedOutputs);
     mixer.setToneChannel(m_toneChannel);
     emit audioDeviceChanged();
+}
+
+void AppModel::setOffline(bool offline) {
+    m_offline = offline;
+    if (offline)
+        m_deviceRetry.stop();
+}
+
+std::optional<std::string> AppModel::wantedDevice() const {
+    return m_outputDeviceUID ? std::optional<std::string>(m_outputDeviceUID->toStdString())
+                             : std::nullopt;
+}
+
+bool AppModel::isOnFallback() const {
+    return !m_offline && m_audio.isOnFallback(wantedDevice());
+}
+
+void AppModel::lookForWantedDevice() {
+    if (m_probing || !isOnFallback()) {
+        if (!isOnFallback())
+            m_deviceRetry.stop();
+        return;
+    }
+    // Opening a device may take a moment (a JACK server answering): never on this thread.
+    m_probing = true;
+    QPointer<AppModel> self(this);
+    QThreadPool::globalInstance()->start([self, wanted = wantedDevice()] {
+        const bool back = AudioEngine::canOpen(wanted);
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [self, wanted, back] {
+            if (!self)
+                return;
+            self->m_probing = false;
+            // The operator may have chosen another device meanwhile.
+            if (back && wanted == self->wantedDevice() && self->isOnFallback()) {
+                self->restartAudio();
+                if (!self->isOnFallback())
+                    self->m_engine->setStatusMessage(
+                        QStringLiteral("オーディオ出力が戻りました: ") +
+                        QString::fromStdString(self->m_audio.deviceName()));
+            }
+        });
+    });
 }
 
 void AppModel::setOutputDeviceUID(const std::optional<QString>& uid) {

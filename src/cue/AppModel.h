@@ -40,12 +40,17 @@ public:
 
     // Offline: the mixer is driven by an OfflineRenderer and no device is ever started (the
     // chosen device is still kept, for the show file).
-    void setOffline(bool offline) { m_offline = offline; }
+    void setOffline(bool offline);
     bool isOffline() const { return m_offline; }
 
     // Restarts the audio engine on the chosen device; when that fails, says why in the status
     // line and goes on with the system default. Re-applies master volume, mutes and test tone.
+    // While the engine is on a fallback (the chosen device failed, or the default has no JACK
+    // server or ended on the null device), the wanted device is looked for every second off
+    // the main thread, and the engine returns to it by itself when it is back.
     void restartAudio();
+    // Whether the engine plays elsewhere than the operator wants (see restartAudio).
+    bool isOnFallback() const;
     // The chosen device (none: the system default); choosing restarts the audio.
     const std::optional<QString>& outputDeviceUID() const { return m_outputDeviceUID; }
     void setOutputDeviceUID(const std::optional<QString>& uid);
@@ -110,6 +115,11 @@ signals:
     void mixSettingsChanged();
 
 private:
+    static constexpr std::chrono::milliseconds kDeviceRetryInterval{1000};
+
+    std::optional<std::string> wantedDevice() const;
+    void lookForWantedDevice();
+
     ShowDocument m_document;
     AudioEngine m_audio;
     std::optional<QString> m_outputDeviceUID;
@@ -125,4 +135,7 @@ private:
     ShowEditor m_editor;
     QStringList m_videoOutputs;
     QTimer m_timer;
+    // While the engine plays somewhere else than wanted, looks for the wanted device.
+    QTimer m_deviceRetry;
+    bool m_probing = false;
 };

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <jack/jack.h>
 #include <thread>
 
 #include <QCoreApplication>
@@ -111,6 +112,31 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
     const auto id = *model.cueEngine().cues().front()->voiceID;
     const double before = model.mixer().snapshot().at(id).progress;
     ASSERT_TRUE(pump([&] { return model.mixer().snapshot().at(id).progress > before; }));
+    EXPECT_TRUE(model.isOnFallback());
+
+    // The server comes back: the program's ports reappear by themselves within 2 s.
+    server.reset();
+    server = std::make_unique<JackServer>(8);
+    ASSERT_TRUE(server->ready());
+    const auto back = std::chrono::steady_clock::now();
+    jack_client_t* watcher = jack_client_open("watcher", JackNoStartServer, nullptr);
+    ASSERT_NE(watcher, nullptr);
+    auto ourPorts = [&] {
+        int n = 0;
+        if (const char** ports = jack_get_ports(watcher, "^vorlin[^:]*:out_", nullptr, 0)) {
+            while (ports[n])
+                ++n;
+            jack_free(ports);
+        }
+        return n;
+    };
+    EXPECT_TRUE(pump([&] { return ourPorts() == 8; }, 4000ms));
+    EXPECT_LT(std::chrono::steady_clock::now() - back, 2500ms);
+    jack_client_close(watcher);
+    EXPECT_EQ(model.audio().activeDevice(), "jack:system");
+    EXPECT_FALSE(model.isOnFallback());
+    EXPECT_EQ(model.cueEngine().statusMessage(), "オーディオ出力が戻りました: JACK: system");
+    EXPECT_TRUE(model.isRunning(kA));
 }
 
 TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {
