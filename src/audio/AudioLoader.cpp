@@ -154,14 +154,14 @@ std::vector<PcmBuffer> decodeTracks(const MediaFile& file, const std::vector<int
 
 namespace AudioLoader {
 
-MediaProbe probe(const std::string& path) {
+MediaProbe probe(const std::string& path, const CancelFlag* cancel) {
     MediaProbe result;
     std::error_code error;
     const auto size = std::filesystem::file_size(path, error);
     if (!error)
         result.fileSize = static_cast<std::int64_t>(size);
     try {
-        const MediaFile file(path);
+        const MediaFile file(path, cancel);
         result.duration = file.duration();
         result.audioTracks = static_cast<std::int64_t>(file.audioStreams().size());
         result.hasAudio = result.audioTracks > 0;

@@ -23,8 +23,9 @@ using CancelFlag = std::atomic<bool>;
 // A clip may not need more than this many bytes.
 constexpr double kMaxClipBytes = 1'500'000'000.0;
 
-// What the file holds; never fails (unreadable parts stay 0 / false).
-MediaProbe probe(const std::string& path);
+// What the file holds; never fails (unreadable parts stay 0 / false). A file whose headers
+// take more than 10 s to read is not media; `cancel` ends the probe early.
+MediaProbe probe(const std::string& path, const CancelFlag* cancel = nullptr);
 
 // Decodes every audio track into one clip at targetRate: the tracks' channels in track order,
 // shorter tracks padded with silence. Refuses, before decoding anything, a file whose estimated

@@ -17,6 +17,8 @@ public:
     static inline const std::string kUnknownFormat = "音声フォーマットを判別できません";
     static inline const std::string kTooLarge = "音声が長すぎてメモリに展開できません";
     static inline const std::string kCancelled = "読み込みを中止しました";
+    static inline const std::string kTooSlow =
+        "ファイルの形式を読み取れません（時間がかかりすぎます。壊れている可能性があります）";
 
     static LoadError failed(std::string message) { return {Kind::failed, std::move(message)}; }
     static LoadError tooLarge() { return {Kind::tooLarge, kTooLarge}; }

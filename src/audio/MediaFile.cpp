@@ -8,15 +8,23 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <mutex>
+#include <sys/stat.h>
 
 namespace {
 
+// Opening reads headers only: a real file is through in milliseconds. Damaged ones can make a
+// demuxer walk gigabytes (a cut WAV header before 4 GB of zeros: half an hour of chunk scanning).
+constexpr auto kOpenTimeLimit = std::chrono::seconds(10);
+
 int interruptRequested(void* opaque) {
-    const auto* cancel = static_cast<const std::atomic<bool>*>(opaque);
-    return cancel && cancel->load(std::memory_order_relaxed) ? 1 : 0;
+    const auto* interrupt = static_cast<const MediaFile::Interrupt*>(opaque);
+    if (interrupt->cancel && interrupt->cancel->load(std::memory_order_relaxed))
+        return 1;
+    return interrupt->deadline && std::chrono::steady_clock::now() > *interrupt->deadline ? 1 : 0;
 }
 
 // FFmpeg reports every damaged frame on stderr; the loader turns failures into its own messages.
@@ -52,25 +60,35 @@ const std::int32_t* displayMatrix(const AVStream* stream) {
 
 MediaFile::MediaFile(const std::string& path, const std::atomic<bool>* cancel) {
     quietLibraries();
+    // Regular files only: a FIFO or a device would block the first read for ever.
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))
+        throw LoadError::failed(LoadError::kReadFailed);
     m_context = avformat_alloc_context();
     if (!m_context)
         throw LoadError::failed(LoadError::kNoBuffer);
+    m_interrupt.cancel = cancel;
+    m_interrupt.deadline = std::chrono::steady_clock::now() + kOpenTimeLimit;
     m_context->interrupt_callback.callback = &interruptRequested;
-    m_context->interrupt_callback.opaque = const_cast<std::atomic<bool>*>(cancel);
+    m_context->interrupt_callback.opaque = &m_interrupt;
+    auto failure = [&] {
+        if (cancel && cancel->load())
+            return LoadError::cancelled();
+        if (std::chrono::steady_clock::now() > *m_interrupt.deadline)
+            return LoadError::failed(LoadError::kTooSlow);
+        return LoadError::failed(LoadError::kReadFailed);
+    };
 
     // On failure avformat_open_input frees the context and nulls the pointer.
-    if (avformat_open_input(&m_context, path.c_str(), nullptr, nullptr) < 0) {
-        if (cancel && cancel->load())
-            throw LoadError::cancelled();
-        throw LoadError::failed(LoadError::kReadFailed);
-    }
+    if (avformat_open_input(&m_context, path.c_str(), nullptr, nullptr) < 0)
+        throw failure();
     if (avformat_find_stream_info(m_context, nullptr) < 0) {
-        const bool cancelled = cancel && cancel->load();
+        const LoadError error = failure();
         avformat_close_input(&m_context);
-        if (cancelled)
-            throw LoadError::cancelled();
-        throw LoadError::failed(LoadError::kReadFailed);
+        throw error;
     }
+    // Decoding a long file takes as long as it takes; only the cancel flag ends it.
+    m_interrupt.deadline.reset();
 
     const bool stillImage = isStillImageFormat(m_context->iformat);
     for (unsigned i = 0; i < m_context->nb_streams; ++i) {

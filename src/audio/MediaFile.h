@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,7 +15,15 @@ struct AVStream;
 // thread: blocking reads inside FFmpeg then give up, and the owner's loop checks it too.
 class MediaFile {
 public:
-    // Throws LoadError: "読み込みに失敗しました" when the file is not readable media, or
+    // What FFmpeg's blocking reads check: the caller's cancel flag, and while opening a time
+    // limit. Internal; public for the C callback.
+    struct Interrupt {
+        const std::atomic<bool>* cancel = nullptr;
+        std::optional<std::chrono::steady_clock::time_point> deadline;
+    };
+
+    // Throws LoadError: "読み込みに失敗しました" when the file is not readable media or not a
+    // regular file (a FIFO), kTooSlow when its headers cannot be read within 10 s, or
     // cancelled when the flag is set while opening.
     explicit MediaFile(const std::string& path, const std::atomic<bool>* cancel = nullptr);
     ~MediaFile();
@@ -35,6 +45,7 @@ public:
     void videoSize(int index, double& width, double& height) const;
 
 private:
+    Interrupt m_interrupt;
     AVFormatContext* m_context = nullptr;
     std::vector<int> m_audioStreams;
     int m_videoStream = -1;

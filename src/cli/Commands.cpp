@@ -204,9 +204,12 @@ int probe(const QStringList& files, QTextStream& out, QTextStream& err) {
     int status = 0;
     for (const QString& file : files) {
         const QFileInfo info(file);
-        const MediaProbe probe = AudioLoader::probe(info.absoluteFilePath().toStdString());
+        // A FIFO or a device is not probed at all: its first read could block for ever.
+        const bool readable = info.isFile() && info.isReadable();
+        const MediaProbe probe =
+            readable ? AudioLoader::probe(info.absoluteFilePath().toStdString()) : MediaProbe{};
         QJsonObject entry = probeJson(info.absoluteFilePath(), probe);
-        if (!info.isFile() || !info.isReadable()) {
+        if (!readable) {
             entry["error"] = QStringLiteral("ファイルを読めません");
             err << "ファイルを読めません: " << file << "\n";
             status = 1;

@@ -21,7 +21,9 @@ MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFl
         return info;
     }
     const std::string file = path.toStdString();
-    info.probe = AudioLoader::probe(file);
+    info.probe = AudioLoader::probe(file, cancel);
+    if (cancel && cancel->load())
+        return info;
     if (!info.probe.hasAudio && !info.probe.hasVideo) {
         info.error = QStringLiteral("再生できないファイルです");
         return info;

@@ -1,4 +1,6 @@
+#include <cmath>
 #include <gtest/gtest.h>
+#include <limits>
 
 #include "MixerTestSupport.h"
 
@@ -31,6 +33,23 @@ TEST(AudioClip, LongClipHas1500BinsCoveringEveryFrameClampedToOne) {
 TEST(AudioClip, EmptyClipHasNoPeaksAndUnequalChannelsAreRefused) {
     EXPECT_TRUE(makeClip({std::vector<float>{}})->peaks.empty());
     EXPECT_THROW(makeClip({std::vector<float>(3), std::vector<float>(4)}), std::invalid_argument);
+}
+
+TEST(AudioClip, DamagedSamplesAreSilencedAndCountedWhatAFileHolds) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    std::vector<float> left{0.5f, nan, -inf, 1.5f, -8.0f, 8.5f, 225.0f, -0.25f};
+    std::vector<float> right{inf, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, -1e30f};
+    auto clip = makeClip({left, right});
+    EXPECT_EQ(clip->damagedSamples, 6); // NaN, ±inf, 8.5, 225, −1e30; a decoder's 1.5 and −8 stay
+    const std::vector<float> kept{0.5f, 0.0f, 0.0f, 1.5f, -8.0f, 0.0f, 0.0f, -0.25f};
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        EXPECT_EQ(clip->channels[0][i], kept[i]) << i;
+        EXPECT_TRUE(std::isfinite(clip->channels[1][i])) << i;
+    }
+    EXPECT_EQ(clip->channels[1][7], 0.0f);
+    EXPECT_EQ(clip->peaks[3], 1.0f);
+    EXPECT_EQ(makeClip({std::vector<float>(5000, -1.0f)})->damagedSamples, 0);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include "MediaFixtures.h"
@@ -279,6 +280,49 @@ TEST_F(AudioLoaderTest, CancellingStopsALongDecodeQuickly) {
     const auto took = std::chrono::steady_clock::now() - started;
     EXPECT_EQ(outcome, "cancelled");
     EXPECT_LT(took, std::chrono::milliseconds(400));
+}
+
+TEST_F(AudioLoaderTest, NeitherAPipeNorAHugeDamagedFileHoldsALoadThatIsCancelled) {
+    // A FIFO with no writer would block the first read for ever.
+    const auto pipe = dir.file("pipe.wav");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_FALSE(AudioLoader::probe(pipe).hasAudio);
+    EXPECT_EQ(loadErrorOf(pipe), "読み込みに失敗しました");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(500));
+
+    // A cut WAV header before 4 GB of zeros (a sparse file): the demuxer walks the zeros as
+    // chunk headers. A cancel ends it at once, also while it is still only probing.
+    const auto sparse = dir.file("sparse.wav");
+    const auto full = make("real.wav", "pcm_s16le", {{2, 48000, 1.0}});
+    std::ifstream in(full, std::ios::binary);
+    std::string header(44, '\0');
+    in.read(header.data(), 44);
+    writeBytes(sparse, header);
+    std::filesystem::resize_file(sparse, 4ull << 30);
+    for (const bool probing : {true, false}) {
+        AudioLoader::CancelFlag cancel{false};
+        std::thread stopper([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            cancel = true;
+        });
+        const auto began = std::chrono::steady_clock::now();
+        std::string outcome = "finished";
+        try {
+            if (probing)
+                AudioLoader::probe(sparse, &cancel);
+            else
+                AudioLoader::loadClip(sparse, 48000.0, MediaProbe{}, &cancel);
+        } catch (const LoadError& error) {
+            outcome = error.kind() == LoadError::Kind::cancelled ? "cancelled" : error.message();
+        }
+        stopper.join();
+        const auto took = std::chrono::steady_clock::now() - began;
+        EXPECT_GT(took, std::chrono::milliseconds(150)) << probing; // it was really busy
+        EXPECT_LT(took, std::chrono::milliseconds(700)) << probing;
+        if (!probing)
+            EXPECT_EQ(outcome, "cancelled");
+    }
 }
 
 TEST(AudioLoaderFormat, LayoutIsKeptWhenItFitsElseDiscreteOrMonoStereo) {

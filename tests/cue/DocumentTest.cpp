@@ -4,9 +4,12 @@
 #include <sys/resource.h>
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
+#include "MediaFixtures.h"
 #include "TempDir.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
@@ -210,6 +213,9 @@ TEST_F(Document, ReadRulesForPagesCurrentPageAndKeyStrings) {
     write(path, withTop(three, "7"));
     model.open(path);
     EXPECT_EQ(model.document().currentPage, 2u);
+    // Dropped, and the operator told so: the next save will not write them.
+    EXPECT_EQ(model.cueEngine().statusMessage(),
+              "キーとして読めない項目を読み飛ばしました: 300000、abc");
     ASSERT_EQ(model.document().assignments.size(), 1u);
     EXPECT_EQ(model.document().assignments.begin()->first, 12);
     const KeyAssignment& defaults = model.document().assignments.at(12);
@@ -241,6 +247,93 @@ TEST_F(Document, ABadFileFailsWholeAndLeavesTheModelUntouched) {
         EXPECT_TRUE(error.message().startsWith("JSON として読めません"));
     }
     EXPECT_THROW(model.open(folder + "/missing.vorlin"), DocumentError);
+
+    auto messageOf = [&](const QByteArray& bytes) {
+        write(path, bytes);
+        try {
+            model.open(path);
+        } catch (const DocumentError& error) {
+            return error.message();
+        }
+        return QString("opened");
+    };
+    EXPECT_EQ(messageOf("[]"),
+              "キーマップの形式ではありません（JSON のオブジェクトではありません）");
+    // A number no operator could have set names its page and key, and nothing is opened.
+    QByteArray loud = sampleFile(folder);
+    loud.replace(loud.lastIndexOf("\"volume\": 1"), 11, "\"volume\": 1e18");
+    EXPECT_EQ(messageOf(loud),
+              "ページ「ページ 1」のキー A（0）: 「volume」の値が範囲外です（0〜3.98107）");
+    QByteArray master = sampleFile(folder);
+    master.replace("\"masterVolume\": 1", "\"masterVolume\": 1e39");
+    EXPECT_EQ(messageOf(master), "「masterVolume」の値が範囲外です（0〜1）");
+    QByteArray fade = sampleFile(folder);
+    fade.replace(fade.indexOf("\"fadeIn\": 0"), 11, "\"fadeIn\": -2");
+    EXPECT_EQ(messageOf(fade), "キー A（0）: 「fadeIn」の値が範囲外です（0〜60）");
+    QByteArray muted = sampleFile(folder);
+    muted.replace("\"mutedOutputs\": [", "\"mutedOutputs\": [65");
+    EXPECT_EQ(messageOf(muted), "「mutedOutputs」の値が範囲外です（1〜64）");
+    EXPECT_EQ(model.document().assignments.at(0).path, "/show/keep.wav");
+}
+
+TEST_F(Document, SavingKeepsPermissionsFollowsLinksAndLeavesNoTemporaries) {
+    AppModel model;
+    model.document().assignments[0] = KeyAssignment(folder + "/intro.wav", 0);
+    const QString real = folder + "/private.vorlin";
+    model.save(real);
+    ASSERT_TRUE(QFile::setPermissions(real, QFile::ReadOwner | QFile::WriteOwner));
+    const QString link = folder + "/current.vorlin";
+    ASSERT_TRUE(QFile::link(real, link));
+    model.document().assignments[1] = KeyAssignment(folder + "/second.wav", 1);
+    model.save(link);
+    EXPECT_TRUE(QFileInfo(link).isSymLink());
+    EXPECT_TRUE(read(real).contains("second.wav"));
+    EXPECT_EQ(QFile::permissions(real),
+              QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+
+    // A save killed between writing and renaming leaves its temporary; opening cleans it up
+    // once it is old enough not to be another instance's save under way.
+    const QString stale = real + ".saving-Ab12Cd";
+    const QString fresh = real + ".saving-Ef34Gh";
+    write(stale, "{");
+    write(fresh, "{");
+    QFile staleFile(stale);
+    staleFile.open(QIODevice::ReadWrite);
+    staleFile.setFileTime(QDateTime::currentDateTime().addSecs(-60),
+                          QFileDevice::FileModificationTime);
+    staleFile.close();
+    model.open(link);
+    EXPECT_FALSE(QFile::exists(stale));
+    EXPECT_TRUE(QFile::exists(fresh));
+    EXPECT_EQ(QDir(folder).entryList(QDir::Files).size(), 3); // the show, the link, the fresh one
+}
+
+TEST_F(Document, OneFileOnThousandsOfKeysIsLoadedOnce) {
+    AppModel model;
+    model.setOffline(true);
+    const QString file = folder + "/tone.wav";
+    ASSERT_TRUE(MediaFixtures::write(file.toStdString(), "pcm_s16le", {{1, 48000, 0.5}}));
+    KeyPage second;
+    second.name = "2";
+    for (KeyCode code = 0; code < 1500; ++code) {
+        model.document().assignments[code] = KeyAssignment(file, 0);
+        second.keys[code] = KeyAssignment(file, 0);
+    }
+    model.document().pages.push_back(second);
+    model.save(folder + "/many.vorlin");
+    int changes = 0;
+    QObject::connect(&model.media(), &MediaLoader::mediaChanged, [&] { ++changes; });
+    model.open(folder + "/many.vorlin");
+    // Every forced load of the same entry would cancel the one before: one load, not 3000.
+    EXPECT_EQ(model.media().pending(), 1);
+    while (model.media().pending() > 0)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    EXPECT_EQ(changes, 2); // started, finished
+    ASSERT_EQ(model.document().media.size(), 1u);
+    const MediaInfo* first = model.document().mediaFor(model.document().assignments.at(0));
+    ASSERT_TRUE(first && first->clip);
+    EXPECT_EQ(model.document().mediaFor(model.document().pages[1].keys.at(1499))->clip,
+              first->clip);
 }
 
 TEST_F(Document, AMovedShowFolderFindsItsMediaThroughRelativePaths) {
