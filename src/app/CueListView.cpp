@@ -99,9 +99,14 @@ void CueListView::refresh() {
         item->setText(row.slideText.value_or(QString()));
         item->setToolTip(row.itemName.value_or(QString()));
         QTableWidgetItem* progress = cell(progressColumn);
-        progress->setData(kProgressRole, row.progress);
-        progress->setData(kPositionRole, row.position ? QVariant(*row.position) : QVariant());
-        progress->setData(kDurationRole, row.duration);
+        // Progress moves every tick; the bar only when it grows by a pixel or its text changes.
+        const QString shown = shownProgress(row);
+        if (progress->data(kShownRole).toString() != shown) {
+            progress->setData(kShownRole, shown);
+            progress->setData(kProgressRole, row.progress);
+            progress->setData(kPositionRole, row.position ? QVariant(*row.position) : QVariant());
+            progress->setData(kDurationRole, row.duration);
+        }
         if (!sameCues) {
             auto* stop = new QPushButton(QStringLiteral("停止"), this);
             stop->setFocusPolicy(Qt::NoFocus);
@@ -110,6 +115,14 @@ void CueListView::refresh() {
             setCellWidget(r, stopColumn, stop);
         }
     }
+}
+
+QString CueListView::shownProgress(const CueRow& row) const {
+    const double width = std::max(columnWidth(progressColumn) - 8, 1);
+    const double fraction = std::clamp(row.position ? *row.position : row.progress, 0.0, 1.0);
+    const QString text = row.position ? clock(fraction * row.duration) + " / " + clock(row.duration)
+                                      : QString::number(std::lround(row.progress * 100));
+    return QString::number(std::lround(fraction * width)) + QLatin1Char('|') + text;
 }
 
 void CueListView::seekAt(const QPoint& point) {

@@ -5,6 +5,8 @@
 
 #include <QTableWidget>
 
+#include "cue/CueRow.h"
+
 class AppModel;
 
 // The running cues, one row per CueRow in start order: name (↘ while it fades out), the page it
@@ -22,6 +24,8 @@ public:
     static constexpr int kProgressRole = Qt::UserRole;
     static constexpr int kPositionRole = Qt::UserRole + 1;
     static constexpr int kDurationRole = Qt::UserRole + 2;
+    // What the bar shows, in pixels and text: the cell is repainted only when this changes.
+    static constexpr int kShownRole = Qt::UserRole + 3;
 
     explicit CueListView(AppModel& model, QWidget* parent = nullptr);
 
@@ -32,6 +36,7 @@ protected:
 
 private:
     void refresh();
+    QString shownProgress(const CueRow& row) const;
     void seekAt(const QPoint& point);
 
     AppModel& m_model;

@@ -1,9 +1,13 @@
 #include "app/KeyboardView.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QMimeData>
 #include <QMouseEvent>
+#include <QPaintEvent>
 #include <QPainter>
 #include <QPainterPath>
 
@@ -14,12 +18,42 @@ KeyboardView::KeyboardView(AppModel& model, QWidget* parent) : QWidget(parent), 
     setFocusPolicy(Qt::NoFocus);
     setAcceptDrops(true);
     setMinimumSize(700, 260);
-    // Progress and lit keys change with the tick; assignments with edits.
-    connect(&model.live(), &LiveState::progressChanged, this, qOverload<>(&QWidget::update));
-    connect(&model, &AppModel::assignmentsChanged, this, qOverload<>(&QWidget::update));
+    // Progress and lit keys change with the tick: only the cells whose drawing changes are
+    // repainted. Assignments and the selection change with edits: everything is.
+    connect(&model.live(), &LiveState::progressChanged, this, [this] { liveChanged(false); });
+    connect(&model.live(), &LiveState::cuesChanged, this, [this] { liveChanged(false); });
+    connect(&model, &AppModel::assignmentsChanged, this, [this] { liveChanged(true); });
     connect(&model.cueEngine(), &CueEngine::selectedKeyChanged, this,
-            qOverload<>(&QWidget::update));
-    connect(&model.live(), &LiveState::cuesChanged, this, qOverload<>(&QWidget::update));
+            [this] { liveChanged(true); });
+}
+
+KeyboardView::LiveLook KeyboardView::lookOf(const Cell& cell) const {
+    const KeyCode code = cell.spec->code;
+    if (!m_model.document().assignments.count(code) || !m_model.isRunning(code))
+        return {};
+    const auto& progress = m_model.live().progress();
+    const double done = progress.count(code) ? std::clamp(progress.at(code), 0.0, 1.0) : 0.0;
+    return {true, static_cast<int>(std::lround(progressWidth(cell) * done))};
+}
+
+double KeyboardView::progressWidth(const Cell& cell) {
+    return cell.rect.width() - 4 - 8; // the cell's inset, then the bar's
+}
+
+void KeyboardView::liveChanged(bool everything) {
+    if (m_cells.empty())
+        layoutCells();
+    for (const Cell& cell : m_cells) {
+        if (cell.spec->kind != KeySpec::Kind::key)
+            continue;
+        const LiveLook look = lookOf(cell);
+        LiveLook& shown = m_shown[cell.spec->code];
+        if (look != shown && !everything)
+            update(cell.rect.toAlignedRect().adjusted(-1, -1, 1, 1));
+        shown = look;
+    }
+    if (everything)
+        update();
 }
 
 void KeyboardView::resizeEvent(QResizeEvent*) {
@@ -64,18 +98,19 @@ QRectF KeyboardView::cellRect(KeyCode code) const {
     return {};
 }
 
-void KeyboardView::paintEvent(QPaintEvent*) {
+void KeyboardView::paintEvent(QPaintEvent* event) {
     if (m_cells.empty())
         layoutCells();
     QPainter p(this);
     p.setRenderHint(QPainter::Antialiasing);
-    p.fillRect(rect(), QColor(30, 31, 34));
+    p.fillRect(event->rect(), QColor(30, 31, 34));
     const auto& keys = m_model.document().assignments;
     const auto& progress = m_model.live().progress();
     const auto selected = m_model.document().selectedKey;
     for (const Cell& cell : m_cells) {
         const KeySpec& spec = *cell.spec;
-        if (spec.kind == KeySpec::Kind::gap)
+        if (spec.kind == KeySpec::Kind::gap ||
+            !event->region().intersects(cell.rect.toAlignedRect()))
             continue;
         const QRectF r = cell.rect.adjusted(2, 2, -2, -2);
         QColor fill(58, 60, 66);
@@ -105,8 +140,9 @@ void KeyboardView::paintEvent(QPaintEvent*) {
             p.drawPath(path);
             const double done =
                 progress.count(spec.code) ? std::clamp(progress.at(spec.code), 0.0, 1.0) : 0.0;
-            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, r.width() - 8, 5), fill.darker(170));
-            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, (r.width() - 8) * done, 5), ink);
+            const double bar = progressWidth(cell);
+            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, bar, 5), fill.darker(170));
+            p.fillRect(QRectF(r.left() + 4, r.bottom() - 9, std::round(bar * done), 5), ink);
         }
         if (selected && spec.kind == KeySpec::Kind::key && *selected == spec.code) {
             p.setPen(QPen(QColor(255, 214, 10), 2.5));

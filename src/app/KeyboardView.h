@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <vector>
 
 #include <QRectF>
@@ -34,12 +35,24 @@ protected:
     void dropEvent(QDropEvent* event) override;
 
 private:
-    void layoutCells();
-
-    AppModel& m_model;
     struct Cell {
         const KeySpec* spec;
         QRectF rect;
     };
+    // What the tick can change in a key's cell, in pixels: a cell is repainted only when this
+    // changes, so a long cue's bar costs a repaint per pixel it grows, not 30 a second.
+    struct LiveLook {
+        bool running = false;
+        int progressPixels = 0;
+        bool operator==(const LiveLook&) const = default;
+    };
+
+    void layoutCells();
+    LiveLook lookOf(const Cell& cell) const;
+    static double progressWidth(const Cell& cell);
+    void liveChanged(bool everything);
+
+    AppModel& m_model;
     std::vector<Cell> m_cells;
+    std::map<KeyCode, LiveLook> m_shown;
 };

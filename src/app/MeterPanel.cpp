@@ -8,6 +8,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QMouseEvent>
+#include <QPaintEvent>
 #include <QPainter>
 #include <QPushButton>
 #include <QVBoxLayout>
@@ -16,8 +17,9 @@
 #include "model/KeyboardLayout.h"
 #include "model/Prefs.h"
 
-// The bars themselves: painted, since 64 outputs of widgets would not fit, and redrawn only when
-// the live state publishes meters (30 times a second).
+// The bars themselves: painted, since 64 outputs of widgets would not fit. The live state
+// publishes meters 30 times a second; a bar is repainted only when its lit height moved by a
+// pixel, so silence costs nothing and a steady tone little.
 class MeterBars : public QWidget {
 public:
     static constexpr int kLabelHeight = 18;
@@ -25,11 +27,24 @@ public:
     MeterBars(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
         setFocusPolicy(Qt::NoFocus);
         setMinimumSize(160, 160);
-        connect(&model.live(), &LiveState::metersChanged, this, qOverload<>(&QWidget::update));
-        connect(&model, &AppModel::mixSettingsChanged, this, qOverload<>(&QWidget::update));
+        connect(&model.live(), &LiveState::metersChanged, this, [this] {
+            if (!sources)
+                levelsChanged(m_model.live().meters());
+        });
+        connect(&model.live(), &LiveState::sourceMetersChanged, this, [this] {
+            if (sources)
+                sourceLevelsChanged();
+        });
+        connect(&model, &AppModel::mixSettingsChanged, this, &MeterBars::redrawAll);
     }
 
     bool sources = false;
+
+    void redrawAll() {
+        m_shown.clear();
+        m_shownSources.clear();
+        update();
+    }
 
     QRect muteRect(int channel) const {
         const int count = static_cast<int>(m_model.live().meters().size());
@@ -40,14 +55,16 @@ public:
     }
 
 protected:
-    void paintEvent(QPaintEvent*) override {
+    void paintEvent(QPaintEvent* event) override {
         QPainter p(this);
-        p.fillRect(rect(), QColor(24, 25, 28));
+        p.fillRect(event->rect(), QColor(24, 25, 28));
         if (sources)
             paintSources(p);
         else
-            paintOutputs(p);
+            paintOutputs(p, event->region());
     }
+
+    void resizeEvent(QResizeEvent*) override { redrawAll(); }
 
     void mousePressEvent(QMouseEvent* event) override {
         if (sources)
@@ -64,10 +81,56 @@ protected:
     }
 
 private:
+    static double decibels(float level) { return level > 1e-6f ? 20.0 * std::log10(level) : -60.0; }
+
+    // How many pixels of a bar of `height` a level lights.
+    static int litPixels(double height, float level) {
+        return static_cast<int>(
+            std::lround(height * std::clamp((decibels(level) + 60.0) / 60.0, 0.0, 1.0)));
+    }
+
+    QRectF barArea(int channel, int count) const {
+        const double w = static_cast<double>(width()) / count;
+        const double gap = w > 8 ? 2 : 0.5;
+        return QRectF(channel * w + gap, 4, w - 2 * gap, height() - kLabelHeight - 8);
+    }
+
+    void levelsChanged(const std::vector<float>& meters) {
+        const int count = static_cast<int>(meters.size());
+        if (m_shown.size() != meters.size()) {
+            m_shown.assign(meters.size(), -1);
+            update();
+        }
+        for (int c = 0; c < count; ++c) {
+            const QRectF area = barArea(c, count);
+            const int lit = litPixels(area.height(), meters[static_cast<std::size_t>(c)]);
+            if (lit != m_shown[static_cast<std::size_t>(c)]) {
+                m_shown[static_cast<std::size_t>(c)] = lit;
+                update(area.toAlignedRect());
+            }
+        }
+    }
+
+    // Source bars come and go with the playing keys; the whole view is redrawn when any of
+    // them moved by a pixel.
+    void sourceLevelsChanged() {
+        std::vector<int> lit;
+        const double height = this->height() - kLabelHeight - 8;
+        for (const auto& [code, levels] : m_model.live().sourceMeters()) {
+            lit.push_back(-static_cast<int>(code) - 1);
+            for (float level : levels)
+                lit.push_back(litPixels(height, level));
+        }
+        if (lit != m_shownSources) {
+            m_shownSources = std::move(lit);
+            update();
+        }
+    }
+
     // −60 … 0 dB over the height, lit in three zones as on a desk: green below −18 dB, yellow up
     // to −3 dB, red above.
     static void bar(QPainter& p, const QRectF& area, float level) {
-        const double db = level > 1e-6f ? 20.0 * std::log10(level) : -60.0;
+        const double db = decibels(level);
         const auto heightAt = [&area](double dB) {
             return area.height() * std::clamp((dB + 60.0) / 60.0, 0.0, 1.0);
         };
@@ -86,7 +149,7 @@ private:
         }
     }
 
-    void paintOutputs(QPainter& p) {
+    void paintOutputs(QPainter& p, const QRegion& region) {
         const auto& meters = m_model.live().meters();
         if (meters.empty())
             return;
@@ -98,9 +161,9 @@ private:
         const auto& muted = m_model.mutedOutputs();
         const auto tone = m_model.toneChannel();
         for (int c = 0; c < count; ++c) {
-            const double gap = w > 8 ? 2 : 0.5;
-            bar(p, QRectF(c * w + gap, 4, w - 2 * gap, height() - kLabelHeight - 8),
-                meters[static_cast<std::size_t>(c)]);
+            if (!region.intersects(QRectF(c * w, 0, w, height()).toAlignedRect()))
+                continue;
+            bar(p, barArea(c, count), meters[static_cast<std::size_t>(c)]);
             const QRect mute = muteRect(c);
             const bool isMuted = muted.count(c) > 0;
             p.fillRect(mute, isMuted ? QColor(200, 50, 50) : QColor(58, 60, 66));
@@ -143,6 +206,8 @@ private:
     }
 
     AppModel& m_model;
+    std::vector<int> m_shown;        // lit pixels of each output bar as last drawn
+    std::vector<int> m_shownSources; // key codes and lit pixels of the source bars
 };
 
 MeterPanel::MeterPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
@@ -174,10 +239,6 @@ MeterPanel::MeterPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_mo
     m_bars->sources = Prefs::value(Prefs::kMeterMode).toString() == QStringLiteral("source");
     m_sourceMode->setChecked(m_bars->sources);
     m_outputMode->setChecked(!m_bars->sources);
-    connect(&model.live(), &LiveState::sourceMetersChanged, this, [this] {
-        if (m_bars->sources)
-            m_bars->update();
-    });
     connect(m_tone, &QComboBox::activated, this, [this](int) {
         const QVariant channel = m_tone->currentData();
         m_model.setToneChannel(channel.isValid() ? std::optional<std::int64_t>(channel.toLongLong())
@@ -198,7 +259,7 @@ void MeterPanel::setShowsSources(bool sources) {
     m_outputMode->setChecked(!sources);
     Prefs::setValue(Prefs::kMeterMode,
                     sources ? QStringLiteral("source") : QStringLiteral("output"));
-    m_bars->update();
+    m_bars->redrawAll();
 }
 
 QRect MeterPanel::muteRect(int channel) const {

@@ -16,24 +16,55 @@ void WaveformView::setPeaks(std::vector<float> peaks, const QString& emptyText) 
         return;
     m_peaks = std::move(peaks);
     m_emptyText = emptyText;
+    m_shape = QPixmap();
     update();
 }
 
+int WaveformView::lineX(double position) const {
+    return position < 0.0 ? -1
+                          : static_cast<int>(std::lround(std::clamp(position, 0.0, 1.0) *
+                                                         (std::max(width(), 1) - 1)));
+}
+
 void WaveformView::setPosition(double position) {
-    if (position == m_position)
-        return;
+    const int from = lineX(m_position), to = lineX(position);
     m_position = position;
-    update();
+    // The tick moves the line 30 times a second; only the strips it leaves and enters are
+    // redrawn, and only when it moved by a pixel.
+    if (from == to)
+        return;
+    for (const int x : {from, to})
+        if (x >= 0)
+            update(QRect(x - 2, 0, 5, height()));
+}
+
+void WaveformView::resizeEvent(QResizeEvent*) {
+    m_shape = QPixmap();
 }
 
 void WaveformView::paintEvent(QPaintEvent*) {
     QPainter p(this);
-    p.fillRect(rect(), QColor(24, 25, 28));
     if (m_peaks.empty()) {
+        p.fillRect(rect(), QColor(24, 25, 28));
         p.setPen(QColor(150, 150, 155));
         p.drawText(rect(), Qt::AlignCenter, m_emptyText);
         return;
     }
+    if (m_shape.size() != size() * devicePixelRatioF())
+        drawShape();
+    p.drawPixmap(0, 0, m_shape);
+    if (m_position >= 0.0) {
+        const double x = lineX(m_position);
+        p.setPen(QPen(QColor(255, 210, 80), 2));
+        p.drawLine(QPointF(x, 0), QPointF(x, height()));
+    }
+}
+
+void WaveformView::drawShape() {
+    m_shape = QPixmap(size() * devicePixelRatioF());
+    m_shape.setDevicePixelRatio(devicePixelRatioF());
+    QPainter p(&m_shape);
+    p.fillRect(rect(), QColor(24, 25, 28));
     // One column per pixel: the largest peak of the bins that fall on it, mirrored round the
     // middle line, so a 1500-bin overview reads the same at any width.
     const int w = std::max(width(), 1);
@@ -56,11 +87,6 @@ void WaveformView::paintEvent(QPaintEvent*) {
     shape.closeSubpath();
     p.setRenderHint(QPainter::Antialiasing);
     p.fillPath(shape, QColor(90, 170, 230));
-    if (m_position >= 0.0) {
-        const double x = std::clamp(m_position, 0.0, 1.0) * (w - 1);
-        p.setPen(QPen(QColor(255, 210, 80), 2));
-        p.drawLine(QPointF(x, 0), QPointF(x, height()));
-    }
 }
 
 void WaveformView::seekTo(const QMouseEvent& event) {

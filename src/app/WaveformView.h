@@ -3,6 +3,7 @@
 #include <functional>
 #include <vector>
 
+#include <QPixmap>
 #include <QWidget>
 
 // The selected key's sound as an overview, drawn from the clip's peaks, with the play position
@@ -26,12 +27,18 @@ public:
 
 protected:
     void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
 
 private:
     void seekTo(const QMouseEvent& event);
+    // The pixel column of the play line (−1: none).
+    int lineX(double position) const;
+    // Renders the overview into m_shape, which is drawn as it is until peaks or size change.
+    void drawShape();
 
+    QPixmap m_shape;
     std::vector<float> m_peaks;
     QString m_emptyText;
     double m_position = -1.0;

@@ -143,8 +143,13 @@ int JackBackend::process(std::uint32_t frames, void* arg) {
     self->m_mixer->render(frames, AudioTimeStamp{self->toHostTime(currentUsecs, began), valid},
                           self->m_buffers);
     const std::uint64_t took = HostTime::now() - began;
+    const std::uint64_t waited = self->m_mixer->lastLockWait();
     if (took > self->m_longestCycle.load(std::memory_order_relaxed))
         self->m_longestCycle.store(took, std::memory_order_relaxed);
+    if (waited > self->m_longestLockWait.load(std::memory_order_relaxed))
+        self->m_longestLockWait.store(waited, std::memory_order_relaxed);
+    if (took - waited > self->m_longestMix.load(std::memory_order_relaxed))
+        self->m_longestMix.store(took - waited, std::memory_order_relaxed);
     return 0;
 }
 

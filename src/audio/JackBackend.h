@@ -49,6 +49,10 @@ public:
     // The longest our process callback took, in seconds, since start (the mix's share of a
     // period: whether an xrun was ours or the system's).
     double longestCycle() const { return static_cast<double>(m_longestCycle.load()) * 1e-9; }
+    // Of the cycles since start: the longest wait for the mixer lock, and the longest mix
+    // without that wait, in seconds.
+    double longestLockWait() const { return static_cast<double>(m_longestLockWait.load()) * 1e-9; }
+    double longestMix() const { return static_cast<double>(m_longestMix.load()) * 1e-9; }
 
 private:
     static int process(std::uint32_t frames, void* self);
@@ -74,6 +78,8 @@ private:
     std::atomic<std::int64_t> m_xruns{0};
     std::atomic<bool> m_serverGone{false};
     std::atomic<std::uint64_t> m_longestCycle{0};
+    std::atomic<std::uint64_t> m_longestLockWait{0};
+    std::atomic<std::uint64_t> m_longestMix{0};
 
     // Process thread only: host time − JACK time, in nanoseconds.
     static constexpr std::uint64_t kTrustedReading = 20'000; // ns

@@ -272,7 +272,9 @@ void Mixer::render(std::int64_t n, const AudioTimeStamp& timestamp,
     for (int c = outCount; c < kMaxOutputs; ++c)
         m_outs[c] = nullptr;
 
+    const std::uint64_t asked = HostTime::now();
     std::lock_guard guard(m_lock);
+    m_lastLockWait = HostTime::now() - asked;
     const std::uint64_t blockHost = timestamp.hostTime;
     const bool hostValid = timestamp.hostTimeValid;
     const double sr = m_sampleRate;

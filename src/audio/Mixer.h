@@ -99,6 +99,10 @@ public:
     void render(std::int64_t frameCount, const AudioTimeStamp& timestamp,
                 AudioBufferList bufferList) noexcept;
 
+    // Render thread only: nanoseconds the last render waited for the lock (for the engine's
+    // cycle statistics: whether a long cycle was the mix or the control thread).
+    std::uint64_t lastLockWait() const { return m_lastLockWait; }
+
 private:
     // Frames per pass of the two-pass voice mix; the scratch arrays hold one pass.
     static constexpr std::int64_t kChunk = 1024;
@@ -126,6 +130,7 @@ private:
 
     // Render thread only, outside the lock.
     std::array<float*, kMaxOutputs> m_outs{};
+    std::uint64_t m_lastLockWait = 0;
     std::vector<std::vector<float>> m_virtualBuffers;
 
     // Render thread only, under the lock: one pass of per-frame read positions and gains.
