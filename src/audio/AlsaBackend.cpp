@@ -12,6 +12,7 @@
 
 #include "audio/AudioStartError.h"
 #include "audio/HostTime.h"
+#include "audio/Interleave.h"
 #include "audio/Mixer.h"
 
 namespace {
@@ -23,23 +24,8 @@ std::string alsaReason(int error) {
     return std::string("ALSA: ") + snd_strerror(error);
 }
 
-template <typename T>
-void interleave(const std::vector<std::vector<float>>& planar, std::int64_t frames, double scale,
-                unsigned char* out) {
-    auto* dest = reinterpret_cast<T*>(out);
-    const std::size_t channels = planar.size();
-    for (std::int64_t i = 0; i < frames; ++i) {
-        for (std::size_t c = 0; c < channels; ++c) {
-            const double v = std::clamp(static_cast<double>(planar[c][i]), -1.0, 1.0) * scale;
-            dest[static_cast<std::size_t>(i) * channels + c] = static_cast<T>(std::lrint(v));
-        }
-    }
-}
-
-} // namespace
-
-namespace {
 void ignoreAlsaError(const char*, int, const char*, int, const char*, ...) {}
+
 } // namespace
 
 void AlsaBackend::silenceLibraryMessages() {
@@ -184,20 +170,16 @@ bool AlsaBackend::writePeriod() {
         ahead >= 0 ? now + HostTime::secondsToTicks(ahead) : now - HostTime::secondsToTicks(-ahead);
     m_mixer->render(m_period, AudioTimeStamp{blockTime, true}, m_buffers);
     switch (m_format) {
-    case SampleFormat::float32: {
-        auto* dest = reinterpret_cast<float*>(m_interleaved.data());
-        for (std::int64_t i = 0; i < m_period; ++i) {
-            for (std::int64_t c = 0; c < m_channels; ++c)
-                dest[i * m_channels + c] =
-                    m_planar[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)];
-        }
+    case SampleFormat::float32:
+        Interleave::toFloat(m_planar, m_period, reinterpret_cast<float*>(m_interleaved.data()));
         break;
-    }
     case SampleFormat::int32:
-        interleave<std::int32_t>(m_planar, m_period, 2147483647.0, m_interleaved.data());
+        Interleave::toInteger(m_planar, m_period,
+                              reinterpret_cast<std::int32_t*>(m_interleaved.data()));
         break;
     case SampleFormat::int16:
-        interleave<std::int16_t>(m_planar, m_period, 32767.0, m_interleaved.data());
+        Interleave::toInteger(m_planar, m_period,
+                              reinterpret_cast<std::int16_t*>(m_interleaved.data()));
         break;
     }
     const std::size_t frameBytes = m_interleaved.size() / static_cast<std::size_t>(m_period);

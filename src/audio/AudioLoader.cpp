@@ -30,7 +30,9 @@ bool cancelled(const AudioLoader::CancelFlag* cancel) {
     return cancel && cancel->load(std::memory_order_relaxed);
 }
 
-int conversionWorkers(int channels) {
+int conversionWorkers(int channels, int wanted) {
+    if (wanted > 0)
+        return std::clamp(std::min(channels, wanted), 1, 8);
     const int cores = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
     // The decoding thread keeps one core busy; the converters share the others.
     return std::clamp(std::min(channels, cores - 1), 1, 8);
@@ -48,7 +50,8 @@ struct TrackJob {
 // Decodes the given audio streams in one pass over the file (a video with several audio tracks
 // is read once, not once per track).
 std::vector<PcmBuffer> decodeTracks(const MediaFile& file, const std::vector<int>& streams,
-                                    double targetRate, const AudioLoader::CancelFlag* cancel) {
+                                    double targetRate, const AudioLoader::CancelFlag* cancel,
+                                    int workers = 0) {
     AVFormatContext* context = file.context();
     std::vector<TrackJob> jobs(streams.size());
     std::int64_t channelsInAll = 0;
@@ -75,7 +78,7 @@ std::vector<PcmBuffer> decodeTracks(const MediaFile& file, const std::vector<int
         if (rate != ownRate)
             job.pipeline = std::make_unique<ConversionPipeline>(
                 job.decoder->sampleRate(), rate, job.buffer.channels,
-                conversionWorkers(job.decoder->channels()));
+                conversionWorkers(job.decoder->channels(), workers));
     }
     // Streams nobody decodes are not even demuxed.
     for (unsigned i = 0; i < context->nb_streams; ++i) {
@@ -204,14 +207,15 @@ AudioClipPtr loadClip(const std::string& path, double targetRate, const MediaPro
     return std::make_shared<const AudioClip>(std::move(buffer.channels), buffer.format.sampleRate);
 }
 
-PcmBuffer readTrack(const std::string& path, int track, double targetRate,
-                    const CancelFlag* cancel) {
+PcmBuffer readTrack(const std::string& path, int track, double targetRate, const CancelFlag* cancel,
+                    int conversionWorkers) {
     const MediaFile file(path, cancel);
     const auto& streams = file.audioStreams();
     if (track < 0 || track >= static_cast<int>(streams.size()))
         throw LoadError::failed(LoadError::kNoAudioTrack);
-    return std::move(
-        decodeTracks(file, {streams[static_cast<std::size_t>(track)]}, targetRate, cancel).front());
+    return std::move(decodeTracks(file, {streams[static_cast<std::size_t>(track)]}, targetRate,
+                                  cancel, conversionWorkers)
+                         .front());
 }
 
 PcmBuffer combine(std::vector<PcmBuffer> buffers) {

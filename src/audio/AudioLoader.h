@@ -36,9 +36,10 @@ AudioClipPtr loadClip(const std::string& path, double targetRate, const MediaPro
 // Decodes audio track `track` (0-based, among the audio tracks) of a file. When targetRate
 // differs from the track's rate by 0.5 Hz or more, the sound is converted while it decodes, on
 // worker threads, so the whole unconverted track is never held; a targetRate of 0 keeps the
-// track's own rate.
+// track's own rate. `conversionWorkers` 0 gives the conversion as many threads as the cores
+// allow beside the decoder (at most one per channel); tests choose 1 to 4.
 PcmBuffer readTrack(const std::string& path, int track, double targetRate,
-                    const CancelFlag* cancel = nullptr);
+                    const CancelFlag* cancel = nullptr, int conversionWorkers = 0);
 
 // One buffer whose channels are the inputs' channels in order, each padded with silence to the
 // longest input (at least 1 frame). The rate is the first input's.

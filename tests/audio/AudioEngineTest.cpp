@@ -1,8 +1,11 @@
 #include "audio/AudioEngine.h"
 
+#include <alsa/asoundlib.h>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstring>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -14,6 +17,7 @@
 #include "audio/AudioDeviceList.h"
 #include "audio/AudioStartError.h"
 #include "audio/HostTime.h"
+#include "audio/Interleave.h"
 #include "audio/JackBackend.h"
 #include "audio/NullBackend.h"
 
@@ -186,6 +190,61 @@ TEST(DeviceClock, NullAndAlsaDevicesStartArmedVoicesAtTheirHostTime) {
         EXPECT_GE(startedAt - wanted, -ahead - 0.001) << uid;
         EXPECT_LE(startedAt - wanted, 0.001 + 0.005) << uid;
     }
+}
+
+TEST(AlsaOutput, IntegerSamplesClampAtFullScaleAndKeepTheChannelOrder) {
+    const std::vector<std::vector<float>> planar{{1.0f, -1.0f, 1.5f, -7.0f, 0.5f},
+                                                 {0.0f, 0.25f, -0.25f, 1e9f, -1e-9f}};
+    std::vector<std::int16_t> s16(10);
+    Interleave::toInteger(planar, 5, s16.data());
+    EXPECT_EQ(s16, (std::vector<std::int16_t>{32767, 0, -32767, 8192, 32767, -8192, -32767, 32767,
+                                              16384, 0}));
+    std::vector<std::int32_t> s32(10);
+    Interleave::toInteger(planar, 5, s32.data());
+    EXPECT_EQ(s32[0], 2147483647);
+    EXPECT_EQ(s32[2], -2147483647);
+    EXPECT_EQ(s32[4], 2147483647); // beyond +1: the loudest positive sample, never a wrap
+    EXPECT_EQ(s32[6], -2147483647);
+    EXPECT_EQ(s32[7], 2147483647);
+    EXPECT_EQ(s32[3], 536870912);
+    std::vector<float> f32(10);
+    Interleave::toFloat(planar, 5, f32.data());
+    EXPECT_EQ(f32[4], 1.5f);
+    EXPECT_EQ(f32[5], -0.25f);
+}
+
+// A device that takes no float: an ALSA `linear` plugin fixed at S16 in front of a `file`
+// plugin. The back end falls back to 16 bits, and a tone comes out at its level.
+TEST(AlsaOutput, ADeviceWithoutFloatGetsSixteenBitSamples) {
+    TempDir dir;
+    const std::string raw = dir.file("s16.raw");
+    std::ofstream(dir.file(".asoundrc"))
+        << "pcm.vorlin_s16 { type linear slave { pcm { type file file \"" << raw
+        << "\" format \"raw\" slave.pcm \"null\" } format S16_LE } }\n";
+    setenv("HOME", dir.file("").c_str(), 1);
+    snd_config_update_free_global(); // read the configuration again, with this ~/.asoundrc
+    AudioEngine engine;
+    engine.start(std::string("alsa:vorlin_s16"));
+    const std::int64_t channels = engine.channelCount();
+    ASSERT_GE(channels, 1);
+    engine.mixer().play(sine(1000, 10.0), {{0, 0}}, 1.0f, 0.0, false, false);
+    std::this_thread::sleep_for(400ms);
+    engine.stop();
+    std::ifstream in(raw, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), {});
+    const auto frames = static_cast<std::int64_t>(bytes.size() / 2) / channels;
+    ASSERT_GT(frames, 9600);
+    std::vector<float> first(static_cast<std::size_t>(frames));
+    std::int16_t peak = 0;
+    for (std::int64_t i = 0; i < frames; ++i) {
+        std::int16_t v = 0;
+        std::memcpy(&v, bytes.data() + (i * channels) * 2, 2);
+        first[static_cast<std::size_t>(i)] = v / 32767.0f;
+        peak = std::max<std::int16_t>(peak, static_cast<std::int16_t>(std::abs(v)));
+    }
+    // A 0.5 sine: 16384 at its peak, 1 kHz — read as floats it would be noise.
+    EXPECT_NEAR(peak, 16384, 40);
+    EXPECT_NEAR(frequencyOf(first, 2000, frames - 200, 48000), 1000.0, 1.0);
 }
 
 } // namespace

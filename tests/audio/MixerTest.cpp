@@ -1,5 +1,6 @@
 #include "audio/Mixer.h"
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <numeric>
@@ -92,6 +93,19 @@ TEST_F(MixerTest, EndOfClipInterpolatesAgainstItselfOrWrapsWhenLooping) {
     EXPECT_FALSE(statuses.at(looped).done);
 }
 
+TEST_F(MixerTest, LoopAtAnotherRateKeepsItsFractionalPhaseAcrossWraps) {
+    // 1000 frames at 44.1 kHz on 48 kHz: the read position wraps about nine times in 10000
+    // frames, each time between two source frames.
+    auto clip = distinctClip(1000, 44100.0);
+    OfflineRenderer device(mixer, 1, 256, kRate);
+    mixer.play(clip, {{0, 0}}, 1.0f, 0.0, true, false);
+    const auto out = device.render(10000);
+    for (std::int64_t i = 0; i < 10000; ++i) {
+        const double position = std::fmod(i * 0.91875, 1000.0);
+        ASSERT_NEAR(out[0][i], interpolate(*clip, 0, position, true), 2e-6) << "frame " << i;
+    }
+}
+
 TEST_F(MixerTest, FadeInRampsTheEnvelopeSquaredFromTheFirstFrame) {
     OfflineRenderer device(mixer, 1, 256, kRate);
     mixer.play(constantClip(0.5f, 96000), {{0, 0}}, 1.0f, 1.0, false, false);
@@ -140,6 +154,23 @@ TEST_F(MixerTest, StopDuringFadeInStillReachesSilenceWithinTheFade) {
     const auto out = device.render(4800 + 256);
     EXPECT_EQ(countNonZero({out[0].begin() + 4805, out[0].end()}), 0);
     EXPECT_TRUE(mixer.snapshot().at(id).done);
+}
+
+TEST_F(MixerTest, StopDuringFadeInFadesFromTheLevelReachedNotFromFull) {
+    OfflineRenderer device(mixer, 1, 256, kRate);
+    const auto id = mixer.play(constantClip(1.0f, 480000), {{0, 0}}, 1.0f, 1.0, false, false);
+    const float reached = device.render(24064)[0].back(); // about half-way up: env ½, level ¼
+    EXPECT_NEAR(reached, 0.25, 0.002);
+    mixer.stop(id, 1.0);
+    const auto out = device.render(48000 + 512);
+    // Down from ¼ over the fade: (env ½ × (1 − t))², never louder than before the stop.
+    EXPECT_NEAR(out[0][0], reached, 0.0001);
+    EXPECT_LE(*std::max_element(out[0].begin(), out[0].end()), reached);
+    EXPECT_NEAR(out[0][12000], 0.25 * 0.75 * 0.75, 0.002);
+    EXPECT_NEAR(out[0][24000], 0.0625, 0.002);
+    EXPECT_GT(out[0][43200], 0.0); // still sounding at 0.9 s…
+    EXPECT_LT(out[0][43200], 0.003);
+    EXPECT_EQ(countNonZero({out[0].begin() + 48000 + 256, out[0].end()}), 0); // …gone after 1 s
 }
 
 TEST_F(MixerTest, StopBeforeTheStartEndsTheVoiceSilently) {
@@ -259,6 +290,22 @@ TEST_F(MixerTest, VolumeAndMasterScaleOutputButVoiceLevelsIgnoreMaster) {
     EXPECT_FLOAT_EQ(out[1][0], 0.4f);
 }
 
+TEST_F(MixerTest, PeaksAreMagnitudesNegativeExcursionsIncluded) {
+    OfflineRenderer device(mixer, 2, 256, kRate);
+    std::vector<float> samples(256, 0.1f);
+    samples[100] = -0.9f;
+    const auto id = mixer.play(makeClip({samples, std::vector<float>(256, -0.3f)}),
+                               {{0, 0}, {1, 1}}, 1.0f, 0.0, false, false);
+    device.render(256);
+    const auto levels = mixer.snapshot().at(id).levels;
+    ASSERT_EQ(levels.size(), 2u);
+    EXPECT_FLOAT_EQ(levels[0], 0.9f);
+    EXPECT_FLOAT_EQ(levels[1], 0.3f);
+    const auto meters = mixer.takeMeters(2);
+    EXPECT_FLOAT_EQ(meters[0], 0.9f);
+    EXPECT_FLOAT_EQ(meters[1], 0.3f);
+}
+
 TEST_F(MixerTest, SnapshotsAndMetersAreReadAndReset) {
     OfflineRenderer device(mixer, 2, 256, kRate);
     const auto id = mixer.play(constantClip(0.5f, 300), {{0, 0}}, 1.0f, 0.0, false, false);
@@ -357,27 +404,37 @@ TEST_F(MixerTest, TestToneIsA1kHzSineThatMuteSilences) {
 }
 
 TEST_F(MixerTest, LargeBlocksMixExactlyLikeSmallOnes) {
-    // The same show rendered in 64-frame and 5000-frame blocks must agree sample for sample.
+    // The same show rendered in 64-frame and 6400-frame blocks must agree sample for sample,
+    // the stop and its fade included (both lengths are whole numbers of either block).
     auto run = [](std::int64_t block) {
         Mixer m;
         OfflineRenderer device(m, 2, block, kRate);
         auto clip = distinctClip(3000, 44100.0);
         const auto a = m.play(clip, {{0, 0}}, 0.7f, 0.05, true, false);
         m.play(clip, {{0, 1}}, 1.0f, 0.0, false, false);
-        auto out = device.render(10000);
+        auto out = device.render(12800);
         m.stop(a, 0.02);
-        auto tail = device.render(10000);
+        auto tail = device.render(12800);
         for (int c = 0; c < 2; ++c)
             out[c].insert(out[c].end(), tail[c].begin(), tail[c].end());
         return out;
     };
     const auto small = run(64);
-    const auto large = run(5000);
+    const auto large = run(6400);
+    ASSERT_EQ(small[0].size(), 25600u);
     for (int c = 0; c < 2; ++c) {
-        const auto mismatch =
-            std::mismatch(small[c].begin(), small[c].begin() + 10000, large[c].begin());
-        EXPECT_EQ(mismatch.first - small[c].begin(), 10000) << "channel " << c;
+        ASSERT_EQ(large[c].size(), small[c].size());
+        const auto mismatch = std::mismatch(small[c].begin(), small[c].end(), large[c].begin());
+        EXPECT_EQ(mismatch.first - small[c].begin(), 25600) << "channel " << c;
     }
+    // And both are the mix itself: the unlooped voice at the rate ratio, then silence; the
+    // looped one fading out after the stop.
+    const auto clip = distinctClip(3000, 44100.0);
+    for (std::int64_t i = 0; i < 3265; ++i)
+        ASSERT_NEAR(small[1][i], interpolate(*clip, 0, i * 0.91875, false), 2e-6) << i;
+    EXPECT_EQ(countNonZero({small[1].begin() + 3266, small[1].end()}), 0);
+    EXPECT_GT(countNonZero({small[0].begin() + 12800, small[0].begin() + 12800 + 900}), 800);
+    EXPECT_EQ(countNonZero({small[0].begin() + 12800 + 961, small[0].end()}), 0);
 }
 
 TEST_F(MixerTest, MoreVoicesThanReservedStillPlay) {

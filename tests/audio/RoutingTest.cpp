@@ -17,6 +17,8 @@ TEST(Routing, ParseReadsNumbersRangesAndSeparators) {
     // Out of range, reversed, three numbers and words contribute nothing.
     EXPECT_EQ(Routing::parse("0 65 4-2 1-2-3 x +5"), (V{4}));
     EXPECT_EQ(Routing::parse("60-70"), (V{59, 60, 61, 62, 63}));
+    EXPECT_EQ(Routing::parse("5-5"), V{4}); // a range of one output
+    EXPECT_EQ(Routing::parse("64-64 1-1"), (V{63, 0}));
 }
 
 TEST(Routing, AutomaticRoutingPlaysMonoOnTheFirstPairAndChannelsInOrder) {
