@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PREFIX ?= $(HOME)/.local
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup configure build run test bench install format clean
+.PHONY: all setup configure build run test bench mutants install format clean
 
 all: build
 
@@ -33,6 +33,9 @@ install: build
 
 bench: build
 	@scripts/bench $(BUILD_DIR)
+
+mutants: build
+	@scripts/mutants $(BUILD_DIR)
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

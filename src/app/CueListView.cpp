@@ -8,6 +8,7 @@
 #include <QPushButton>
 #include <QStyledItemDelegate>
 
+#include "app/RedrawPace.h"
 #include "cue/AppModel.h"
 
 namespace {
@@ -101,7 +102,8 @@ void CueListView::refresh() {
         QTableWidgetItem* progress = cell(progressColumn);
         // Progress moves every tick; the bar only when it grows by a pixel or its text changes.
         const QString shown = shownProgress(row);
-        if (progress->data(kShownRole).toString() != shown) {
+        const bool due = !sameCues || RedrawPace::isProgressTick(m_model.live());
+        if (due && progress->data(kShownRole).toString() != shown) {
             progress->setData(kShownRole, shown);
             progress->setData(kProgressRole, row.progress);
             progress->setData(kPositionRole, row.position ? QVariant(*row.position) : QVariant());

@@ -19,6 +19,7 @@
 
 #include "app/Choices.h"
 #include "app/NumberField.h"
+#include "app/RedrawPace.h"
 #include "app/RoutingMatrixView.h"
 #include "app/WaveformView.h"
 #include "audio/Routing.h"
@@ -481,7 +482,11 @@ void DetailPanel::refreshPosition() {
     const auto code = selectedCode();
     const auto& progress = m_model.live().progress();
     const auto found = code ? progress.find(*code) : progress.end();
-    m_waveform->setPosition(found == progress.end() ? -1.0 : found->second);
+    const double position = found == progress.end() ? -1.0 : found->second;
+    // The line appears and disappears at once; it moves on progress ticks.
+    const bool appearsOrGoes = (position < 0.0) != (m_waveform->position() < 0.0);
+    if (appearsOrGoes || m_refreshing || RedrawPace::isProgressTick(m_model.live()))
+        m_waveform->setPosition(position);
 }
 
 void DetailPanel::fillCopyMenu() {

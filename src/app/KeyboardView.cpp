@@ -11,6 +11,7 @@
 #include <QPainter>
 #include <QPainterPath>
 
+#include "app/RedrawPace.h"
 #include "cue/AppModel.h"
 #include "model/KeyPalette.h"
 
@@ -43,12 +44,18 @@ double KeyboardView::progressWidth(const Cell& cell) {
 void KeyboardView::liveChanged(bool everything) {
     if (m_cells.empty())
         layoutCells();
+    const bool progressTick = RedrawPace::isProgressTick(m_model.live());
     for (const Cell& cell : m_cells) {
         if (cell.spec->kind != KeySpec::Kind::key)
             continue;
         const LiveLook look = lookOf(cell);
         LiveLook& shown = m_shown[cell.spec->code];
-        if (look != shown && !everything)
+        if (look == shown)
+            continue;
+        // Lit or unlit at once; a bar that only grew waits for the next progress tick.
+        if (!everything && look.running == shown.running && !progressTick)
+            continue;
+        if (!everything)
             update(cell.rect.toAlignedRect().adjusted(-1, -1, 1, 1));
         shown = look;
     }

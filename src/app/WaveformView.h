@@ -19,6 +19,7 @@ public:
     void setPeaks(std::vector<float> peaks, const QString& emptyText);
     // 0…1, or below 0 when the key is not playing.
     void setPosition(double position);
+    double position() const { return m_position; }
 
     // Called with 0…1 when the operator clicks or drags on the waveform while it plays.
     std::function<void(double)> onSeek;

@@ -273,6 +273,7 @@ void CueEngine::seek(std::int64_t cueID, double fraction) {
 }
 
 void CueEngine::tick() {
+    m_live.countTick();
     const auto snapshot = m_mixer.snapshot();
     const QUuid currentPage = m_document.currentPageID();
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <vector>
@@ -29,6 +30,9 @@ public:
     const KeyLevels& sourceMeters() const { return m_sourceMeters; }
     const std::set<QUuid>& playingPages() const { return m_playingPages; }
     const std::vector<CueRow>& cues() const { return m_cues; }
+    // Ticks since start; the tick counts itself before it publishes anything.
+    std::uint64_t ticks() const { return m_ticks; }
+    void countTick() { ++m_ticks; }
 
     void setProgress(std::map<KeyCode, double> value);
     void setSlidePosition(std::map<KeyCode, QString> value);
@@ -55,4 +59,5 @@ private:
     KeyLevels m_sourceMeters;
     std::set<QUuid> m_playingPages;
     std::vector<CueRow> m_cues;
+    std::uint64_t m_ticks = 0;
 };
