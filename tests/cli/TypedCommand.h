@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/resource.h>
+
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
@@ -18,6 +20,11 @@ struct TypedCommand {
         for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
             environment.remove(QString::fromLatin1(variable));
         process.setProcessEnvironment(environment);
+        // A command whose length check regressed must not fill the disk: it dies at 256 MB.
+        process.setChildProcessModifier([] {
+            const rlimit limit{256ull << 20, 256ull << 20};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        });
         process.start(QStringLiteral(VORLIN_EXECUTABLE), args);
         TypedCommand result;
         if (!process.waitForFinished(timeoutMs)) {

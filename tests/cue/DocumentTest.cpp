@@ -355,6 +355,17 @@ TEST_F(Document, AMovedShowFolderFindsItsMediaThroughRelativePaths) {
         read(moved + "/show.vorlin").contains(("\"path\": \"" + moved + "/intro.wav\"").toUtf8()));
     EXPECT_EQ(ShowFile::relativePath("/Volumes/Disk/a.wav", "/Users/op/Show"),
               "../../../Volumes/Disk/a.wav");
+
+    // A copy of the show beside other files of the same names: the absolute path wins while
+    // it exists; the relative one is only the fallback.
+    const QString copy = QString::fromStdString(dir.file("Copy"));
+    QDir().mkpath(copy);
+    QFile(copy + "/intro.wav").open(QIODevice::WriteOnly);
+    QFile::copy(moved + "/show.vorlin", copy + "/show.vorlin");
+    AppModel copied;
+    copied.open(copy + "/show.vorlin");
+    EXPECT_EQ(copied.document().assignments.at(0).path, moved + "/intro.wav");
+    EXPECT_EQ(copied.document().assignments.at(0).sources->first(), moved + "/intro.wav");
 }
 
 TEST_F(Document, AFailedWriteKeepsTheOldFileAndTheDocumentDirty) {
