@@ -48,10 +48,8 @@ AlsaBackend::~AlsaBackend() {
     stop();
 }
 
-void AlsaBackend::start(Mixer& mixer, Notice notice) {
+void AlsaBackend::open() {
     stop();
-    m_mixer = &mixer;
-    m_notice = std::move(notice);
     silenceLibraryMessages();
     // Non-blocking open: a device held by someone else fails at once instead of hanging.
     int error = snd_pcm_open(&m_pcm, m_name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
@@ -116,7 +114,13 @@ void AlsaBackend::start(Mixer& mixer, Notice notice) {
         m_buffers.push_back({channel.data(), channel.size() * sizeof(float)});
     const std::size_t sampleBytes = m_format == SampleFormat::int16 ? 2 : 4;
     m_interleaved.assign(period * channels * sampleBytes, 0);
+}
 
+void AlsaBackend::start(Mixer& mixer, Notice notice) {
+    if (!m_pcm)
+        throw AudioStartError::cannotSelect(alsaReason(-EBADFD));
+    m_mixer = &mixer;
+    m_notice = std::move(notice);
     m_running = true;
     m_thread = std::thread([this] { run(); });
 }

@@ -20,6 +20,7 @@ public:
     explicit AlsaBackend(std::string pcmName);
     ~AlsaBackend() override;
 
+    void open() override;
     void start(Mixer& mixer, Notice notice) override;
     void stop() override;
     std::int64_t channelCount() const override { return m_channels; }

@@ -10,7 +10,11 @@ class Mixer;
 // thread: once started it calls Mixer::render for every block with one non-interleaved float
 // buffer per channel and the block's host time (CLOCK_MONOTONIC).
 //
-// Threading: start/stop and the getters on the control (main) thread. `Notice` is called from
+// Opening and starting are two steps so that the engine can set the mixer's rate and latency
+// from what the device reports before the first block is rendered: a device at another rate
+// must not play its first blocks at the old one.
+//
+// Threading: open/start/stop and the getters on the control (main) thread. `Notice` is called from
 // the back end's own threads (possibly its real-time thread) when the device's configuration
 // changes or the device goes away; it must only flag the change.
 // Lifetime: stop() (or destruction) ends every call into the mixer before it returns.
@@ -20,8 +24,12 @@ public:
 
     virtual ~AudioBackend() = default;
 
-    // Opens the device and starts rendering. Throws AudioStartError.
+    // Opens and configures the device; afterwards the getters report it. Nothing is rendered
+    // yet. Throws AudioStartError.
+    virtual void open() = 0;
+    // Starts rendering into the mixer (after open). Throws AudioStartError.
     virtual void start(Mixer& mixer, Notice notice) = 0;
+    // Ends rendering and closes the device.
     virtual void stop() = 0;
 
     virtual std::int64_t channelCount() const = 0; // at most 64

@@ -56,6 +56,13 @@ std::string AudioEngine::describe(const std::string& uid) {
     return uid;
 }
 
+void AudioEngine::start(std::unique_ptr<AudioBackend> backend, const std::string& uid) {
+    stop();
+    m_deviceUID = uid;
+    open(std::move(backend), uid);
+    m_deviceName = describe(uid);
+}
+
 void AudioEngine::start(const std::optional<std::string>& deviceUID) {
     stop();
     m_deviceUID = deviceUID;
@@ -102,11 +109,13 @@ bool AudioEngine::canOpen(const std::optional<std::string>& wanted) {
 }
 
 void AudioEngine::open(std::unique_ptr<AudioBackend> backend, const std::string& uid) {
-    backend->start(m_mixer, [this] { sem_post(&m_notices); });
+    backend->open();
+    // The mixer learns the device's rate and latency before the device's first block.
     m_channelCount = std::min<std::int64_t>(backend->channelCount(), Mixer::kMaxOutputs);
     m_sampleRate = backend->sampleRate();
     m_mixer.setSampleRate(m_sampleRate);
     m_mixer.setLatency(backend->latency());
+    backend->start(m_mixer, [this] { sem_post(&m_notices); });
     m_activeDevice = uid;
     if (auto* jack = dynamic_cast<JackBackend*>(backend.get()); jack && uid == "jack:")
         m_activeDevice = "jack:" + jack->deviceClient();

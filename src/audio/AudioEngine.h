@@ -37,6 +37,9 @@ public:
     // Stops any running device and opens the given one (none: the system default). Throws
     // AudioStartError with the text shown to the operator; the engine is then stopped.
     void start(const std::optional<std::string>& deviceUID);
+    // Stops any running device and starts on a back end made elsewhere, under the given uid.
+    // Throws AudioStartError.
+    void start(std::unique_ptr<AudioBackend> backend, const std::string& uid);
     void stop();
     bool isRunning() const { return m_backend != nullptr; }
 

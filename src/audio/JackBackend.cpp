@@ -58,10 +58,8 @@ JackBackend::~JackBackend() {
     stop();
 }
 
-void JackBackend::start(Mixer& mixer, Notice notice) {
+void JackBackend::open() {
     stop();
-    m_mixer = &mixer;
-    m_notice = std::move(notice);
     silenceLibraryMessages();
     jack_status_t status{};
     m_client = jack_client_open(m_clientName.c_str(), JackNoStartServer, &status);
@@ -69,15 +67,14 @@ void JackBackend::start(Mixer& mixer, Notice notice) {
         throw AudioStartError::cannotSelect("JACK サーバーに接続できません");
     m_actualName = jack_get_client_name(m_client);
 
-    const std::vector<std::string> targets = playbackPorts(m_client, m_device);
-    if (!targets.empty())
-        m_device = targets.front().substr(0, targets.front().find(':'));
-    if (targets.empty()) {
+    m_targets = playbackPorts(m_client, m_device);
+    if (m_targets.empty()) {
         stop();
         throw AudioStartError::cannotSelect("JACK に再生ポートがありません: " +
                                             (m_device.empty() ? std::string("既定") : m_device));
     }
-    const std::size_t count = std::min<std::size_t>(targets.size(), Mixer::kMaxOutputs);
+    m_device = m_targets.front().substr(0, m_targets.front().find(':'));
+    const std::size_t count = std::min<std::size_t>(m_targets.size(), Mixer::kMaxOutputs);
     for (std::size_t c = 0; c < count; ++c) {
         const std::string name = "out_" + std::to_string(c + 1);
         jack_port_t* port = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
@@ -91,7 +88,18 @@ void JackBackend::start(Mixer& mixer, Notice notice) {
     m_buffers.assign(m_ports.size(), AudioChannelBuffer{});
     m_rate = jack_get_sample_rate(m_client);
     m_bufferSize = jack_get_buffer_size(m_client);
+    // What the device adds after our block: the physical port's playback latency.
+    jack_latency_range_t range{};
+    if (jack_port_t* device = jack_port_by_name(m_client, m_targets.front().c_str()))
+        jack_port_get_latency_range(device, JackPlaybackLatency, &range);
+    m_latency = static_cast<double>(range.max) / m_rate;
+}
 
+void JackBackend::start(Mixer& mixer, Notice notice) {
+    if (!m_client)
+        throw AudioStartError::cannotSelect("JACK サーバーに接続できません");
+    m_mixer = &mixer;
+    m_notice = std::move(notice);
     jack_set_process_callback(m_client, &JackBackend::process, this);
     jack_set_sample_rate_callback(m_client, &JackBackend::sampleRateChanged, this);
     jack_set_buffer_size_callback(m_client, &JackBackend::bufferSizeChanged, this);
@@ -103,13 +111,7 @@ void JackBackend::start(Mixer& mixer, Notice notice) {
         throw AudioStartError::cannotSelect("JACK クライアントを開始できません");
     }
     for (std::size_t c = 0; c < m_ports.size(); ++c)
-        jack_connect(m_client, jack_port_name(m_ports[c]), targets[c].c_str());
-
-    // What the device adds after our block: the physical port's playback latency.
-    jack_latency_range_t range{};
-    if (jack_port_t* device = jack_port_by_name(m_client, targets.front().c_str()))
-        jack_port_get_latency_range(device, JackPlaybackLatency, &range);
-    m_latency = static_cast<double>(range.max) / m_rate;
+        jack_connect(m_client, jack_port_name(m_ports[c]), m_targets[c].c_str());
 }
 
 void JackBackend::stop() {
@@ -125,6 +127,7 @@ void JackBackend::stop() {
     m_serverGone = false;
     m_haveClockOffset = false;
     m_ports.clear();
+    m_targets.clear();
     m_buffers.clear();
 }
 

@@ -27,6 +27,7 @@ public:
     explicit JackBackend(std::string device, std::string clientName = "vorlin");
     ~JackBackend() override;
 
+    void open() override;
     void start(Mixer& mixer, Notice notice) override;
     void stop() override;
     std::int64_t channelCount() const override { return static_cast<std::int64_t>(m_ports.size()); }
@@ -69,6 +70,7 @@ private:
     std::string m_actualName;
     jack_client_t* m_client = nullptr;
     std::vector<jack_port_t*> m_ports;
+    std::vector<std::string> m_targets; // the device's playback ports, ours connect in order
     std::vector<AudioChannelBuffer> m_buffers;
     Mixer* m_mixer = nullptr;
     Notice m_notice;

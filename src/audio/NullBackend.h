@@ -16,6 +16,7 @@ public:
                          std::int64_t blockFrames = 256, bool manual = false);
     ~NullBackend() override;
 
+    void open() override {}
     void start(Mixer& mixer, Notice notice) override;
     void stop() override;
     std::int64_t channelCount() const override { return m_channels; }

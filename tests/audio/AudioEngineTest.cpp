@@ -68,11 +68,46 @@ TEST(NullDevice, RendersOnItsOwnClockOrBlockByBlockInManualMode) {
 
     Mixer mixer;
     NullBackend manual(4, 44100.0, 128, true);
+    manual.open();
     manual.start(mixer, {});
     mixer.play(constantClip(0.25f, 1000), {{0, 3}}, 1, 0, false, false);
     manual.renderBlocks(3);
     EXPECT_EQ(manual.blocksRendered(), 3);
     EXPECT_EQ(manual.channel(3)[0], 0.25f);
+}
+
+// A device that renders its first block the moment it is started, at 44.1 kHz.
+class ImpatientDevice : public AudioBackend {
+public:
+    void open() override {}
+    void start(Mixer& mixer, Notice) override {
+        std::vector<AudioChannelBuffer> list{{first.data(), first.size() * sizeof(float)}};
+        mixer.render(static_cast<std::int64_t>(first.size()), AudioTimeStamp{}, list);
+    }
+    void stop() override {}
+    std::int64_t channelCount() const override { return 1; }
+    double sampleRate() const override { return 44100.0; }
+    double latency() const override { return 0.0; }
+    std::vector<float> first = std::vector<float>(256);
+};
+
+TEST(DeviceChoice, TheFirstBlockOfADeviceAtAnotherRateAlreadyPlaysAtThatRate) {
+    AudioEngine engine; // the mixer starts out at 48 kHz
+    auto clip = distinctClip(4000);
+    engine.mixer().play(clip, {{0, 0}}, 1.0f, 0.0, false, false);
+    auto device = std::make_unique<ImpatientDevice>();
+    const ImpatientDevice& seen = *device;
+    engine.start(std::move(device), "test:impatient");
+    // A 48 kHz clip on a 44.1 kHz device advances 48000 / 44100 source frames per frame.
+    const double step = 48000.0 / 44100.0;
+    for (std::size_t i = 0; i < 255; ++i) {
+        const double position = static_cast<double>(i) * step;
+        const auto at = static_cast<std::size_t>(position);
+        const double expected =
+            clip->channels[0][at] +
+            (clip->channels[0][at + 1] - clip->channels[0][at]) * (position - at);
+        ASSERT_NEAR(seen.first[i], expected, 2e-6) << "frame " << i;
+    }
 }
 
 TEST(DeviceChoice, UnknownOrAbsentDevicesFailWithAMessage) {
