@@ -62,11 +62,8 @@ void addAlsaDevices(std::vector<AudioOutputDevice>& devices) {
     snd_device_name_free_hint(hints);
 }
 
-void addJackDevices(std::vector<AudioOutputDevice>& devices) {
-    JackBackend::silenceLibraryMessages();
-    jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
-    if (!client)
-        return;
+// JACK devices as a connected client sees them: clients owning physical playback ports.
+void addJackDevices(jack_client_t* client, std::vector<AudioOutputDevice>& devices) {
     std::map<std::string, std::int64_t> ports; // client → physical playback ports, in order seen
     std::vector<std::string> order;
     if (const char** names = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE,
@@ -78,15 +75,21 @@ void addJackDevices(std::vector<AudioOutputDevice>& devices) {
         }
         jack_free(names);
     }
-    jack_client_close(client);
     for (const auto& owner : order)
         devices.push_back({0, "jack:" + owner, "JACK: " + owner,
                            std::min<std::int64_t>(ports[owner], Mixer::kMaxOutputs)});
 }
 
-// A cheap description of what exists, for change detection: sound cards and JACK's
-// physical playback ports, without opening any PCM.
-std::string inventory() {
+void addJackDevices(std::vector<AudioOutputDevice>& devices) {
+    JackBackend::silenceLibraryMessages();
+    jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
+    if (!client)
+        return;
+    addJackDevices(client, devices);
+    jack_client_close(client);
+}
+
+std::string soundCards() {
     std::string text;
     int card = -1;
     while (snd_card_next(&card) == 0 && card >= 0) {
@@ -96,32 +99,90 @@ std::string inventory() {
             free(name);
         }
     }
-    std::vector<AudioOutputDevice> jack;
-    addJackDevices(jack);
-    for (const auto& device : jack)
-        text += device.uid + ":" + std::to_string(device.channels) + "\n";
     return text;
 }
 
-class PollingWatch : public AudioDeviceList::Watch {
+// Watches the sound cards (a cheap look every 2 s, no PCM opened) and JACK. A client opened
+// and closed every 2 s would announce itself to every client of the server each time, during
+// the show; so one watch client is registered once, while a server runs, and hears of port
+// changes and of the server's end from JACK's own callbacks. Without a server, a connection
+// attempt every 2 s (which reaches no one) notices one starting.
+class DeviceWatch : public AudioDeviceList::Watch {
 public:
-    explicit PollingWatch(std::function<void()> changed) : m_changed(std::move(changed)) {
+    explicit DeviceWatch(std::function<void()> changed) : m_changed(std::move(changed)) {
+        JackBackend::silenceLibraryMessages();
         m_thread = std::thread([this] { run(); });
     }
-    ~PollingWatch() override {
+    ~DeviceWatch() override {
         {
             std::lock_guard lock(m_mutex);
             m_quit = true;
         }
         m_wake.notify_all();
         m_thread.join();
+        // A client whose server died is left alone: libjack crashes closing it once a new
+        // server of that name runs (see JackBackend::stop).
+        if (m_client && !m_serverGone.load())
+            jack_client_close(m_client);
     }
 
 private:
+    // What exists: sound cards and JACK's physical playback ports.
+    std::string inventory() {
+        std::string text = soundCards();
+        if (m_client && m_serverGone.load())
+            m_client = nullptr; // its threads ended with the server
+        if (!m_client)
+            connect();
+        if (m_client) {
+            std::vector<AudioOutputDevice> jack;
+            addJackDevices(m_client, jack);
+            for (const auto& device : jack)
+                text += device.uid + ":" + std::to_string(device.channels) + "\n";
+        }
+        return text;
+    }
+
+    void connect() {
+        jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
+        if (!client)
+            return;
+        m_serverGone = false;
+        jack_set_port_registration_callback(
+            client,
+            [](jack_port_id_t, int, void* self) { static_cast<DeviceWatch*>(self)->poke(); }, this);
+        jack_on_shutdown(
+            client,
+            [](void* self) {
+                auto* watch = static_cast<DeviceWatch*>(self);
+                watch->m_serverGone = true;
+                watch->poke();
+            },
+            this);
+        if (jack_activate(client) != 0) {
+            jack_client_close(client);
+            return;
+        }
+        m_client = client;
+    }
+
+    // From JACK's threads: look again now rather than at the next 2 s.
+    void poke() {
+        {
+            std::lock_guard lock(m_mutex);
+            m_poked = true;
+        }
+        m_wake.notify_all();
+    }
+
     void run() {
         std::string last = inventory();
         std::unique_lock lock(m_mutex);
-        while (!m_wake.wait_for(lock, std::chrono::seconds(2), [this] { return m_quit; })) {
+        for (;;) {
+            m_wake.wait_for(lock, std::chrono::seconds(2), [this] { return m_quit || m_poked; });
+            if (m_quit)
+                return;
+            m_poked = false;
             lock.unlock();
             std::string now = inventory();
             if (now != last) {
@@ -133,9 +194,12 @@ private:
     }
 
     std::function<void()> m_changed;
+    jack_client_t* m_client = nullptr; // the watch thread's
+    std::atomic<bool> m_serverGone{false};
     std::mutex m_mutex;
     std::condition_variable m_wake;
     bool m_quit = false;
+    bool m_poked = false;
     std::thread m_thread;
 };
 
@@ -154,7 +218,7 @@ std::vector<AudioOutputDevice> outputDevices() {
 }
 
 std::unique_ptr<Watch> observeChanges(std::function<void()> changed) {
-    return std::make_unique<PollingWatch>(std::move(changed));
+    return std::make_unique<DeviceWatch>(std::move(changed));
 }
 
 } // namespace AudioDeviceList

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <jack/jack.h>
 #include <thread>
 
 #include "JackRecorder.h"
@@ -280,6 +281,44 @@ TEST(AlsaOutput, ADeviceWithoutFloatGetsSixteenBitSamples) {
     // A 0.5 sine: 16384 at its peak, 1 kHz — read as floats it would be noise.
     EXPECT_NEAR(peak, 16384, 40);
     EXPECT_NEAR(frequencyOf(first, 2000, frames - 200, 48000), 1000.0, 1.0);
+}
+
+// The device watch runs for the whole show beside a JACK server that other programs use: it
+// registers one client once (a client opened every 2 s is announced to all of them each time),
+// and still hears of a new device and of the server's end within 2 s.
+TEST(DeviceWatch, OneClientForTheWholeShowAndChangesHeardAtOnce) {
+    JackServer server(2);
+    ASSERT_TRUE(server.ready());
+    jack_client_t* observer = jack_client_open("observer", JackNoStartServer, nullptr);
+    ASSERT_NE(observer, nullptr);
+    std::atomic<int> registrations{0};
+    jack_set_client_registration_callback(
+        observer,
+        [](const char*, int registered, void* count) {
+            if (registered)
+                ++*static_cast<std::atomic<int>*>(count);
+        },
+        &registrations);
+    ASSERT_EQ(jack_activate(observer), 0);
+    std::atomic<int> changes{0};
+    auto watch = AudioDeviceList::observeChanges([&] { ++changes; });
+    std::this_thread::sleep_for(6500ms); // three looks of the watch
+    EXPECT_EQ(registrations.load(), 1);  // its own client, once
+    EXPECT_EQ(changes.load(), 0);
+
+    // A device appears: a client with a physical playback port.
+    jack_client_t* card = jack_client_open("fakecard", JackNoStartServer, nullptr);
+    ASSERT_NE(card, nullptr);
+    jack_port_register(card, "playback_1", JACK_DEFAULT_AUDIO_TYPE,
+                       JackPortIsInput | JackPortIsPhysical, 0);
+    const auto plugged = std::chrono::steady_clock::now();
+    ASSERT_EQ(jack_activate(card), 0);
+    EXPECT_TRUE(waitFor([&] { return changes.load() > 0; }, 3000ms));
+    EXPECT_LT(std::chrono::steady_clock::now() - plugged, 2000ms);
+
+    changes = 0;
+    server.kill(); // the clients of a dead server are not closed (libjack would crash)
+    EXPECT_TRUE(waitFor([&] { return changes.load() > 0; }, 3000ms));
 }
 
 } // namespace
