@@ -33,6 +33,11 @@ void AlsaBackend::silenceLibraryMessages() {
     std::call_once(once, [] { snd_lib_error_set_handler(&ignoreAlsaError); });
 }
 
+bool AlsaBackend::isSoundServer(const std::string& pcmName) {
+    return pcmName == "default" || pcmName.rfind("sysdefault", 0) == 0 ||
+           pcmName.rfind("pulse", 0) == 0 || pcmName.rfind("pipewire", 0) == 0;
+}
+
 bool AlsaBackend::canOpen(const std::string& pcmName) {
     silenceLibraryMessages();
     snd_pcm_t* pcm = nullptr;
@@ -80,9 +85,7 @@ void AlsaBackend::open() {
     unsigned channels = std::clamp(maxChannels, 1u, static_cast<unsigned>(Mixer::kMaxOutputs));
     // Sound servers' plugins accept any channel count and fold it down; a show on the desktop
     // output plays stereo. Multichannel interfaces are reached by hw:/plughw: or JACK.
-    const bool soundServer = m_name == "default" || m_name.rfind("sysdefault", 0) == 0 ||
-                             m_name.rfind("pulse", 0) == 0 || m_name.rfind("pipewire", 0) == 0;
-    if (soundServer)
+    if (isSoundServer(m_name))
         channels = std::min(channels, 2u);
     unsigned rate = 48000;
     snd_pcm_uframes_t period = kPeriodFrames;

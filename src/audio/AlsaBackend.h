@@ -29,6 +29,10 @@ public:
 
     std::int64_t xruns() const { return m_xruns.load(); }
 
+    // Whether a PCM is a sound server's (default, sysdefault…, pulse…, pipewire…): those accept
+    // any channel count and fold it down, so a show on them plays stereo. The one rule for the
+    // back end and the device list.
+    static bool isSoundServer(const std::string& pcmName);
     // Whether the PCM opens now (non-blocking; closed again at once). Any thread.
     static bool canOpen(const std::string& pcmName);
 

@@ -34,8 +34,8 @@ std::int64_t alsaChannels(const std::string& name) {
     if (snd_pcm_hw_params_any(pcm, hw) >= 0)
         snd_pcm_hw_params_get_channels_max(hw, &channels);
     snd_pcm_close(pcm);
-    const bool soundServer = name == "default" || name == "pipewire" || name == "pulse";
-    return std::min<std::int64_t>(channels, soundServer ? 2 : Mixer::kMaxOutputs);
+    return std::min<std::int64_t>(channels,
+                                  AlsaBackend::isSoundServer(name) ? 2 : Mixer::kMaxOutputs);
 }
 
 void addAlsaDevices(std::vector<AudioOutputDevice>& devices) {
