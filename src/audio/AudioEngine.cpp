@@ -92,7 +92,10 @@ bool AudioEngine::isOnFallback(const std::optional<std::string>& wanted) const {
         const bool anyJack = *wanted == "jack:" && m_activeDevice.rfind("jack:", 0) == 0;
         return m_activeDevice != *wanted && !anyJack;
     }
-    return m_activeDevice.rfind("jack:", 0) != 0;
+    // The default is wherever sound can be heard; only silence is a fallback. (A default that
+    // lost its JACK server to ALSA stays there: the card is ours now, a new server could not
+    // have it anyway.)
+    return m_activeDevice == "null";
 }
 
 bool AudioEngine::canOpen(const std::optional<std::string>& wanted) {

@@ -57,7 +57,7 @@ public:
 
     // Whether the engine plays somewhere other than where the operator wants it (`wanted`:
     // a chosen uid, or none for the system default): the chosen device failed, or the default
-    // ended on the null device or lost its JACK server.
+    // ended on the null device.
     bool isOnFallback(const std::optional<std::string>& wanted) const;
     // Whether the wanted device can be opened now. Opens and closes it (a JACK client, a PCM):
     // call it off the main thread, and only while isOnFallback. Any thread.

@@ -45,8 +45,8 @@ public:
 
     // Restarts the audio engine on the chosen device; when that fails, says why in the status
     // line and goes on with the system default. Re-applies master volume, mutes and test tone.
-    // While the engine is on a fallback (the chosen device failed, or the default has no JACK
-    // server or ended on the null device), the wanted device is looked for every second off
+    // While the engine is on a fallback (the chosen device failed, or the default ended on the
+    // null device), the wanted device is looked for every second off
     // the main thread, and the engine returns to it by itself when it is back.
     void restartAudio();
     // Whether the engine plays elsewhere than the operator wants (see restartAudio).

@@ -124,10 +124,18 @@ TEST(DeviceChoice, UnknownOrAbsentDevicesFailWithAMessage) {
               0u);
     EXPECT_FALSE(engine.isRunning());
 
-    // The default always ends up somewhere: with no server and no card, on the null device.
+    // The default always ends up somewhere: with no server and no card, on the null device,
+    // which is a fallback for it (nothing is heard) but not for a choice of "null" itself.
     engine.start(std::nullopt);
     EXPECT_TRUE(engine.isRunning());
     EXPECT_EQ(engine.deviceName(), "システム既定");
+    if (engine.activeDevice() == "null") {
+        EXPECT_TRUE(engine.isOnFallback(std::nullopt));
+        EXPECT_FALSE(engine.isOnFallback(std::string("null")));
+    } else { // a machine with a sound card: its ALSA default is the default, not a stand-in
+        EXPECT_FALSE(engine.isOnFallback(std::nullopt));
+    }
+    EXPECT_TRUE(engine.isOnFallback(std::string("alsa:vorlin_no_such_pcm")));
 
     const auto devices = AudioDeviceList::outputDevices();
     ASSERT_FALSE(devices.empty());
