@@ -56,15 +56,16 @@ void AudioClip::silenceDamageAndComputePeaks() {
         for (std::int64_t c = 0; c < channelCount; ++c) {
             // The clip is not shared yet: its samples are still ours to mend.
             float* x = const_cast<float*>(channels[static_cast<std::size_t>(c)]) + start;
-            const std::int64_t bad = VectorMath::countBeyond(x, end - start, kDamagedLevel);
-            if (bad > 0) {
-                damagedSamples += bad;
+            // The peak of what stays: damaged samples become silence.
+            const VectorMath::Scan scan = VectorMath::scanWithin(x, end - start, kDamagedLevel);
+            if (scan.beyond > 0) {
+                damagedSamples += scan.beyond;
                 for (std::int64_t i = 0; i < end - start; ++i) {
                     if (!(std::fabs(x[i]) <= kDamagedLevel))
                         x[i] = 0.0f;
                 }
             }
-            peak = std::max(peak, VectorMath::maxMagnitude(x, end - start));
+            peak = std::max(peak, scan.peak);
         }
         peaks[static_cast<std::size_t>(b)] = std::min(peak, 1.0f);
     }

@@ -27,13 +27,42 @@ inline float maxMagnitude(const float* x, std::int64_t n) {
     return peak;
 }
 
-// How many of x[0..n) are NaN, infinite or of a magnitude beyond `limit`. Branch-free, so it
-// vectorises: the common answer, 0, costs one streaming read.
-inline std::int64_t countBeyond(const float* x, std::int64_t n, float limit) {
-    std::int64_t within = 0;
-    for (std::int64_t i = 0; i < n; ++i)
-        within += std::fabs(x[i]) <= limit ? 1 : 0;
-    return n - within;
+// The largest magnitude in x[0..n) that is within `limit`, and how many samples are not (NaN,
+// infinite or beyond): one read of the samples for both, in eight independent lanes so the
+// compiler keeps them in vector registers.
+struct Scan {
+    float peak = 0.0f;
+    std::int64_t beyond = 0;
+};
+
+inline Scan scanWithin(const float* x, std::int64_t n, float limit) {
+    float lane[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    std::int64_t within[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    std::int64_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        for (int k = 0; k < 8; ++k) {
+            const float v = std::fabs(x[i + k]);
+            const bool ok = v <= limit;
+            within[k] += ok ? 1 : 0;
+            const float kept = ok ? v : 0.0f;
+            lane[k] = lane[k] < kept ? kept : lane[k];
+        }
+    }
+    Scan scan;
+    std::int64_t inside = 0;
+    for (; i < n; ++i) {
+        const float v = std::fabs(x[i]);
+        if (v <= limit) {
+            ++inside;
+            scan.peak = std::max(scan.peak, v);
+        }
+    }
+    for (int k = 0; k < 8; ++k) {
+        scan.peak = std::max(scan.peak, lane[k]);
+        inside += within[k];
+    }
+    scan.beyond = n - inside;
+    return scan;
 }
 
 } // namespace VectorMath
