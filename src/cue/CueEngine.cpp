@@ -186,8 +186,17 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
             self->m_mixer.setStart(*voice, 0); // the sound plays without the picture
         self->setStatusMessage(name + kVideoFailed);
     };
-    cue->video = m_video.play(a.path, a.fadeIn, a.loop, info.audioViaPlayer,
-                              static_cast<float>(a.volume), z, outputs, false, {}, onStart, onFail);
+    MovieStart movie;
+    movie.path = a.path;
+    movie.fadeIn = a.fadeIn;
+    movie.loop = a.loop;
+    movie.playerAudio = info.audioViaPlayer;
+    movie.volume = static_cast<float>(a.volume);
+    movie.z = z;
+    movie.outputs = outputs;
+    movie.onStart = onStart;
+    movie.onFail = onFail;
+    cue->video = m_video.play(std::move(movie));
 }
 
 void CueEngine::stop(ActiveCue& cue, double fade) {

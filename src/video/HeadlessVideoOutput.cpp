@@ -50,30 +50,24 @@ HeadlessVideoOutput::HeadlessVideoOutput(Clock clock, bool autoPoll, QObject* pa
 
 HeadlessVideoOutput::~HeadlessVideoOutput() = default;
 
-std::shared_ptr<VideoCue> HeadlessVideoOutput::play(const QString& path, double fadeIn, bool loop,
-                                                    bool playerAudio, float volume, double z,
-                                                    const OutputSet& outputs, bool holdAtEnd,
-                                                    std::function<void()> onEnd,
-                                                    std::function<void(std::uint64_t)> onStart,
-                                                    std::function<void()> onFail) {
-    Q_UNUSED(fadeIn);
+std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
     show();
-    auto known = m_durations.find(path);
+    auto known = m_durations.find(start.path);
     if (known == m_durations.end()) {
-        const MediaProbe probe = AudioLoader::probe(path.toStdString());
-        known = m_durations.emplace(path, probe.hasVideo ? probe.duration : -1.0).first;
+        const MediaProbe probe = AudioLoader::probe(start.path.toStdString());
+        known = m_durations.emplace(start.path, probe.hasVideo ? probe.duration : -1.0).first;
     }
     auto movie = std::make_shared<Movie>(m_clock, std::max(known->second, 0.0));
     movie->failed = known->second < 0.0;
-    movie->loop = loop;
-    movie->usesPlayerAudio = playerAudio;
-    movie->volume = volume;
-    movie->z = z;
-    movie->outputs = outputs;
-    movie->holdAtEnd = holdAtEnd;
-    movie->onEnd = std::move(onEnd);
-    movie->onStart = std::move(onStart);
-    movie->onFail = std::move(onFail);
+    movie->loop = start.loop;
+    movie->usesPlayerAudio = start.playerAudio;
+    movie->volume = start.volume;
+    movie->z = start.z;
+    movie->outputs = std::move(start.outputs);
+    movie->holdAtEnd = start.holdAtEnd;
+    movie->onEnd = std::move(start.onEnd);
+    movie->onStart = std::move(start.onStart);
+    movie->onFail = std::move(start.onFail);
     m_movies.push_back(movie);
     return movie;
 }

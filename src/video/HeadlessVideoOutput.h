@@ -25,11 +25,7 @@ public:
     explicit HeadlessVideoOutput(Clock clock = {}, bool autoPoll = true, QObject* parent = nullptr);
     ~HeadlessVideoOutput() override;
 
-    std::shared_ptr<VideoCue> play(const QString& path, double fadeIn, bool loop, bool playerAudio,
-                                   float volume, double z, const OutputSet& outputs, bool holdAtEnd,
-                                   std::function<void()> onEnd,
-                                   std::function<void(std::uint64_t)> onStart,
-                                   std::function<void()> onFail) override;
+    std::shared_ptr<VideoCue> play(MovieStart start) override;
     std::shared_ptr<ImageCue> showImage(std::function<QImage()> load, double fadeIn, double z,
                                         const OutputSet& outputs) override;
     void stop(VideoCue& cue, double fade) override;

@@ -7,6 +7,7 @@
 #include <QImage>
 #include <QString>
 
+#include "video/MovieStart.h"
 #include "video/VideoCue.h"
 
 // The picture side as the cue engine sees it: movies and images stacked by depth on every
@@ -19,12 +20,8 @@ class VideoOutput {
 public:
     virtual ~VideoOutput() = default;
 
-    // Starts a movie; onStart gets the host time at which the picture starts, onFail runs when
-    // the file cannot be played, onEnd at its end (not for looping movies).
-    virtual std::shared_ptr<VideoCue>
-    play(const QString& path, double fadeIn, bool loop, bool playerAudio, float volume, double z,
-         const OutputSet& outputs, bool holdAtEnd, std::function<void()> onEnd,
-         std::function<void(std::uint64_t)> onStart, std::function<void()> onFail) = 0;
+    // Starts a movie (see MovieStart for what it is told and whom it tells).
+    virtual std::shared_ptr<VideoCue> play(MovieStart start) = 0;
     // Shows a picture that `load` produces (possibly later).
     virtual std::shared_ptr<ImageCue> showImage(std::function<QImage()> load, double fadeIn,
                                                 double z, const OutputSet& outputs) = 0;
