@@ -64,11 +64,10 @@ void AudioEngine::start(std::unique_ptr<AudioBackend> backend, const std::string
 }
 
 void AudioEngine::start(const std::optional<std::string>& deviceUID) {
-    stop();
+    stop(); // also when the uid names no back end: a failed start leaves the engine stopped
     m_deviceUID = deviceUID;
     if (deviceUID) {
-        open(makeBackend(*deviceUID), *deviceUID);
-        m_deviceName = describe(*deviceUID);
+        start(makeBackend(*deviceUID), *deviceUID);
         return;
     }
     // The system default: whatever of these opens first.
