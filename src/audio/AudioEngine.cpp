@@ -102,8 +102,11 @@ bool AudioEngine::canOpen(const std::optional<std::string>& wanted) {
         return true;
     if (wanted && wanted->rfind("alsa:", 0) == 0)
         return AlsaBackend::canOpen(wanted->substr(5));
-    const std::string jackDevice =
-        wanted ? wanted->substr(std::min<std::size_t>(5, wanted->size())) : std::string();
+    // A uid of no known kind never opens: it must not pass for "some JACK device", or the
+    // model would restart the audio every second and fail again.
+    if (wanted && wanted->rfind("jack:", 0) != 0)
+        return false;
+    const std::string jackDevice = wanted ? wanted->substr(5) : std::string();
     if (JackBackend::hasPlaybackPorts(jackDevice))
         return true;
     // The default also takes ALSA's default device when no JACK server runs.

@@ -146,6 +146,11 @@ TEST(DeviceChoice, UnknownOrAbsentDevicesFailWithAMessage) {
 TEST(JackDevice, EightyPortsAreUsedAsSixtyFour) {
     JackServer server(80);
     ASSERT_TRUE(server.ready());
+    // With a server running only JACK uids are looked for there; an unknown kind never opens.
+    EXPECT_TRUE(AudioEngine::canOpen(std::string("jack:system")));
+    EXPECT_FALSE(AudioEngine::canOpen(std::string("jack:no-such-device")));
+    EXPECT_FALSE(AudioEngine::canOpen(std::string("bogus")));
+    EXPECT_FALSE(AudioEngine::canOpen(std::string("alsa:vorlin_no_such_pcm")));
     AudioEngine engine;
     engine.start(std::nullopt); // the default is the running JACK server
     EXPECT_EQ(engine.channelCount(), 64);
