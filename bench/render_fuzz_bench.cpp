@@ -23,6 +23,9 @@ void RenderFuzzLongRun(benchmark::State& state) {
             std::fprintf(stderr, "seed %lld: %s\n", static_cast<long long>(state.range(0)),
                          failure.c_str());
         g_failures += static_cast<int>(outcome.failures.size());
+        std::fprintf(stderr, "seed %lld: digest of every output %016llx\n",
+                     static_cast<long long>(state.range(0)),
+                     static_cast<unsigned long long>(outcome.digest));
         state.counters["cases"] = outcome.cases;
         state.counters["rendered"] = outcome.rendered;
         state.counters["refused"] = outcome.refused;

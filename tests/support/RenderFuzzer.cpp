@@ -187,6 +187,8 @@ QString RenderFuzzer::events(int& keyDowns) {
 
 void RenderFuzzer::check(const QString& wav, int keyDowns, Outcome& outcome) {
     const QByteArray bytes = readAll(wav.toStdString());
+    for (const char byte : bytes)
+        outcome.digest = (outcome.digest ^ static_cast<unsigned char>(byte)) * 1099511628211ull;
     const qsizetype data = bytes.indexOf("data");
     if (data < 0) {
         outcome.failures.push_back("exit 0 without a WAV");
@@ -225,6 +227,7 @@ RenderFuzzer::Outcome RenderFuzzer::run(int cases) {
         const int status = Commands::run(args, outStream, errStream);
         errStream.flush();
         ++outcome.cases;
+        outcome.digest = (outcome.digest ^ static_cast<unsigned>(status)) * 1099511628211ull;
         if (status == 0) {
             ++outcome.rendered;
             check(wav, keyDowns, outcome);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <random>
 #include <string>
 #include <vector>
@@ -23,6 +24,9 @@ public:
         int rendered = 0;
         int refused = 0;
         std::vector<std::string> failures; // one line per broken promise
+        // FNV-1a over every exit status and written WAV: the same seed must give the same
+        // digest before and after a change that should not alter what is rendered.
+        std::uint64_t digest = 14695981039346656037ull;
     };
 
     // Writes the media into `folder` (which must exist).
