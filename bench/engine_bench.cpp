@@ -23,7 +23,7 @@
 
 #include "JackRecorder.h"
 #include "JackServer.h"
-#include "audio/JackBackend.h"
+#include "device/JackBackend.h"
 #include "cue/AppModel.h"
 
 namespace {
@@ -45,7 +45,7 @@ void addKey(AppModel& model, KeyCode code, const AudioClipPtr& clip, const QStri
     MediaInfo info;
     info.probe.hasAudio = true;
     info.clip = clip;
-    model.document().media[a.path] = info;
+    model.media().table()[a.path] = info;
     model.document().assignments[code] = a;
 }
 

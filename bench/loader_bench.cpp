@@ -17,7 +17,7 @@
 #include <unistd.h>
 
 #include "MediaFixtures.h"
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 
 extern char** environ;
 

@@ -28,7 +28,7 @@ void BM_Tick(benchmark::State& state) {
         MediaInfo info;
         info.probe.hasAudio = true;
         info.clip = clip;
-        model.document().media[a.mediaKey()] = info;
+        model.media().table()[a.mediaKey()] = info;
         model.document().assignments[code] = a;
         model.handleKey(code, true, false, false);
     }

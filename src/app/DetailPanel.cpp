@@ -409,7 +409,7 @@ void DetailPanel::refresh() {
                                      : QFileInfo(a->path).fileName());
     m_file->setToolTip(files.join('\n'));
 
-    const MediaInfo* media = m_model.document().mediaFor(*a);
+    const MediaInfo* media = m_model.media().infoFor(*a);
     QStringList info;
     if (media && !media->loading && !media->error) {
         const MediaProbe& probe = media->probe;
@@ -465,7 +465,7 @@ void DetailPanel::refreshRouting(const KeyAssignment& a) {
     showValue(m_outputMap, a.matrix ? QString() : a.outputMap);
     m_outputMap->setPlaceholderText(a.matrix ? QStringLiteral("マトリクスで設定中")
                                              : QStringLiteral("自動（例: 3、1-4、1,3 5）"));
-    const MediaInfo* media = m_model.document().mediaFor(a);
+    const MediaInfo* media = m_model.media().infoFor(a);
     const std::int64_t sources = media && media->clip ? media->clip->channelCount : 0;
     const std::int64_t outputs = m_model.cueEngine().outputChannelCount();
     const std::string map = a.outputMap.toStdString();

@@ -5,8 +5,8 @@
 
 #include <QWidget>
 
-#include "audio/AudioDeviceList.h"
-#include "audio/AudioOutputDevice.h"
+#include "device/AudioDeviceList.h"
+#include "device/AudioOutputDevice.h"
 
 class AppModel;
 class QComboBox;

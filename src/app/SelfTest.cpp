@@ -97,7 +97,7 @@ void checkKeys(AppModel& model, MainWindow& window, const QString& codes, const 
             continue;
         }
         const QString name = keys.at(code).displayName();
-        const MediaInfo* info = model.document().mediaFor(keys.at(code));
+        const MediaInfo* info = model.media().infoFor(keys.at(code));
         if (info && info->error) {
             log.check(model.cueEngine().statusMessage().contains(*info->error),
                       QString("key %1 (%2) reports: %3").arg(code).arg(name, *info->error));
@@ -147,7 +147,7 @@ void checkDemo(AppModel& model, MainWindow& window, const QString& folder, Log& 
         model.editor().switchPage(page);
         waitForMedia(model);
         for (const auto& [code, a] : std::map(model.document().assignments)) {
-            const MediaInfo* info = model.document().mediaFor(a);
+            const MediaInfo* info = model.media().infoFor(a);
             if (!info || !info->clip)
                 continue; // lists wait for the deck model
             press(window, code, true);

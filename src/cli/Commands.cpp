@@ -9,8 +9,8 @@
 #include <QJsonObject>
 #include <QTextStream>
 
-#include "audio/AudioDeviceList.h"
-#include "audio/AudioLoader.h"
+#include "device/AudioDeviceList.h"
+#include "media/AudioLoader.h"
 #include "audio/WavWriter.h"
 #include "cli/EventScript.h"
 #include "cli/ShowRenderer.h"

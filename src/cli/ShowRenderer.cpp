@@ -27,7 +27,7 @@ void ShowRenderer::open(const QString& path) {
 
 QStringList ShowRenderer::mediaProblems() const {
     QStringList problems;
-    for (const auto& [key, info] : m_model->document().media) {
+    for (const auto& [key, info] : m_model->media().table()) {
         const QString name = key.section(QLatin1Char('\n'), 0, 0);
         if (info.error)
             problems << QStringLiteral("メディアを読み込めません: %1: %2").arg(name, *info.error);

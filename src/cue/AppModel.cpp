@@ -7,7 +7,7 @@
 #include <QPointer>
 #include <QThreadPool>
 
-#include "audio/AudioStartError.h"
+#include "device/AudioStartError.h"
 #include "audio/Routing.h"
 #include "model/KeyboardLayout.h"
 #include "model/ValueRanges.h"
@@ -20,8 +20,10 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
           QMetaObject::invokeMethod(this, std::move(call), Qt::QueuedConnection);
       }),
       m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
-      m_engine(std::make_unique<CueEngine>(m_document, m_audio.mixer(), *m_video, m_live)),
-      m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }), m_session(*this),
+      m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }),
+      m_engine(std::make_unique<CueEngine>(m_document, m_media.table(), m_audio.mixer(), *m_video,
+                                           m_live)),
+      m_session(*this),
       m_editor(*this) {
     m_audio.onConfigurationChange = [this] { restartAudio(); };
     // A press on an empty key selects it only when the keyboard draws that key.
@@ -66,7 +68,7 @@ void AppModel::toggleRoute(KeyCode code, std::int64_t source, std::int64_t outpu
     if (found == m_document.assignments.end())
         return;
     const KeyAssignment& a = found->second;
-    const MediaInfo* info = m_document.mediaFor(a);
+    const MediaInfo* info = m_media.infoFor(a);
     const std::int64_t sources = info && info->clip ? info->clip->channelCount : 0;
     const auto shown = Routing::matrix(a.matrix, a.outputMap.toStdString(), sources,
                                        m_engine->outputChannelCount());

@@ -8,7 +8,7 @@
 #include <QObject>
 #include <QTimer>
 
-#include "audio/AudioEngine.h"
+#include "device/AudioEngine.h"
 #include "audio/Mixer.h"
 #include "cue/CueEngine.h"
 #include "cue/LiveState.h"
@@ -129,8 +129,8 @@ private:
     std::optional<std::int64_t> m_toneChannel;
     std::unique_ptr<VideoOutput> m_video;
     LiveState m_live;
-    std::unique_ptr<CueEngine> m_engine;
     MediaLoader m_media;
+    std::unique_ptr<CueEngine> m_engine;
     ShowSession m_session;
     ShowEditor m_editor;
     QStringList m_videoOutputs;

@@ -25,9 +25,9 @@ void raiseTo(std::vector<float>& into, const std::vector<float>& levels) {
 
 } // namespace
 
-CueEngine::CueEngine(ShowDocument& document, Mixer& mixer, VideoOutput& video, LiveState& live,
-                     QObject* parent)
-    : QObject(parent), m_document(document), m_mixer(mixer), m_video(video), m_live(live),
+CueEngine::CueEngine(ShowDocument& document, const MediaTable& media, Mixer& mixer,
+                     VideoOutput& video, LiveState& live, QObject* parent)
+    : QObject(parent), m_document(document), m_media(media), m_mixer(mixer), m_video(video), m_live(live),
       m_isLayoutKey([](KeyCode) { return true; }), m_beep([] {}) {}
 
 void CueEngine::setStatusMessage(const QString& message) {
@@ -128,7 +128,7 @@ void CueEngine::startKey(KeyCode code, std::int64_t deckIndex) {
     if (found == m_document.assignments.end())
         return;
     const KeyAssignment a = found->second;
-    const MediaInfo* info = m_document.mediaFor(a);
+    const MediaInfo* info = mediaFor(m_media, a);
     if (!info || info->loading) {
         setStatusMessage(a.displayName() + QStringLiteral(" は") +
                          (info ? info->progressText : kLoading));
@@ -250,7 +250,7 @@ std::optional<CueEngine::SeekTarget> CueEngine::seekTarget(const ActiveCue& cue)
     if (!cue.voiceID && !cue.video)
         return std::nullopt;
     SeekTarget target{cue.voiceID, cue.video, 0.0};
-    const MediaInfo* info = m_document.mediaFor(cue.assignment);
+    const MediaInfo* info = mediaFor(m_media, cue.assignment);
     if (info && info->probe.duration > 0.0)
         target.duration = info->probe.duration;
     else if (cue.video)

@@ -10,6 +10,7 @@
 
 #include "cue/ActiveCue.h"
 #include "cue/LiveState.h"
+#include "cue/MediaInfo.h"
 #include "model/ShowDocument.h"
 
 class Mixer;
@@ -34,8 +35,8 @@ public:
     static constexpr double kRetriggerCut = 0.03;
     static constexpr float kMeterRelease = 0.86f; // per tick
 
-    CueEngine(ShowDocument& document, Mixer& mixer, VideoOutput& video, LiveState& live,
-              QObject* parent = nullptr);
+    CueEngine(ShowDocument& document, const MediaTable& media, Mixer& mixer, VideoOutput& video,
+              LiveState& live, QObject* parent = nullptr);
 
     // The device's output channel count (routing and the number of meters).
     void setOutputChannelCount(std::int64_t channels) { m_outputChannels = channels; }
@@ -90,6 +91,7 @@ private:
     std::optional<SeekTarget> seekTarget(const ActiveCue& cue) const;
 
     ShowDocument& m_document;
+    const MediaTable& m_media;
     Mixer& m_mixer;
     VideoOutput& m_video;
     LiveState& m_live;

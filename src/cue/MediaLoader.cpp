@@ -70,12 +70,12 @@ MediaLoader::~MediaLoader() {
 
 void MediaLoader::loadMedia(const KeyAssignment& assignment, bool force) {
     const QString key = assignment.mediaKey();
-    if (!force && m_document.media.count(key))
+    if (!force && m_table.count(key))
         return;
     if (const auto reason = notYetPlayable(assignment)) {
         MediaInfo info;
         info.error = *reason;
-        m_document.media[key] = info;
+        m_table[key] = info;
         emit mediaChanged(key);
         return;
     }
@@ -84,7 +84,7 @@ void MediaLoader::loadMedia(const KeyAssignment& assignment, bool force) {
     MediaInfo placeholder;
     placeholder.loading = true;
     placeholder.progressText = kLoading;
-    m_document.media[key] = placeholder;
+    m_table[key] = placeholder;
     const std::uint64_t generation = ++m_generation;
     auto cancel = std::make_shared<AudioLoader::CancelFlag>(false);
     m_running[key] = {generation, cancel};
@@ -113,8 +113,8 @@ void MediaLoader::finished(const QString& key, std::uint64_t generation, MediaIn
         return; // released or reloaded meanwhile
     m_running.erase(running);
     const std::optional<QString> warning = info.warning;
-    if (m_document.media.count(key))
-        m_document.media[key] = std::move(info);
+    if (m_table.count(key))
+        m_table[key] = std::move(info);
     emit mediaChanged(key);
     if (missing)
         emit missingFiles({QFileInfo(key).fileName()});
@@ -136,7 +136,7 @@ void MediaLoader::releaseMediaIfUnused(const std::optional<QString>& excluding) 
     std::set<QString> used;
     for (const KeyAssignment& a : m_document.allAssignments())
         used.insert(a.mediaKey());
-    for (auto it = m_document.media.begin(); it != m_document.media.end();) {
+    for (auto it = m_table.begin(); it != m_table.end();) {
         if (used.count(it->first) || it->first == excluding) {
             ++it;
             continue;
@@ -145,6 +145,13 @@ void MediaLoader::releaseMediaIfUnused(const std::optional<QString>& excluding) 
             *running->second.cancel = true;
             m_running.erase(running);
         }
-        it = m_document.media.erase(it);
+        it = m_table.erase(it);
     }
+}
+
+void MediaLoader::clear() {
+    for (auto& [key, running] : m_running)
+        *running.cancel = true;
+    m_running.clear();
+    m_table.clear();
 }

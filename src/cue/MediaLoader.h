@@ -9,11 +9,12 @@
 #include <QString>
 #include <QStringList>
 
-#include "audio/AudioLoader.h"
+#include "cue/MediaInfo.h"
+#include "media/AudioLoader.h"
 #include "model/ShowDocument.h"
 
-// Keeps the media table in step with the keys: probes and decodes each key's media on Qt's
-// thread pool and stores the result in the document's `media` under its media key; drops what
+// Owns the media table and keeps it in step with the keys: probes and decodes each key's media on
+// Qt's thread pool and stores the result under its media key; drops what
 // no key uses any more (freeing the decoded audio and cancelling a load still running).
 //
 // Slide files, images and lists become decks with the deck builder; until then their entry
@@ -29,10 +30,19 @@ public:
                 QObject* parent = nullptr);
     ~MediaLoader() override;
 
+    const MediaTable& table() const { return m_table; }
+    // For putting a made-up entry in place (tests, benchmarks).
+    MediaTable& table() { return m_table; }
+    const MediaInfo* infoFor(const KeyAssignment& assignment) const {
+        return mediaFor(m_table, assignment);
+    }
+
     void loadMedia(const KeyAssignment& assignment, bool force);
     // Every assignment of every page.
     void reloadAll(bool force);
     void releaseMediaIfUnused(const std::optional<QString>& excluding = std::nullopt);
+    // Empties the table and cancels every load (another show replaces this one).
+    void clear();
     // Loads still running.
     int pending() const { return static_cast<int>(m_running.size()); }
 
@@ -52,6 +62,7 @@ private:
     void finished(const QString& key, std::uint64_t generation, MediaInfo info, bool missing);
 
     ShowDocument& m_document;
+    MediaTable m_table;
     std::function<double()> m_targetRate;
     std::map<QString, Running> m_running;
     std::uint64_t m_generation = 0;

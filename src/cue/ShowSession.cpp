@@ -4,7 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include "audio/AudioDeviceList.h"
+#include "device/AudioDeviceList.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
@@ -100,7 +100,7 @@ void ShowSession::open(const QString& path) {
         std::min<std::int64_t>(wanted, static_cast<std::int64_t>(pages.size()) - 1));
 
     ShowDocument& show = m_model.document();
-    show.media.clear();
+    m_model.media().clear();
     show.pages = std::move(pages);
     show.currentPage = current;
     show.assignments = show.pages[current].keys;
@@ -170,7 +170,7 @@ void ShowSession::newDocument() {
     first.name = kFirstPage;
     show.pages = {first};
     show.currentPage = 0;
-    show.media.clear();
+    m_model.media().clear();
     m_model.setMutedOutputs({});
     m_applying = false;
     m_path.reset();

@@ -39,8 +39,3 @@ std::vector<KeyAssignment> ShowDocument::allAssignments() const {
     }
     return all;
 }
-
-const MediaInfo* ShowDocument::mediaFor(const KeyAssignment& assignment) const {
-    const auto found = media.find(assignment.mediaKey());
-    return found == media.end() ? nullptr : &found->second;
-}

@@ -9,11 +9,11 @@
 
 #include "model/KeyAssignment.h"
 #include "model/KeyPage.h"
-#include "model/MediaInfo.h"
 
 // The document half of the model's state: the pages, the working copy of the current page's
-// keys, the media table and the selection. Every edit goes to `assignments`; the current page's
+// keys and the selection. Every edit goes to `assignments`; the current page's
 // own `keys` are brought up to date from it when the page is left and when the show is saved.
+// What the keys' files hold at run time is not the document's: see cue/MediaInfo.h.
 // Main thread.
 struct ShowDocument {
     ShowDocument();
@@ -21,7 +21,6 @@ struct ShowDocument {
     std::vector<KeyPage> pages; // never empty
     std::size_t currentPage = 0;
     std::map<KeyCode, KeyAssignment> assignments;
-    std::map<QString, MediaInfo> media; // by media key
     std::optional<KeyCode> selectedKey;
 
     QUuid currentPageID() const;
@@ -33,5 +32,4 @@ struct ShowDocument {
     void loadPage(std::size_t index);
     // Every page's assignments, the current page taken from `assignments`.
     std::vector<KeyAssignment> allAssignments() const;
-    const MediaInfo* mediaFor(const KeyAssignment& assignment) const;
 };

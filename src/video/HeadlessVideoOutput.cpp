@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 #include "audio/HostTime.h"
 
 namespace {

@@ -133,17 +133,17 @@ TEST(DemoShow, IsMadeOnceAndPlaysFromTheFirstPress) {
     EXPECT_EQ(model.document().assignments.size(), 4u);
     while (model.media().pending() > 0)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
-    const MediaInfo* bell = model.document().mediaFor(model.document().assignments.at(0));
+    const MediaInfo* bell = model.media().infoFor(model.document().assignments.at(0));
     ASSERT_TRUE(bell && bell->clip);
     EXPECT_GT(*std::max_element(bell->clip->peaks.begin(), bell->clip->peaks.end()), 0.3f);
-    const MediaInfo* drone = model.document().mediaFor(model.document().assignments.at(1));
+    const MediaInfo* drone = model.media().infoFor(model.document().assignments.at(1));
     ASSERT_TRUE(drone && drone->clip);
     EXPECT_EQ(drone->clip->frameCount, 8 * 48000);
     // The drone loops without a seam: its last frame runs on into its first.
     const float* x = drone->clip->channels[0];
     EXPECT_NEAR(x[drone->clip->frameCount - 1] + (x[1] - x[0]), x[0], 0.01);
     EXPECT_TRUE(
-        model.document().mediaFor(model.document().assignments.at(3))->error); // a list, for now
+        model.media().infoFor(model.document().assignments.at(3))->error); // a list, for now
 }
 
 } // namespace

@@ -26,7 +26,7 @@ void addToggleKeyD(AppModel& model) {
     info.probe.hasAudio = true;
     info.clip = std::make_shared<const AudioClip>(
         std::vector<std::vector<float>>{std::vector<float>(48000, 0.5f)}, 48000.0);
-    model.document().media["/show/d.wav"] = info;
+    model.media().table()["/show/d.wav"] = info;
 }
 
 class Window : public ::testing::Test {

@@ -13,7 +13,7 @@
 #include "JackServer.h"
 #include "SignalMeasure.h"
 #include "TempDir.h"
-#include "audio/JackBackend.h"
+#include "device/JackBackend.h"
 #include "cue/AppModel.h"
 
 namespace {
@@ -44,7 +44,7 @@ void addToneKey(AppModel& model) {
     MediaInfo info;
     info.probe.hasAudio = true;
     info.clip = std::make_shared<const AudioClip>(std::vector<std::vector<float>>{x}, 48000.0);
-    model.document().media[a.path] = info;
+    model.media().table()[a.path] = info;
     model.document().assignments[kA] = a;
 }
 

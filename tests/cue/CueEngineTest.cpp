@@ -3,7 +3,7 @@
 #include "CueStage.h"
 #include "MediaFixtures.h"
 #include "TempDir.h"
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 
 namespace {
 
@@ -171,17 +171,17 @@ TEST(Pages, CuesOutliveAPageSwitchAndOnlyEscapeOrTheRuleReachThem) {
 TEST(Messages, LoadingFailedOrUnassignedKeysStartNothing) {
     CueStage stage;
     stage.addKey(kA, "tone", 0.5f, "1");
-    MediaInfo& info = stage.doc().media["/show/tone.wav"];
+    MediaInfo& info = stage.model.media().table()["/show/tone.wav"];
     info.loading = true;
     info.progressText = "読み込み中 45%";
     stage.press(kA);
     EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中 45%");
 
-    stage.doc().media.clear();
+    stage.model.media().table().clear();
     stage.press(kA);
     EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中です");
 
-    stage.doc().media["/show/tone.wav"].error = QString("読み込みに失敗しました");
+    stage.model.media().table()["/show/tone.wav"].error = QString("読み込みに失敗しました");
     stage.press(kA);
     EXPECT_EQ(stage.engine().statusMessage(), "tone: 読み込みに失敗しました");
     EXPECT_EQ(stage.beeps, 1);
@@ -197,7 +197,7 @@ TEST(VideoKeys, SoundWaitsForThePictureAndPlaysWithoutItWhenItFails) {
     TempDir dir;
     CueStage stage;
     ASSERT_TRUE(stage.addVideoKey(kA, dir.file("movie.mp4"), 1.0, "1"));
-    const MediaInfo info = stage.doc().media.begin()->second;
+    const MediaInfo info = stage.model.media().table().begin()->second;
 
     stage.run(0.01); // two blocks: frames 0–511, with the tick at frame 0
     stage.press(kA);
@@ -217,7 +217,7 @@ TEST(VideoKeys, SoundWaitsForThePictureAndPlaysWithoutItWhenItFails) {
     KeyAssignment b("/show/not-a-movie.wav", 0);
     b.outputMap = "1";
     MediaInfo fake = info;
-    broken.doc().media[b.path] = fake;
+    broken.model.media().table()[b.path] = fake;
     broken.doc().assignments[kS] = b;
     broken.press(kS);
     out = broken.run(0.1);
@@ -249,7 +249,7 @@ TEST(Seek, AudioMovesAtOnceNeverQuiteToTheEndAndNotWhileStopping) {
     std::vector<float> ramp(96000);
     for (std::size_t i = 0; i < ramp.size(); ++i)
         ramp[i] = static_cast<float>(i) / 96000.0f;
-    stage.doc().media[a.mediaKey()].clip =
+    stage.model.media().table()[a.mediaKey()].clip =
         std::make_shared<const AudioClip>(std::vector<std::vector<float>>{ramp}, 48000.0);
     stage.press(kA);
     stage.run(0.1);

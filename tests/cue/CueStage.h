@@ -6,7 +6,7 @@
 
 #include "MediaFixtures.h"
 #include "audio/AudioClip.h"
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
 #include "video/HeadlessVideoOutput.h"
@@ -40,7 +40,7 @@ public:
             std::vector<std::vector<float>>{
                 std::vector<float>(static_cast<std::size_t>(seconds * 48000), level)},
             48000.0);
-        doc().media[a.mediaKey()] = info;
+        model.media().table()[a.mediaKey()] = info;
         return doc().assignments[code] = a;
     }
 
@@ -56,7 +56,7 @@ public:
         MediaInfo info;
         info.probe = AudioLoader::probe(path);
         info.clip = AudioLoader::loadClip(path, 48000.0, info.probe);
-        doc().media[a.path] = info;
+        model.media().table()[a.path] = info;
         doc().assignments[code] = a;
         return true;
     }

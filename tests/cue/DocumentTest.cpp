@@ -329,10 +329,10 @@ TEST_F(Document, OneFileOnThousandsOfKeysIsLoadedOnce) {
     while (model.media().pending() > 0)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
     EXPECT_EQ(changes, 2); // started, finished
-    ASSERT_EQ(model.document().media.size(), 1u);
-    const MediaInfo* first = model.document().mediaFor(model.document().assignments.at(0));
+    ASSERT_EQ(model.media().table().size(), 1u);
+    const MediaInfo* first = model.media().infoFor(model.document().assignments.at(0));
     ASSERT_TRUE(first && first->clip);
-    EXPECT_EQ(model.document().mediaFor(model.document().pages[1].keys.at(1499))->clip,
+    EXPECT_EQ(model.media().infoFor(model.document().pages[1].keys.at(1499))->clip,
               first->clip);
 }
 

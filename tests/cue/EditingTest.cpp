@@ -107,12 +107,12 @@ TEST_F(Editing, ListItemsAreRemovedDownToAnEmptyKey) {
     EXPECT_EQ(*keys().at(kS).sources, (QStringList{file("a.wav"), file("c.wav")}));
     editor().removeFromList(kS, "0");
     EXPECT_EQ(keys().at(kS).path, file("c.wav"));
-    EXPECT_EQ(stage.doc().media.count("list:" + file("c.wav")), 1u);
-    EXPECT_EQ(stage.doc().media.count("list:" + file("a.wav") + "\n" + file("c.wav")),
+    EXPECT_EQ(stage.model.media().table().count("list:" + file("c.wav")), 1u);
+    EXPECT_EQ(stage.model.media().table().count("list:" + file("a.wav") + "\n" + file("c.wav")),
               0u); // released
     editor().removeFromList(kS, "0");
     EXPECT_EQ(keys().count(kS), 0u);
-    EXPECT_TRUE(stage.doc().media.empty());
+    EXPECT_TRUE(stage.model.media().table().empty());
 }
 
 TEST_F(Editing, CopyRoutingUpdateAndRename) {
@@ -195,13 +195,13 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     const QString tone = file("tone.wav");
     ASSERT_TRUE(MediaFixtures::write(tone.toStdString(), "pcm_s16le", {{2, 48000, 1.0}}));
     editor().assign(tone, kA);
-    EXPECT_TRUE(stage.doc().media.at(tone).loading);
+    EXPECT_TRUE(stage.model.media().table().at(tone).loading);
     stage.press(kA);
     EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中…");
     const auto deadline = std::chrono::steady_clock::now() + 10s;
     while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    const MediaInfo& info = stage.doc().media.at(tone);
+    const MediaInfo& info = stage.model.media().table().at(tone);
     ASSERT_FALSE(info.loading);
     ASSERT_TRUE(info.clip);
     EXPECT_EQ(info.clip->channelCount, 2);
@@ -212,14 +212,14 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     editor().assignList({tone, tone}, kF);
     while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    EXPECT_EQ(stage.doc().media.at(file("gone.wav")).error, QString("ファイルが見つかりません"));
+    EXPECT_EQ(stage.model.media().table().at(file("gone.wav")).error, QString("ファイルが見つかりません"));
     EXPECT_EQ(stage.engine().statusMessage(), "見つからないファイルがあります: gone.wav");
-    EXPECT_EQ(stage.doc().media.at(file("deck.pdf")).error,
+    EXPECT_EQ(stage.model.media().table().at(file("deck.pdf")).error,
               QString("スライドの再生にはまだ対応していません"));
-    EXPECT_TRUE(stage.doc().media.at("list:" + tone + "\n" + tone).error);
+    EXPECT_TRUE(stage.model.media().table().at("list:" + tone + "\n" + tone).error);
 
     editor().clear(kA);
-    EXPECT_EQ(stage.doc().media.count(tone), 0u);
+    EXPECT_EQ(stage.model.media().table().count(tone), 0u);
     EXPECT_TRUE(clip.expired()); // the decoded audio itself is gone
 }
 

@@ -3,7 +3,7 @@
 #include "CueStage.h"
 #include "MediaFixtures.h"
 #include "TempDir.h"
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "audio/AudioEngine.h"
+#include "device/AudioEngine.h"
 
 #include <alsa/asoundlib.h>
 #include <atomic>
@@ -15,12 +15,12 @@
 #include "MixerTestSupport.h"
 #include "SignalMeasure.h"
 #include "TempDir.h"
-#include "audio/AudioDeviceList.h"
-#include "audio/AudioStartError.h"
+#include "device/AudioDeviceList.h"
+#include "device/AudioStartError.h"
 #include "audio/HostTime.h"
-#include "audio/Interleave.h"
-#include "audio/JackBackend.h"
-#include "audio/NullBackend.h"
+#include "device/Interleave.h"
+#include "device/JackBackend.h"
+#include "device/NullBackend.h"
 
 namespace {
 
@@ -214,7 +214,7 @@ TEST(DeviceClock, AVoiceArmedForAHostTimeReachesTheJackPortThen) {
 TEST(DeviceClock, NullAndAlsaDevicesStartArmedVoicesAtTheirHostTime) {
     TempDir dir;
     const std::string file = dir.file("out.raw");
-    for (const std::string uid : {std::string("null"), "alsa:file:FILE=" + file + ",FORMAT=raw"}) {
+    for (const std::string& uid : {std::string("null"), "alsa:file:FILE=" + file + ",FORMAT=raw"}) {
         AudioEngine engine;
         engine.start(uid);
         std::this_thread::sleep_for(100ms);

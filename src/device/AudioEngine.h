@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "audio/AudioBackend.h"
+#include "device/AudioBackend.h"
 #include "audio/Mixer.h"
 
 // Connects the mixer to one output device and restarts on configuration changes.
@@ -62,11 +62,6 @@ public:
     // Whether the wanted device can be opened now. Opens and closes it (a JACK client, a PCM):
     // call it off the main thread, and only while isOnFallback. Any thread.
     static bool canOpen(const std::optional<std::string>& wanted);
-
-    // A back end for a uid; throws AudioStartError for a uid of no known kind.
-    static std::unique_ptr<AudioBackend> makeBackend(const std::string& uid);
-    // What the settings show for a uid ("JACK: system", "ALSA: hw:1", …).
-    static std::string describe(const std::string& uid);
 
 private:
     void open(std::unique_ptr<AudioBackend> backend, const std::string& uid);

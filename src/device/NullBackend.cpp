@@ -1,4 +1,4 @@
-#include "audio/NullBackend.h"
+#include "device/NullBackend.h"
 
 #include <algorithm>
 #include <ctime>

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "audio/AudioFormat.h"
+#include "media/AudioFormat.h"
 #include "audio/SampleBuffer.h"
 
 // Decoded audio on its way to becoming a clip: one float buffer per channel.

@@ -1,6 +1,6 @@
-#include "audio/MediaFile.h"
+#include "media/MediaFile.h"
 
-#include "audio/LoadError.h"
+#include "media/LoadError.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "audio/AudioClip.h"
-#include "audio/AudioFormat.h"
-#include "audio/LoadError.h"
-#include "audio/MediaProbe.h"
-#include "audio/PcmBuffer.h"
+#include "media/AudioFormat.h"
+#include "media/LoadError.h"
+#include "media/MediaProbe.h"
+#include "media/PcmBuffer.h"
 
 // Decodes audio files, and the sound of video files, whole into memory at the engine's rate.
 //

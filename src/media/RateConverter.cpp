@@ -1,10 +1,10 @@
-#include "audio/RateConverter.h"
+#include "media/RateConverter.h"
 
 #include <algorithm>
 #include <cmath>
 #include <soxr.h>
 
-#include "audio/LoadError.h"
+#include "media/LoadError.h"
 
 RateConverter::RateConverter(double inputRate, double outputRate, int channels)
     : m_channels(channels), m_ratio(outputRate / inputRate),

@@ -5,7 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "audio/AudioBackend.h"
+#include "device/AudioBackend.h"
+#include "device/AudioOutputDevice.h"
 #include "audio/AudioBufferList.h"
 
 typedef struct _snd_pcm snd_pcm_t;
@@ -38,6 +39,9 @@ public:
 
     // alsa-lib prints its errors to stderr; the back end reports failures itself.
     static void silenceLibraryMessages();
+    // The playback PCMs worth offering (cards, HDMI, the sound servers), uid and name being the
+    // PCM's name and description. Opens each briefly, without blocking. Any thread.
+    static void addDevices(std::vector<AudioOutputDevice>& devices);
 
 private:
     enum class SampleFormat { float32, int32, int16 };

@@ -1,22 +1,23 @@
-#include "audio/AudioEngine.h"
+#include "device/AudioEngine.h"
 
 #include <algorithm>
 
-#include "audio/AlsaBackend.h"
-#include "audio/AudioStartError.h"
-#include "audio/JackBackend.h"
-#include "audio/NullBackend.h"
+#include "device/AudioStartError.h"
+#include "device/BackendKind.h"
+#include "device/JackBackend.h"
 
 namespace {
 
 const std::string kSystemDefault = "システム既定";
 
-// Nothing is heard from the null device: blocks of 21 ms keep meters and cue times at the
-// tick's resolution while its thread wakes 47 times a second instead of 187.
-constexpr std::int64_t kNullBlockFrames = 1024;
+// The system default: the first of these that opens (the null device when none does).
+const char* const kDefaultOrder[] = {"jack:", "alsa:default"};
 
-std::unique_ptr<NullBackend> nullDevice() {
-    return std::make_unique<NullBackend>(8, 48000.0, kNullBlockFrames);
+std::unique_ptr<AudioBackend> makeBackend(const std::string& uid) {
+    std::string name;
+    if (const BackendKind* kind = BackendKind::find(uid, &name))
+        return kind->make(name);
+    throw AudioStartError::cannotSelect("不明なデバイスです: " + uid);
 }
 
 } // namespace
@@ -36,31 +37,11 @@ AudioEngine::~AudioEngine() {
     sem_destroy(&m_notices);
 }
 
-std::unique_ptr<AudioBackend> AudioEngine::makeBackend(const std::string& uid) {
-    if (uid.rfind("jack:", 0) == 0)
-        return std::make_unique<JackBackend>(uid.substr(5));
-    if (uid.rfind("alsa:", 0) == 0 && uid.size() > 5)
-        return std::make_unique<AlsaBackend>(uid.substr(5));
-    if (uid == "null")
-        return nullDevice();
-    throw AudioStartError::cannotSelect("不明なデバイスです: " + uid);
-}
-
-std::string AudioEngine::describe(const std::string& uid) {
-    if (uid.rfind("jack:", 0) == 0)
-        return "JACK: " + uid.substr(5);
-    if (uid.rfind("alsa:", 0) == 0)
-        return "ALSA: " + uid.substr(5);
-    if (uid == "null")
-        return "出力なし（無音）";
-    return uid;
-}
-
 void AudioEngine::start(std::unique_ptr<AudioBackend> backend, const std::string& uid) {
     stop();
     m_deviceUID = uid;
     open(std::move(backend), uid);
-    m_deviceName = describe(uid);
+    m_deviceName = BackendKind::describe(uid);
 }
 
 void AudioEngine::start(const std::optional<std::string>& deviceUID) {
@@ -71,7 +52,7 @@ void AudioEngine::start(const std::optional<std::string>& deviceUID) {
         return;
     }
     // The system default: whatever of these opens first.
-    for (const std::string uid : {"jack:", "alsa:default"}) {
+    for (const std::string uid : kDefaultOrder) {
         try {
             open(makeBackend(uid), uid);
             m_deviceName = kSystemDefault;
@@ -79,7 +60,7 @@ void AudioEngine::start(const std::optional<std::string>& deviceUID) {
         } catch (const AudioStartError&) {
         }
     }
-    open(nullDevice(), "null");
+    open(makeBackend("null"), "null");
     m_deviceName = kSystemDefault;
 }
 
@@ -98,19 +79,18 @@ bool AudioEngine::isOnFallback(const std::optional<std::string>& wanted) const {
 }
 
 bool AudioEngine::canOpen(const std::optional<std::string>& wanted) {
-    if (wanted && *wanted == "null")
-        return true;
-    if (wanted && wanted->rfind("alsa:", 0) == 0)
-        return AlsaBackend::canOpen(wanted->substr(5));
-    // A uid of no known kind never opens: it must not pass for "some JACK device", or the
-    // model would restart the audio every second and fail again.
-    if (wanted && wanted->rfind("jack:", 0) != 0)
-        return false;
-    const std::string jackDevice = wanted ? wanted->substr(5) : std::string();
-    if (JackBackend::hasPlaybackPorts(jackDevice))
-        return true;
-    // The default also takes ALSA's default device when no JACK server runs.
-    return !wanted && AlsaBackend::canOpen("default");
+    std::string name;
+    if (wanted) {
+        // A uid of no known kind never opens: the model would otherwise restart the audio
+        // every second and fail again.
+        const BackendKind* kind = BackendKind::find(*wanted, &name);
+        return kind && kind->canOpen(name);
+    }
+    for (const std::string uid : kDefaultOrder) {
+        if (BackendKind::find(uid, &name)->canOpen(name))
+            return true;
+    }
+    return false;
 }
 
 void AudioEngine::open(std::unique_ptr<AudioBackend> backend, const std::string& uid) {

@@ -1,4 +1,4 @@
-#include "audio/AudioDeviceList.h"
+#include "device/AudioDeviceList.h"
 
 #include <algorithm>
 #include <alsa/asoundlib.h>
@@ -10,84 +10,10 @@
 #include <mutex>
 #include <thread>
 
-#include "audio/AlsaBackend.h"
-#include "audio/JackBackend.h"
-#include "audio/Mixer.h"
+#include "device/BackendKind.h"
+#include "device/JackBackend.h"
 
 namespace {
-
-bool isListedPcm(const std::string& name) {
-    static const char* kPrefixes[] = {"hw:", "plughw:", "hdmi:"};
-    if (name == "default" || name == "pipewire" || name == "pulse" || name == "jack")
-        return true;
-    return std::any_of(std::begin(kPrefixes), std::end(kPrefixes),
-                       [&](const char* p) { return name.rfind(p, 0) == 0; });
-}
-
-std::int64_t alsaChannels(const std::string& name) {
-    snd_pcm_t* pcm = nullptr;
-    if (snd_pcm_open(&pcm, name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
-        return 0;
-    snd_pcm_hw_params_t* hw = nullptr;
-    snd_pcm_hw_params_alloca(&hw);
-    unsigned channels = 0;
-    if (snd_pcm_hw_params_any(pcm, hw) >= 0)
-        snd_pcm_hw_params_get_channels_max(hw, &channels);
-    snd_pcm_close(pcm);
-    return std::min<std::int64_t>(channels,
-                                  AlsaBackend::isSoundServer(name) ? 2 : Mixer::kMaxOutputs);
-}
-
-void addAlsaDevices(std::vector<AudioOutputDevice>& devices) {
-    AlsaBackend::silenceLibraryMessages();
-    void** hints = nullptr;
-    if (snd_device_name_hint(-1, "pcm", &hints) < 0)
-        return;
-    for (void** hint = hints; *hint; ++hint) {
-        char* name = snd_device_name_get_hint(*hint, "NAME");
-        char* description = snd_device_name_get_hint(*hint, "DESC");
-        char* direction = snd_device_name_get_hint(*hint, "IOID");
-        const bool output = !direction || std::string(direction) == "Output";
-        if (name && output && isListedPcm(name)) {
-            if (const std::int64_t channels = alsaChannels(name); channels > 0) {
-                std::string label = description ? description : name;
-                std::replace(label.begin(), label.end(), '\n', ' ');
-                devices.push_back({0, std::string("alsa:") + name, "ALSA: " + label, channels});
-            }
-        }
-        free(name);
-        free(description);
-        free(direction);
-    }
-    snd_device_name_free_hint(hints);
-}
-
-// JACK devices as a connected client sees them: clients owning physical playback ports.
-void addJackDevices(jack_client_t* client, std::vector<AudioOutputDevice>& devices) {
-    std::map<std::string, std::int64_t> ports; // client → physical playback ports, in order seen
-    std::vector<std::string> order;
-    if (const char** names = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE,
-                                            JackPortIsPhysical | JackPortIsInput)) {
-        for (const char** p = names; *p; ++p) {
-            const std::string owner = std::string(*p).substr(0, std::string(*p).find(':'));
-            if (ports[owner]++ == 0)
-                order.push_back(owner);
-        }
-        jack_free(names);
-    }
-    for (const auto& owner : order)
-        devices.push_back({0, "jack:" + owner, "JACK: " + owner,
-                           std::min<std::int64_t>(ports[owner], Mixer::kMaxOutputs)});
-}
-
-void addJackDevices(std::vector<AudioOutputDevice>& devices) {
-    JackBackend::silenceLibraryMessages();
-    jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
-    if (!client)
-        return;
-    addJackDevices(client, devices);
-    jack_client_close(client);
-}
 
 std::string soundCards() {
     std::string text;
@@ -136,7 +62,7 @@ private:
             connect();
         if (m_client) {
             std::vector<AudioOutputDevice> jack;
-            addJackDevices(m_client, jack);
+            JackBackend::addDevices(jack, m_client);
             for (const auto& device : jack)
                 text += device.uid + ":" + std::to_string(device.channels) + "\n";
         }
@@ -209,9 +135,14 @@ namespace AudioDeviceList {
 
 std::vector<AudioOutputDevice> outputDevices() {
     std::vector<AudioOutputDevice> devices;
-    addJackDevices(devices);
-    addAlsaDevices(devices);
-    devices.push_back({0, "null", "出力なし（無音）", 8});
+    for (const BackendKind& kind : BackendKind::all()) {
+        const std::size_t first = devices.size();
+        kind.list(devices);
+        for (std::size_t i = first; i < devices.size(); ++i) {
+            devices[i].uid = std::string(kind.prefix) + devices[i].uid;
+            devices[i].name = std::string(kind.label) + devices[i].name;
+        }
+    }
     for (std::size_t i = 0; i < devices.size(); ++i)
         devices[i].id = static_cast<std::uint32_t>(i);
     return devices;

@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "audio/AudioOutputDevice.h"
+#include "device/AudioOutputDevice.h"
 
 // The output devices the operator can choose: JACK devices (clients with physical playback
 // ports) when a JACK server runs, ALSA playback PCMs, and "null" (no output).

@@ -4,7 +4,7 @@
 #include <thread>
 #include <vector>
 
-#include "audio/AudioBackend.h"
+#include "device/AudioBackend.h"
 #include "audio/AudioBufferList.h"
 
 // No hardware: a thread renders a block every period against the monotonic clock, as a sound

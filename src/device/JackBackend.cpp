@@ -1,11 +1,12 @@
-#include "audio/JackBackend.h"
+#include "device/JackBackend.h"
 
 #include <algorithm>
 #include <cstring>
 #include <jack/jack.h>
+#include <map>
 #include <mutex>
 
-#include "audio/AudioStartError.h"
+#include "device/AudioStartError.h"
 #include "audio/HostTime.h"
 #include "audio/Mixer.h"
 
@@ -206,4 +207,30 @@ void JackBackend::shutdown(void* arg) {
 int JackBackend::xrun(void* arg) {
     static_cast<JackBackend*>(arg)->m_xruns.fetch_add(1, std::memory_order_relaxed);
     return 0;
+}
+
+void JackBackend::addDevices(std::vector<AudioOutputDevice>& devices, jack_client_t* client) {
+    if (!client) {
+        silenceLibraryMessages();
+        client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
+        if (!client)
+            return;
+        addDevices(devices, client);
+        jack_client_close(client);
+        return;
+    }
+    std::map<std::string, std::int64_t> ports; // client → physical playback ports, in order seen
+    std::vector<std::string> order;
+    if (const char** names = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE,
+                                            JackPortIsPhysical | JackPortIsInput)) {
+        for (const char** p = names; *p; ++p) {
+            const std::string owner = std::string(*p).substr(0, std::string(*p).find(':'));
+            if (ports[owner]++ == 0)
+                order.push_back(owner);
+        }
+        jack_free(names);
+    }
+    for (const auto& owner : order)
+        devices.push_back(
+            {0, owner, owner, std::min<std::int64_t>(ports[owner], Mixer::kMaxOutputs)});
 }

@@ -1,4 +1,4 @@
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 
 #include <chrono>
 #include <cmath>
@@ -332,8 +332,9 @@ TEST_F(AudioLoaderTest, NeitherAPipeNorAHugeDamagedFileHoldsALoadThatIsCancelled
         const auto took = std::chrono::steady_clock::now() - began;
         EXPECT_GT(took, std::chrono::milliseconds(150)) << probing; // it was really busy
         EXPECT_LT(took, std::chrono::milliseconds(700)) << probing;
-        if (!probing)
+        if (!probing) {
             EXPECT_EQ(outcome, "cancelled");
+        }
     }
 }
 

@@ -1,9 +1,9 @@
-#include "audio/AudioLoader.h"
+#include "media/AudioLoader.h"
 
-#include "audio/ConversionPipeline.h"
-#include "audio/MediaFile.h"
-#include "audio/RateConverter.h"
-#include "audio/TrackDecoder.h"
+#include "media/ConversionPipeline.h"
+#include "media/MediaFile.h"
+#include "media/RateConverter.h"
+#include "media/TrackDecoder.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

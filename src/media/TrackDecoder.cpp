@@ -1,7 +1,7 @@
-#include "audio/TrackDecoder.h"
+#include "media/TrackDecoder.h"
 
-#include "audio/LoadError.h"
-#include "audio/MediaFile.h"
+#include "media/LoadError.h"
+#include "media/MediaFile.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>

@@ -1,13 +1,15 @@
 #pragma once
 
+#include <map>
 #include <optional>
 
 #include <QString>
 
 #include "audio/AudioClip.h"
-#include "audio/MediaProbe.h"
+#include "media/MediaProbe.h"
+#include "model/KeyAssignment.h"
 
-// Load state of one entry of the model's media table (by media key).
+// Load state of one entry of the media table (by media key).
 // Decks (slide files, images, lists) get their `deck` with the deck builder; until then such
 // entries carry an error and never a deck.
 struct MediaInfo {
@@ -20,3 +22,12 @@ struct MediaInfo {
     // Loaded, but with something the operator should know (damaged samples silenced).
     std::optional<QString> warning;
 };
+
+// The runtime media table: what each media key's file holds once loaded, shared by every key
+// and page that uses the file. Main thread.
+using MediaTable = std::map<QString, MediaInfo>; // by media key
+
+inline const MediaInfo* mediaFor(const MediaTable& table, const KeyAssignment& assignment) {
+    const auto found = table.find(assignment.mediaKey());
+    return found == table.end() ? nullptr : &found->second;
+}

@@ -1,9 +1,9 @@
-#include "audio/ConversionPipeline.h"
+#include "media/ConversionPipeline.h"
 
 #include <algorithm>
 
-#include "audio/LoadError.h"
-#include "audio/RateConverter.h"
+#include "media/LoadError.h"
+#include "media/RateConverter.h"
 
 struct ConversionPipeline::Worker {
     int firstChannel = 0;

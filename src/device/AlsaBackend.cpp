@@ -1,4 +1,4 @@
-#include "audio/AlsaBackend.h"
+#include "device/AlsaBackend.h"
 
 #include <algorithm>
 #include <alsa/asoundlib.h>
@@ -10,12 +10,35 @@
 #include <pthread.h>
 #include <sched.h>
 
-#include "audio/AudioStartError.h"
+#include "device/AudioStartError.h"
 #include "audio/HostTime.h"
-#include "audio/Interleave.h"
+#include "device/Interleave.h"
 #include "audio/Mixer.h"
 
 namespace {
+
+bool isListedPcm(const std::string& name) {
+    static const char* kPrefixes[] = {"hw:", "plughw:", "hdmi:"};
+    if (name == "default" || name == "pipewire" || name == "pulse" || name == "jack")
+        return true;
+    return std::any_of(std::begin(kPrefixes), std::end(kPrefixes),
+                       [&](const char* p) { return name.rfind(p, 0) == 0; });
+}
+
+std::int64_t alsaChannels(const std::string& name) {
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
+        return 0;
+    snd_pcm_hw_params_t* hw = nullptr;
+    snd_pcm_hw_params_alloca(&hw);
+    unsigned channels = 0;
+    if (snd_pcm_hw_params_any(pcm, hw) >= 0)
+        snd_pcm_hw_params_get_channels_max(hw, &channels);
+    snd_pcm_close(pcm);
+    return std::min<std::int64_t>(channels,
+                                  AlsaBackend::isSoundServer(name) ? 2 : Mixer::kMaxOutputs);
+}
+
 
 constexpr snd_pcm_uframes_t kPeriodFrames = 256;
 constexpr unsigned kPeriods = 4;
@@ -210,4 +233,28 @@ bool AlsaBackend::writePeriod() {
             return false;
     }
     return true;
+}
+
+void AlsaBackend::addDevices(std::vector<AudioOutputDevice>& devices) {
+    silenceLibraryMessages();
+    void** hints = nullptr;
+    if (snd_device_name_hint(-1, "pcm", &hints) < 0)
+        return;
+    for (void** hint = hints; *hint; ++hint) {
+        char* name = snd_device_name_get_hint(*hint, "NAME");
+        char* description = snd_device_name_get_hint(*hint, "DESC");
+        char* direction = snd_device_name_get_hint(*hint, "IOID");
+        const bool output = !direction || std::string(direction) == "Output";
+        if (name && output && isListedPcm(name)) {
+            if (const std::int64_t channels = alsaChannels(name); channels > 0) {
+                std::string label = description ? description : name;
+                std::replace(label.begin(), label.end(), '\n', ' ');
+                devices.push_back({0, name, label, channels});
+            }
+        }
+        free(name);
+        free(description);
+        free(direction);
+    }
+    snd_device_name_free_hint(hints);
 }

@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "audio/AudioBackend.h"
+#include "device/AudioBackend.h"
+#include "device/AudioOutputDevice.h"
 #include "audio/AudioBufferList.h"
 
 typedef struct _jack_client jack_client_t;
@@ -37,6 +38,12 @@ public:
     // Whether a JACK server runs with physical playback ports of `device` (empty: any). Opens
     // a client briefly when a server answers. Any thread.
     static bool hasPlaybackPorts(const std::string& device);
+
+    // The JACK devices (clients owning physical playback ports) as `client` sees them, uid and
+    // name being the client's name. Without a client one is opened briefly; with no server
+    // running there are none. Any thread.
+    static void addDevices(std::vector<AudioOutputDevice>& devices,
+                           jack_client_t* client = nullptr);
 
     // libjack prints every failed connection attempt to stderr; route its messages nowhere.
     static void silenceLibraryMessages();
