@@ -1,41 +1,50 @@
 #include "app/Application.h"
 
-#include <QApplication>
 #include <QFileInfo>
 #include <QGuiApplication>
 
 #include "app/BackgroundInput.h"
 #include "app/DemoShow.h"
-#include "app/InstanceLock.h"
 #include "app/KeyInput.h"
 #include "app/MainWindow.h"
-#include "app/SelfTest.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
 
-int runApplication(int argc, char** argv) {
-    QApplication app(argc, argv);
+namespace {
+
+// QApplication's names must be set before anything reads the preferences.
+int& named(int& argc) {
     QApplication::setApplicationName(QStringLiteral("Vorlin"));
     QApplication::setOrganizationName(QStringLiteral("Vorlin"));
-    Prefs::registerDefaults();
-    const InstanceLock instance = InstanceLock::acquire(InstanceLock::defaultFolder());
-    const int n = instance.number();
+    return argc;
+}
 
-    AppModel model;
-    model.session().setInstanceNumber(n);
+} // namespace
+
+Application::Application(int& argc, char** argv)
+    : m_app(named(argc), argv),
+      m_instance((Prefs::registerDefaults(), InstanceLock::acquire(InstanceLock::defaultFolder()))),
+      m_model(std::make_unique<AppModel>()) {
+    const int n = m_instance.number();
+    m_model->session().setInstanceNumber(n);
     // The window benchmark's reference: the same program and tick with the views deaf to the
     // live state, so what drawing costs can be told apart from what running costs.
     if (qEnvironmentVariable("VORLIN_VIEW_UPDATES") == QStringLiteral("off"))
-        model.live().blockSignals(true);
-    MainWindow window(model, n);
-    window.placeOnScreen();
-    model.start();
-    KeyInput keys(model);
-    app.installEventFilter(&keys);
-    if (SelfTest::requested())
-        return SelfTest::run(model, window);
+        m_model->live().blockSignals(true);
+    m_window = std::make_unique<MainWindow>(*m_model, n);
+    m_window->placeOnScreen();
+    m_model->start();
+    m_keys = std::make_unique<KeyInput>(*m_model);
+    m_app.installEventFilter(m_keys.get());
+}
 
+Application::~Application() {
+    m_app.removeEventFilter(m_keys.get());
+}
+
+int Application::exec() {
+    AppModel& model = *m_model;
     const QStringList args = QApplication::arguments().mid(1);
     const QString named = args.isEmpty() ? QString() : args.first();
     try {
@@ -48,17 +57,23 @@ int runApplication(int argc, char** argv) {
             named.isEmpty())
             model.open(DemoShow::create(DemoShow::defaultFolder()));
     } catch (const DocumentError& error) {
-        model.cueEngine().setStatusMessage(QStringLiteral("キーマップを開けません: ") +
-                                           error.message());
+        model.status().show(QStringLiteral("キーマップを開けません: ") + error.message());
     }
 
     BackgroundInput background(
         model, [] { return QGuiApplication::applicationState() == Qt::ApplicationActive; });
     if (Prefs::value(Prefs::kBackgroundInput, false).toBool())
         background.setEnabled(true);
-    window.onBackgroundInputChange = [&background](bool on) { background.setEnabled(on); };
-    window.updateTitle();
-    window.show();
-    window.activateWindow();
+    m_window->onBackgroundInputChange = [&background](bool on) { background.setEnabled(on); };
+    m_window->updateTitle();
+    m_window->show();
+    m_window->activateWindow();
+    const int status = QApplication::exec();
+    m_window->onBackgroundInputChange = nullptr;
+    return status;
+}
+
+int runApplication(int& argc, char** argv) {
+    Application app(argc, argv);
     return app.exec();
 }

@@ -1,6 +1,38 @@
 #pragma once
 
-// Runs the application with its window: preferences, instance number, model, window, audio and
-// tick, the last show (or the demo show on a first start, or the show named on the command
-// line), the key input. Returns the exit status. Main thread.
-int runApplication(int argc, char** argv);
+#include <memory>
+
+#include <QApplication>
+
+#include "app/InstanceLock.h"
+
+class AppModel;
+class KeyInput;
+class MainWindow;
+
+// The application with its window: preferences, instance number, model, window, audio and tick,
+// and the key input, set up on construction; exec() then opens the show named on the command
+// line (or the last one, or the demo show on a first start), shows the window and runs the event
+// loop. The end-to-end checks of the test tree build one the same way and drive it instead of
+// calling exec(). Main thread; one per process.
+class Application {
+public:
+    // `argc` must outlive the application (Qt keeps a reference to it).
+    Application(int& argc, char** argv);
+    ~Application();
+
+    AppModel& model() { return *m_model; }
+    MainWindow& window() { return *m_window; }
+
+    // Returns the exit status.
+    int exec();
+
+private:
+    QApplication m_app;
+    InstanceLock m_instance;
+    std::unique_ptr<AppModel> m_model;
+    std::unique_ptr<MainWindow> m_window;
+    std::unique_ptr<KeyInput> m_keys;
+};
+
+int runApplication(int& argc, char** argv);

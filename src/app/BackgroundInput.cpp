@@ -56,7 +56,7 @@ int BackgroundInput::setEnabled(bool on, const QString& folder) {
         m_devices.push_back(std::move(device));
     }
     if (m_devices.empty())
-        m_model.cueEngine().setStatusMessage(kNoAccessMessage);
+        m_model.status().show(kNoAccessMessage);
     return static_cast<int>(m_devices.size());
 }
 

@@ -144,15 +144,9 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     file->addWidget(m_state, 3, 0, 1, 4);
     m_waveform = new WaveformView(fileBox);
     m_waveform->onSeek = [this](double fraction) {
-        // The newest cue of this key on this page that still plays.
         const auto code = selectedCode();
-        const QUuid page = m_model.document().currentPageID();
-        const auto& cues = m_model.cueEngine().cues();
-        for (auto cue = cues.rbegin(); code && cue != cues.rend(); ++cue)
-            if ((*cue)->key == *code && (*cue)->page == page && !(*cue)->stopping) {
-                m_model.seek((*cue)->id, fraction);
-                return;
-            }
+        if (const ActiveCuePtr cue = code ? m_model.cueEngine().newestRunning(*code) : nullptr)
+            m_model.seek(cue->id, fraction);
     };
     file->addWidget(m_waveform, 4, 0, 1, 4);
     file->setRowStretch(4, 1);

@@ -153,7 +153,7 @@ bool KeyInput::handleKey(QKeyEvent* key, QWidget* receiver) {
         if (focus == m_clickedField) {
             if (down && code &&
                 (m_model.document().assignments.count(*code) || *code == CueEngine::kEscape))
-                m_model.cueEngine().setStatusMessage(kFieldMessage);
+                m_model.status().show(kFieldMessage);
             return false;
         }
         focus->clearFocus();

@@ -61,7 +61,7 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     column->addWidget(bottom, 4);
     setCentralWidget(central);
 
-    connect(&m_model.cueEngine(), &CueEngine::statusMessageChanged, this,
+    connect(&m_model.status(), &StatusLine::changed, this,
             [this](const QString& message) { statusBar()->showMessage(message); });
     connect(&m_model, &AppModel::assignmentsChanged, this, &MainWindow::updateTitle);
     m_model.session().onTitleChange = [this] { updateTitle(); };

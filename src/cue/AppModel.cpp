@@ -22,20 +22,24 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
       m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
       m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }),
       m_engine(std::make_unique<CueEngine>(m_document, m_media.table(), m_audio.mixer(), *m_video,
-                                           m_live)),
-      m_session(*this),
-      m_editor(*this) {
+                                           m_live, m_status)),
+      m_session(m_document, m_media, *m_engine, m_status,
+                {[this] { return mixSettings(); },
+                 [this](const MixSettings& settings) { applyMixSettings(settings); }}),
+      m_editor(m_document, *m_engine, m_audio.mixer(), m_media, m_status, m_session) {
+    connect(&m_session, &ShowSession::assignmentsChanged, this, &AppModel::assignmentsChanged);
+    connect(&m_editor, &ShowEditor::assignmentsChanged, this, &AppModel::assignmentsChanged);
     m_audio.onConfigurationChange = [this] { restartAudio(); };
     // A press on an empty key selects it only when the keyboard draws that key.
     m_engine->setLayoutKeys([](KeyCode code) { return KeyboardLayout::labels().count(code) > 0; });
     connect(&m_media, &MediaLoader::missingFiles, this, [this](const QStringList& names) {
-        m_engine->setStatusMessage(QStringLiteral("見つからないファイルがあります: ") +
+        m_status.show(QStringLiteral("見つからないファイルがあります: ") +
                                    names.join(QStringLiteral("、")));
     });
     m_deviceRetry.setInterval(kDeviceRetryInterval);
     connect(&m_deviceRetry, &QTimer::timeout, this, &AppModel::lookForWantedDevice);
     connect(&m_media, &MediaLoader::damaged, this,
-            [this](const QString& message) { m_engine->setStatusMessage(message); });
+            [this](const QString& message) { m_status.show(message); });
 }
 
 AppModel::~AppModel() {
@@ -88,7 +92,7 @@ void AppModel::restartAudio() {
         try {
             m_audio.start(uid);
         } catch (const AudioStartError& error) {
-            m_engine->setStatusMessage(QStringLiteral("オーディオ出力を開始できません: ") +
+            m_status.show(QStringLiteral("オーディオ出力を開始できません: ") +
                                        QString::fromStdString(error.what()));
             try {
                 m_audio.start(std::nullopt);
@@ -110,6 +114,7 @@ void AppModel::restartAudio() {
 
 void AppModel::setOffline(bool offline) {
     m_offline = offline;
+    m_session.setOffline(offline);
     if (offline)
         m_deviceRetry.stop();
 }
@@ -142,12 +147,26 @@ void AppModel::lookForWantedDevice() {
             if (back && wanted == self->wantedDevice() && self->isOnFallback()) {
                 self->restartAudio();
                 if (!self->isOnFallback())
-                    self->m_engine->setStatusMessage(
+                    self->m_status.show(
                         QStringLiteral("オーディオ出力が戻りました: ") +
                         QString::fromStdString(self->m_audio.deviceName()));
             }
         });
     });
+}
+
+MixSettings AppModel::mixSettings() const {
+    return {m_outputDeviceUID, m_masterVolume, m_engine->stopAllFade(), m_mutedOutputs,
+            m_videoOutputs};
+}
+
+void AppModel::applyMixSettings(const MixSettings& settings) {
+    setMasterVolume(settings.masterVolume);
+    setStopAllFade(settings.stopAllFade);
+    setMutedOutputs(settings.mutedOutputs);
+    setVideoOutputs(settings.videoOutputs);
+    if (settings.outputDeviceUID != m_outputDeviceUID)
+        setOutputDeviceUID(settings.outputDeviceUID);
 }
 
 void AppModel::setOutputDeviceUID(const std::optional<QString>& uid) {

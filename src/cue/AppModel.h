@@ -13,8 +13,10 @@
 #include "cue/CueEngine.h"
 #include "cue/LiveState.h"
 #include "cue/MediaLoader.h"
+#include "cue/MixSettings.h"
 #include "cue/ShowEditor.h"
 #include "cue/ShowSession.h"
+#include "cue/StatusLine.h"
 #include "model/ShowDocument.h"
 #include "video/VideoOutput.h"
 
@@ -65,6 +67,9 @@ public:
     // The video outputs that are open ("window" or screen ids), as the show file keeps them.
     const QStringList& videoOutputs() const { return m_videoOutputs; }
     void setVideoOutputs(const QStringList& outputs) { m_videoOutputs = outputs; }
+    // All of the above that a show file keeps, and setting them at once (an opened show).
+    MixSettings mixSettings() const;
+    void applyMixSettings(const MixSettings& settings);
 
     // The show as a file (see ShowSession).
     void save(const QString& path) { m_session.save(path); }
@@ -99,6 +104,7 @@ public:
     AudioEngine& audio() { return m_audio; }
     VideoOutput& video() { return *m_video; }
     LiveState& live() { return m_live; }
+    StatusLine& status() { return m_status; }
     CueEngine& cueEngine() { return *m_engine; }
     MediaLoader& media() { return m_media; }
     ShowSession& session() { return m_session; }
@@ -129,6 +135,7 @@ private:
     std::optional<std::int64_t> m_toneChannel;
     std::unique_ptr<VideoOutput> m_video;
     LiveState m_live;
+    StatusLine m_status;
     MediaLoader m_media;
     std::unique_ptr<CueEngine> m_engine;
     ShowSession m_session;

@@ -26,14 +26,10 @@ void raiseTo(std::vector<float>& into, const std::vector<float>& levels) {
 } // namespace
 
 CueEngine::CueEngine(ShowDocument& document, const MediaTable& media, Mixer& mixer,
-                     VideoOutput& video, LiveState& live, QObject* parent)
-    : QObject(parent), m_document(document), m_media(media), m_mixer(mixer), m_video(video), m_live(live),
+                     VideoOutput& video, LiveState& live, StatusLine& status, QObject* parent)
+    : QObject(parent), m_document(document), m_media(media), m_mixer(mixer), m_video(video),
+      m_live(live), m_status(status),
       m_isLayoutKey([](KeyCode) { return true; }), m_beep([] {}) {}
-
-void CueEngine::setStatusMessage(const QString& message) {
-    m_statusMessage = message;
-    emit statusMessageChanged(message);
-}
 
 void CueEngine::select(KeyCode code) {
     if (m_document.selectedKey == code)
@@ -130,12 +126,12 @@ void CueEngine::startKey(KeyCode code, std::int64_t deckIndex) {
     const KeyAssignment a = found->second;
     const MediaInfo* info = mediaFor(m_media, a);
     if (!info || info->loading) {
-        setStatusMessage(a.displayName() + QStringLiteral(" は") +
+        m_status.show(a.displayName() + QStringLiteral(" は") +
                          (info ? info->progressText : kLoading));
         return;
     }
     if (info->error) {
-        setStatusMessage(a.displayName() + QStringLiteral(": ") + *info->error);
+        m_status.show(a.displayName() + QStringLiteral(": ") + *info->error);
         m_beep();
         return;
     }
@@ -154,7 +150,7 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
         const RouteList routes = Routing::routes(a.matrix, a.outputMap.toStdString(),
                                                  info.clip->channelCount, m_outputChannels);
         if (routes.empty())
-            setStatusMessage(a.displayName() + kNoRoute);
+            m_status.show(a.displayName() + kNoRoute);
         if (info.clip->frameCount >= 2 && !routes.empty()) {
             // A movie's sound waits, armed, for the host time at which its picture starts.
             const std::int64_t voice = m_mixer.play(info.clip, routes, static_cast<float>(a.volume),
@@ -184,7 +180,7 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
             return;
         if (voice)
             self->m_mixer.setStart(*voice, 0); // the sound plays without the picture
-        self->setStatusMessage(name + kVideoFailed);
+        self->m_status.show(name + kVideoFailed);
     };
     MovieStart movie;
     movie.path = a.path;

@@ -11,6 +11,7 @@
 #include "cue/ActiveCue.h"
 #include "cue/LiveState.h"
 #include "cue/MediaInfo.h"
+#include "cue/StatusLine.h"
 #include "model/ShowDocument.h"
 
 class Mixer;
@@ -36,7 +37,7 @@ public:
     static constexpr float kMeterRelease = 0.86f; // per tick
 
     CueEngine(ShowDocument& document, const MediaTable& media, Mixer& mixer, VideoOutput& video,
-              LiveState& live, QObject* parent = nullptr);
+              LiveState& live, StatusLine& status, QObject* parent = nullptr);
 
     // The device's output channel count (routing and the number of meters).
     void setOutputChannelCount(std::int64_t channels) { m_outputChannels = channels; }
@@ -68,16 +69,16 @@ public:
     std::int64_t nextCueID() const { return m_nextCueID; }
     double stopAllFade() const { return m_stopAllFade; }
     void setStopAllFade(double seconds) { m_stopAllFade = seconds; }
-    const QString& statusMessage() const { return m_statusMessage; }
-    void setStatusMessage(const QString& message);
+
+    // Whether the cue is `code`'s on the current page and has not been told to stop.
+    bool runsFor(const ActiveCue& cue, KeyCode code) const;
+    // The newest such cue of the key (what a seek or a toggle of the key acts on), or none.
+    ActiveCuePtr newestRunning(KeyCode code) const;
 
 signals:
-    void statusMessageChanged(const QString& message);
     void selectedKeyChanged();
 
 private:
-    bool runsFor(const ActiveCue& cue, KeyCode code) const;
-    ActiveCuePtr newestRunning(KeyCode code) const;
     void select(KeyCode code);
     void applyNextMaterialRule(KeyCode code, const KeyAssignment& starting);
     void startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info);
@@ -95,6 +96,7 @@ private:
     Mixer& m_mixer;
     VideoOutput& m_video;
     LiveState& m_live;
+    StatusLine& m_status;
     std::function<bool(KeyCode)> m_isLayoutKey;
     std::function<void()> m_beep;
     std::function<std::uint64_t()> m_hostClock;
@@ -104,7 +106,6 @@ private:
     double m_visualSequence = 0.0;
     double m_stopAllFade = 1.0;
     std::int64_t m_outputChannels = 2;
-    QString m_statusMessage;
 
     std::vector<float> m_displayedMeters;
     LiveState::KeyLevels m_displayedSourceMeters;

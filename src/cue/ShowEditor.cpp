@@ -8,7 +8,11 @@
 #include <QFileInfo>
 #include <QMimeDatabase>
 
-#include "cue/AppModel.h"
+#include "audio/Mixer.h"
+#include "cue/CueEngine.h"
+#include "cue/MediaLoader.h"
+#include "cue/ShowSession.h"
+#include "cue/StatusLine.h"
 #include "model/KeyboardLayout.h"
 #include "model/Prefs.h"
 #include "model/ShowFile.h"
@@ -32,7 +36,10 @@ QString labelOf(KeyCode code) {
 
 } // namespace
 
-ShowEditor::ShowEditor(AppModel& model) : m_model(model) {}
+ShowEditor::ShowEditor(ShowDocument& document, CueEngine& cues, Mixer& mixer, MediaLoader& media,
+                       StatusLine& status, ShowSession& session)
+    : m_document(document), m_cues(cues), m_mixer(mixer), m_media(media), m_status(status),
+      m_session(session) {}
 
 QStringList ShowEditor::openPanelTypes() {
     return kExtensions;
@@ -61,12 +68,12 @@ QStringList ShowEditor::supported(const QStringList& files) {
         if (isSupported(file))
             kept << file;
     if (kept.isEmpty())
-        m_model.cueEngine().setStatusMessage(QStringLiteral("対応していないファイルです"));
+        m_status.show(QStringLiteral("対応していないファイルです"));
     return kept;
 }
 
 std::int64_t ShowEditor::colorFor(KeyCode code) const {
-    const auto& keys = m_model.document().assignments;
+    const auto& keys = m_document.assignments;
     const auto found = keys.find(code);
     if (found != keys.end())
         return found->second.colorIndex;
@@ -74,15 +81,15 @@ std::int64_t ShowEditor::colorFor(KeyCode code) const {
 }
 
 void ShowEditor::store(KeyCode code, const KeyAssignment& assignment) {
-    m_model.document().assignments[code] = assignment;
-    m_model.media().loadMedia(assignment, false);
-    m_model.media().releaseMediaIfUnused();
+    m_document.assignments[code] = assignment;
+    m_media.loadMedia(assignment, false);
+    m_media.releaseMediaIfUnused();
     changed();
 }
 
 void ShowEditor::changed() {
-    m_model.markDirty();
-    emit m_model.assignmentsChanged();
+    m_session.markDirty();
+    emit assignmentsChanged();
 }
 
 void ShowEditor::place(const QStringList& dropped, KeyCode code) {
@@ -90,7 +97,7 @@ void ShowEditor::place(const QStringList& dropped, KeyCode code) {
     if (files.isEmpty())
         return;
     const QString L = labelOf(code);
-    const auto& keys = m_model.document().assignments;
+    const auto& keys = m_document.assignments;
     if (const auto held = keys.find(code); held != keys.end()) {
         QString policy = Prefs::value(Prefs::kOccupiedDrop).toString();
         if (policy != "append" && policy != "replace") {
@@ -131,8 +138,8 @@ void ShowEditor::place(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::assign(const QString& file, KeyCode code) {
-    if (m_model.document().assignments.count(code))
-        m_model.stopKey(code, kEditFade);
+    if (m_document.assignments.count(code))
+        m_cues.stopKey(code, kEditFade);
     store(code, newAssignment(file, colorFor(code)));
 }
 
@@ -146,12 +153,12 @@ void ShowEditor::assign(const QStringList& dropped, KeyCode startingAt) {
     qsizetype placed = 1;
     if (next != order.end()) {
         for (++next; next != order.end() && placed < files.size(); ++next) {
-            if (!m_model.document().assignments.count(*next))
+            if (!m_document.assignments.count(*next))
                 assign(files[placed++], *next);
         }
     }
     if (const qsizetype left = files.size() - placed; left > 0)
-        m_model.cueEngine().setStatusMessage("空きキーが足りず " + QString::number(left) +
+        m_status.show("空きキーが足りず " + QString::number(left) +
                                              " 個のファイルを割り当てられませんでした");
 }
 
@@ -159,11 +166,11 @@ void ShowEditor::assignList(const QStringList& dropped, KeyCode code) {
     const QStringList files = supported(dropped);
     if (files.isEmpty())
         return;
-    if (m_model.document().assignments.count(code))
-        m_model.stopKey(code, kEditFade);
+    if (m_document.assignments.count(code))
+        m_cues.stopKey(code, kEditFade);
     KeyAssignment a = newAssignment(files.first(), colorFor(code));
     a.sources = files;
-    if (const auto& path = m_model.session().documentPath()) {
+    if (const auto& path = m_session.documentPath()) {
         QStringList relative;
         for (const QString& file : files)
             relative << ShowFile::relativePath(file, QFileInfo(*path).absolutePath());
@@ -176,7 +183,7 @@ void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
     const QStringList files = supported(dropped);
     if (files.isEmpty())
         return;
-    auto& keys = m_model.document().assignments;
+    auto& keys = m_document.assignments;
     const auto held = keys.find(code);
     if (held == keys.end())
         return assignList(files, code);
@@ -186,13 +193,13 @@ void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
     a.sources = sources;
     a.relativeSources.reset(); // made anew when the show is saved
     store(code, a);
-    m_model.cueEngine().setStatusMessage(labelOf(code) + " キーに " +
+    m_status.show(labelOf(code) + " キーに " +
                                          QString::number(files.size()) +
                                          " 個追加しました（押すたび順に切り替わります）");
 }
 
 void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
-    auto& keys = m_model.document().assignments;
+    auto& keys = m_document.assignments;
     const auto held = keys.find(code);
     if (held == keys.end())
         return;
@@ -213,7 +220,7 @@ void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
     }
     if (index < 0 || index >= sources.size())
         return;
-    m_model.stopKey(code, kEditFade);
+    m_cues.stopKey(code, kEditFade);
     sources.removeAt(index);
     if (a.relativeSources && index < a.relativeSources->size())
         a.relativeSources->removeAt(index);
@@ -227,16 +234,16 @@ void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
 }
 
 void ShowEditor::clear(KeyCode code) {
-    if (!m_model.document().assignments.count(code))
+    if (!m_document.assignments.count(code))
         return;
-    m_model.stopKey(code, kEditFade);
-    m_model.document().assignments.erase(code);
-    m_model.media().releaseMediaIfUnused();
+    m_cues.stopKey(code, kEditFade);
+    m_document.assignments.erase(code);
+    m_media.releaseMediaIfUnused();
     changed();
 }
 
 void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     const auto held = show.assignments.find(code);
     if (held == show.assignments.end() || toPage >= show.pages.size())
         return;
@@ -248,13 +255,13 @@ void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
             return;
     }
     target[code] = held->second;
-    m_model.cueEngine().setStatusMessage(labelOf(code) + " キーを「" + show.pages[toPage].name +
+    m_status.show(labelOf(code) + " キーを「" + show.pages[toPage].name +
                                          "」にコピーしました");
     changed();
 }
 
 void ShowEditor::applyRoutingToAll(KeyCode from) {
-    auto& keys = m_model.document().assignments;
+    auto& keys = m_document.assignments;
     const auto source = keys.find(from);
     if (source == keys.end())
         return;
@@ -262,7 +269,7 @@ void ShowEditor::applyRoutingToAll(KeyCode from) {
         a.outputMap = source->second.outputMap;
         a.matrix = source->second.matrix;
     }
-    m_model.cueEngine().setStatusMessage(labelOf(from) + " のルーティングを全キーに適用しました");
+    m_status.show(labelOf(from) + " のルーティングを全キーに適用しました");
     changed();
 }
 
@@ -284,18 +291,17 @@ void ShowEditor::addFiles(KeyCode code) {
 }
 
 void ShowEditor::update(KeyCode code, const KeyAssignment& assignment) {
-    for (const ActiveCuePtr& cue : m_model.cueEngine().cues()) {
-        if (cue->key != code || cue->stopping || cue->page != m_model.document().currentPageID() ||
-            !cue->voiceID)
+    for (const ActiveCuePtr& cue : m_cues.cues()) {
+        if (!m_cues.runsFor(*cue, code) || !cue->voiceID)
             continue;
-        m_model.mixer().setVolume(*cue->voiceID, static_cast<float>(assignment.volume));
-        m_model.mixer().setLoop(*cue->voiceID, assignment.loop);
+        m_mixer.setVolume(*cue->voiceID, static_cast<float>(assignment.volume));
+        m_mixer.setLoop(*cue->voiceID, assignment.loop);
     }
     store(code, assignment);
 }
 
 void ShowEditor::renameKey(KeyCode code) {
-    auto& keys = m_model.document().assignments;
+    auto& keys = m_document.assignments;
     const auto held = keys.find(code);
     if (held == keys.end())
         return;
@@ -307,7 +313,7 @@ void ShowEditor::renameKey(KeyCode code) {
 }
 
 void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
-    auto& keys = m_model.document().assignments;
+    auto& keys = m_document.assignments;
     const auto held = keys.find(code);
     if (held == keys.end() || !held->second.deckItems)
         return;
@@ -323,7 +329,7 @@ void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
 }
 
 void ShowEditor::newPage(bool duplicate) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     show.storeCurrentPage();
     KeyPage page;
     if (duplicate) {
@@ -333,29 +339,29 @@ void ShowEditor::newPage(bool duplicate) {
         page.name = "ページ " + QString::number(show.pages.size() + 1);
     }
     show.pages.push_back(std::move(page));
-    m_model.markDirty();
+    m_session.markDirty();
     switchPage(show.pages.size() - 1);
 }
 
 void ShowEditor::switchPage(std::size_t index) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     if (index >= show.pages.size() || index == show.currentPage)
         return;
     // Running cues keep playing; they are listed with their page.
     show.storeCurrentPage();
     show.loadPage(index);
-    m_model.media().reloadAll(false);
-    emit m_model.assignmentsChanged();
+    m_media.reloadAll(false);
+    emit assignmentsChanged();
 }
 
 void ShowEditor::stepPage(int delta) {
-    const auto target = static_cast<std::int64_t>(m_model.document().currentPage) + delta;
-    if (target >= 0 && target < static_cast<std::int64_t>(m_model.document().pages.size()))
+    const auto target = static_cast<std::int64_t>(m_document.currentPage) + delta;
+    if (target >= 0 && target < static_cast<std::int64_t>(m_document.pages.size()))
         switchPage(static_cast<std::size_t>(target));
 }
 
 void ShowEditor::renamePage(std::size_t index) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     if (index >= show.pages.size())
         return;
     if (const auto name =
@@ -366,7 +372,7 @@ void ShowEditor::renamePage(std::size_t index) {
 }
 
 void ShowEditor::deletePage(std::size_t index) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     if (index >= show.pages.size())
         return;
     if (m_ask->alert("「" + show.pages[index].name + "」を削除しますか？",
@@ -384,13 +390,13 @@ void ShowEditor::deletePage(std::size_t index) {
     if (index < current)
         --current;
     show.loadPage(std::min(current, show.pages.size() - 1));
-    m_model.media().reloadAll(false);
-    m_model.media().releaseMediaIfUnused();
+    m_media.reloadAll(false);
+    m_media.releaseMediaIfUnused();
     changed();
 }
 
 void ShowEditor::movePages(const std::set<std::size_t>& from, std::size_t to) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     show.storeCurrentPage();
     const QUuid current = show.currentPageID();
     std::vector<KeyPage> moved, rest;

@@ -2,23 +2,32 @@
 
 #include <set>
 
+#include <QObject>
 #include <QString>
 #include <QStringList>
 
 #include "cue/Interaction.h"
 #include "model/KeyAssignment.h"
+#include "model/ShowDocument.h"
 
-class AppModel;
+class CueEngine;
+class MediaLoader;
+class Mixer;
+class ShowSession;
+class StatusLine;
 
 // Putting files on keys and arranging pages: every operation changes the current page's working
 // copy (or the pages), keeps the media table in step and marks the show changed. Questions go
 // through the Interaction; a cancelled question changes nothing. Main thread.
-class ShowEditor {
+class ShowEditor : public QObject {
+    Q_OBJECT
 public:
     // Short fade with which a key is stopped before its content changes.
     static constexpr double kEditFade = 0.05;
 
-    explicit ShowEditor(AppModel& model);
+    // `session` is asked for the show's folder (relative paths) and told of every change.
+    ShowEditor(ShowDocument& document, CueEngine& cues, Mixer& mixer, MediaLoader& media,
+               StatusLine& status, ShowSession& session);
 
     void setInteraction(Interaction* interaction) { m_ask = interaction ? interaction : &m_cancel; }
 
@@ -53,13 +62,22 @@ public:
     // Whether a file exists but the system refuses to let us read it.
     static bool isPermissionError(const QString& file);
 
+signals:
+    // Keys or pages changed (an edit, or another page shown).
+    void assignmentsChanged();
+
 private:
     QStringList supported(const QStringList& files);
     std::int64_t colorFor(KeyCode code) const;
     void store(KeyCode code, const KeyAssignment& assignment);
     void changed();
 
-    AppModel& m_model;
+    ShowDocument& m_document;
+    CueEngine& m_cues;
+    Mixer& m_mixer;
+    MediaLoader& m_media;
+    StatusLine& m_status;
+    ShowSession& m_session;
     CancellingInteraction m_cancel;
     Interaction* m_ask = &m_cancel;
 };

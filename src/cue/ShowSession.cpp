@@ -5,7 +5,9 @@
 #include <QFileInfo>
 
 #include "device/AudioDeviceList.h"
-#include "cue/AppModel.h"
+#include "cue/CueEngine.h"
+#include "cue/MediaLoader.h"
+#include "cue/StatusLine.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
 #include "model/ShowFile.h"
@@ -16,7 +18,10 @@ const QString kFirstPage = QStringLiteral("ページ 1");
 
 } // namespace
 
-ShowSession::ShowSession(AppModel& model) : m_model(model) {}
+ShowSession::ShowSession(ShowDocument& document, MediaLoader& media, CueEngine& cues,
+                         StatusLine& status, Settings settings)
+    : m_document(document), m_media(media), m_cues(cues), m_status(status),
+      m_settings(std::move(settings)) {}
 
 QString ShowSession::documentName() const {
     return m_path ? QFileInfo(*m_path).fileName() : QStringLiteral("名称未設定.vorlin");
@@ -35,7 +40,7 @@ void ShowSession::markDirty() {
 }
 
 void ShowSession::save(const QString& path) {
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     const QString base = QDir::cleanPath(QFileInfo(path).absolutePath());
     show.storeCurrentPage();
 
@@ -45,24 +50,25 @@ void ShowSession::save(const QString& path) {
         pages.push_back({page.name, ShowFile::stored(page.keys, base)});
     doc.pages = std::move(pages);
     doc.keys = ShowFile::stored(show.assignments, base);
-    doc.outputDeviceUID = m_model.outputDeviceUID();
-    doc.masterVolume = m_model.masterVolume();
-    doc.stopAllFade = m_model.cueEngine().stopAllFade();
+    const MixSettings settings = m_settings.current();
+    doc.outputDeviceUID = settings.outputDeviceUID;
+    doc.masterVolume = settings.masterVolume;
+    doc.stopAllFade = settings.stopAllFade;
     doc.currentPage = static_cast<std::int64_t>(show.currentPage);
-    const QStringList outputs = m_model.videoOutputs();
+    const QStringList& outputs = settings.videoOutputs;
     doc.videoOutputs = outputs;
     doc.videoTarget = outputs.isEmpty() || outputs.first() == QStringLiteral("window")
                           ? QStringLiteral("window")
                           : QStringLiteral("display:") + outputs.first();
     doc.mutedOutputs =
-        std::vector<std::int64_t>(m_model.mutedOutputs().begin(), m_model.mutedOutputs().end());
+        std::vector<std::int64_t>(settings.mutedOutputs.begin(), settings.mutedOutputs.end());
 
     ShowFile::writeAtomically(path, doc.encode());
     m_path = path;
     m_dirty = false;
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
-    emit m_model.assignmentsChanged();
+    emit assignmentsChanged();
 }
 
 void ShowSession::open(const QString& path) {
@@ -73,7 +79,7 @@ void ShowSession::open(const QString& path) {
     const KeymapDocument doc = KeymapDocument::decode(file.readAll());
     ShowFile::removeLeftovers(path, std::chrono::seconds(10));
 
-    m_model.stopAll(true);
+    m_cues.stopAll(true);
     m_applying = true;
     const QString base = QDir::cleanPath(QFileInfo(path).absolutePath());
     std::vector<KeyPage> pages;
@@ -99,26 +105,23 @@ void ShowSession::open(const QString& path) {
     const auto current = static_cast<std::size_t>(
         std::min<std::int64_t>(wanted, static_cast<std::int64_t>(pages.size()) - 1));
 
-    ShowDocument& show = m_model.document();
-    m_model.media().clear();
+    ShowDocument& show = m_document;
+    m_media.clear();
     show.pages = std::move(pages);
     show.currentPage = current;
     show.assignments = show.pages[current].keys;
 
-    m_model.setMasterVolume(doc.masterVolume);
-    m_model.setStopAllFade(doc.stopAllFade);
+    MixSettings settings;
+    settings.masterVolume = doc.masterVolume;
+    settings.stopAllFade = doc.stopAllFade;
     const auto muted = doc.mutedOutputs.value_or(std::vector<std::int64_t>{});
-    m_model.setMutedOutputs({muted.begin(), muted.end()});
-    QStringList outputs;
+    settings.mutedOutputs = {muted.begin(), muted.end()};
     if (doc.videoOutputs)
-        outputs = *doc.videoOutputs;
+        settings.videoOutputs = *doc.videoOutputs;
     else if (doc.videoTarget.startsWith(QStringLiteral("display:")))
-        outputs = {doc.videoTarget.mid(8)};
-    else
-        outputs = {QStringLiteral("window")};
-    m_model.setVideoOutputs(outputs);
-    if (doc.outputDeviceUID != m_model.outputDeviceUID())
-        m_model.setOutputDeviceUID(doc.outputDeviceUID);
+        settings.videoOutputs = {doc.videoTarget.mid(8)};
+    settings.outputDeviceUID = doc.outputDeviceUID;
+    m_settings.apply(settings);
 
     finishOpening(path, doc);
     m_applying = false;
@@ -139,45 +142,47 @@ void ShowSession::reportSkippedKeys(const KeymapDocument& doc) {
         collect(doc.keys);
     }
     if (!skipped.isEmpty())
-        m_model.cueEngine().setStatusMessage(
+        m_status.show(
             QStringLiteral("キーとして読めない項目を読み飛ばしました: ") +
             skipped.join(QStringLiteral("、")));
 }
 
 void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) {
-    if (doc.outputDeviceUID && !m_model.isOffline()) {
+    if (doc.outputDeviceUID && !m_offline) {
         bool listed = false;
         for (const AudioOutputDevice& device : AudioDeviceList::outputDevices())
             listed = listed || QString::fromStdString(device.uid) == *doc.outputDeviceUID;
         if (!listed)
-            m_model.cueEngine().setStatusMessage(QStringLiteral(
+            m_status.show(QStringLiteral(
                 "保存時の出力デバイスが見つからないため、システム既定に出力しています"));
     }
     m_path = path;
     m_dirty = false;
-    m_model.media().reloadAll(true);
+    m_media.reloadAll(true);
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
-    emit m_model.assignmentsChanged();
+    emit assignmentsChanged();
 }
 
 void ShowSession::newDocument() {
-    m_model.stopAll(true);
+    m_cues.stopAll(true);
     m_applying = true;
-    ShowDocument& show = m_model.document();
+    ShowDocument& show = m_document;
     show.assignments.clear();
     KeyPage first;
     first.name = kFirstPage;
     show.pages = {first};
     show.currentPage = 0;
-    m_model.media().clear();
-    m_model.setMutedOutputs({});
+    m_media.clear();
+    MixSettings settings = m_settings.current();
+    settings.mutedOutputs.clear();
+    m_settings.apply(settings);
     m_applying = false;
     m_path.reset();
     m_dirty = false;
     Prefs::remove(Prefs::lastKeymapKey(m_instance));
     titleChanged();
-    emit m_model.assignmentsChanged();
+    emit assignmentsChanged();
 }
 
 void ShowSession::restoreLastDocument() {
@@ -189,7 +194,7 @@ void ShowSession::restoreLastDocument() {
     try {
         open(last);
     } catch (const DocumentError& error) {
-        m_model.cueEngine().setStatusMessage(QStringLiteral("前回のキーマップを開けません: ") +
+        m_status.show(QStringLiteral("前回のキーマップを開けません: ") +
                                              error.message());
     }
 }

@@ -3,17 +3,30 @@
 #include <functional>
 #include <optional>
 
+#include <QObject>
 #include <QString>
 
+#include "cue/MixSettings.h"
 #include "model/KeymapDocument.h"
+#include "model/ShowDocument.h"
 
-class AppModel;
+class CueEngine;
+class MediaLoader;
+class StatusLine;
 
 // The show as a file: saving, opening, a new show, reopening the last one, dirty tracking and
-// the name in the title. Operates on the AppModel that owns it. Main thread.
-class ShowSession {
+// the name in the title. It replaces the document's pages itself; the mix settings the file
+// keeps are the owner's, read through `current` and handed over through `apply`. Main thread.
+class ShowSession : public QObject {
+    Q_OBJECT
 public:
-    explicit ShowSession(AppModel& model);
+    struct Settings {
+        std::function<MixSettings()> current;
+        std::function<void(const MixSettings&)> apply;
+    };
+
+    ShowSession(ShowDocument& document, MediaLoader& media, CueEngine& cues, StatusLine& status,
+                Settings settings);
 
     // Throws DocumentError; on failure the location, the dirty flag and the last-show
     // preference stay as they were and the old file is intact.
@@ -35,6 +48,12 @@ public:
     void setInstanceNumber(int n) { m_instance = n; }
     // Called after anything that changes the window title.
     std::function<void()> onTitleChange;
+    // Offline runs play on no device: a show's device is not looked for.
+    void setOffline(bool offline) { m_offline = offline; }
+
+signals:
+    // Another show was opened or started, or the show was saved.
+    void assignmentsChanged();
 
 private:
     void finishOpening(const QString& path, const KeymapDocument& doc);
@@ -43,7 +62,12 @@ private:
     // operator is told which, since the next save will not write them again.
     void reportSkippedKeys(const KeymapDocument& doc);
 
-    AppModel& m_model;
+    ShowDocument& m_document;
+    MediaLoader& m_media;
+    CueEngine& m_cues;
+    StatusLine& m_status;
+    Settings m_settings;
+    bool m_offline = false;
     std::optional<QString> m_path;
     bool m_dirty = false;
     bool m_applying = false;

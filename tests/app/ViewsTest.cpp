@@ -138,7 +138,7 @@ TEST_F(Views, NumberFieldsKeepTheKeysOnlyWhenClickedAndEnterGivesThemBack) {
     QApplication::processEvents();
     key(QEvent::KeyPress, Qt::Key_A, KEY_A);
     EXPECT_FALSE(stage.model.isRunning(0));
-    EXPECT_EQ(stage.engine().statusMessage(), KeyInput::kFieldMessage);
+    EXPECT_EQ(stage.model.status().text(), KeyInput::kFieldMessage);
 
     key(QEvent::KeyPress, Qt::Key_Return, KEY_ENTER);
     EXPECT_FALSE(fadeIn->hasFocus());

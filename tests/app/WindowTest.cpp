@@ -103,7 +103,7 @@ TEST_F(Window, AClickedTextFieldKeepsItsKeysAndSaysWhyNothingPlays) {
     QApplication::processEvents();
     send(QEvent::KeyPress, Qt::Key_A, KEY_A, {}, false, field);
     EXPECT_FALSE(model.document().selectedKey);
-    EXPECT_EQ(model.cueEngine().statusMessage(), KeyInput::kFieldMessage);
+    EXPECT_EQ(model.status().text(), KeyInput::kFieldMessage);
 }
 
 TEST_F(Window, TitleFollowsDocumentPageAndChanges) {
@@ -204,7 +204,7 @@ TEST(BackgroundKeys, NoReadableKeyboardSaysHowToGrantAccess) {
     BackgroundInput input(model, [] { return false; });
     QFile(QString::fromStdString(dir.file("event0"))).open(QIODevice::WriteOnly); // not a device
     EXPECT_EQ(input.setEnabled(true, QString::fromStdString(dir.file(""))), 0);
-    EXPECT_EQ(model.cueEngine().statusMessage(), BackgroundInput::kNoAccessMessage);
+    EXPECT_EQ(model.status().text(), BackgroundInput::kNoAccessMessage);
     EXPECT_FALSE(input.isEnabled());
 }
 

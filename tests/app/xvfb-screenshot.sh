@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Runs the window under a virtual X server (Xvfb, started and stopped here), presses two demo
 # keys, grabs the real window and checks its drawn cells; the PNG stays as a test artefact.
-# Usage: xvfb-screenshot.sh VORLIN_EXECUTABLE OUTPUT.png
+# Usage: xvfb-screenshot.sh APP_SELFTEST OUTPUT.png
 set -u
-vorlin=$1
+selftest=$1
 shot=$2
 mkdir -p "$(dirname "$shot")"
 home=$(mktemp -d)
@@ -21,4 +21,4 @@ for _ in $(seq 50); do [ -e "/tmp/.X11-unix/X${display#:}" ] && break; sleep 0.1
 
 DISPLAY=$display QT_QPA_PLATFORM=xcb XDG_DATA_HOME=$home XDG_CONFIG_HOME=$home \
     XDG_RUNTIME_DIR=$home JACK_DEFAULT_SERVER=vorlin-no-such-server \
-    VORLIN_SELFTEST_LAYOUT=1 VORLIN_SELFTEST_SCREENSHOT="$shot" timeout 60 "$vorlin"
+    VORLIN_SELFTEST_LAYOUT=1 VORLIN_SELFTEST_SCREENSHOT="$shot" timeout 60 "$selftest"

@@ -100,8 +100,8 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
     addToneKey(model);
     model.handleKey(kA, true, false, false);
     server->kill();
-    ASSERT_TRUE(pump([&] { return !model.cueEngine().statusMessage().isEmpty(); }));
-    EXPECT_EQ(model.cueEngine().statusMessage(),
+    ASSERT_TRUE(pump([&] { return !model.status().text().isEmpty(); }));
+    EXPECT_EQ(model.status().text(),
               "オーディオ出力を開始できません: 出力デバイスを設定できません（JACK "
               "サーバーに接続できません）");
     EXPECT_TRUE(model.audio().isRunning());
@@ -135,7 +135,7 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
     jack_client_close(watcher);
     EXPECT_EQ(model.audio().activeDevice(), "jack:system");
     EXPECT_FALSE(model.isOnFallback());
-    EXPECT_EQ(model.cueEngine().statusMessage(), "オーディオ出力が戻りました: JACK: system");
+    EXPECT_EQ(model.status().text(), "オーディオ出力が戻りました: JACK: system");
     EXPECT_TRUE(model.isRunning(kA));
 }
 
@@ -145,7 +145,7 @@ TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {
     model.setMasterVolume(0.5);
     model.setMutedOutputs({3});
     model.setOutputDeviceUID(QString("alsa:vorlin_unplugged_card"));
-    EXPECT_TRUE(model.cueEngine().statusMessage().startsWith(
+    EXPECT_TRUE(model.status().text().startsWith(
         "オーディオ出力を開始できません: 出力デバイスを設定できません（ALSA: "));
     EXPECT_TRUE(model.audio().isRunning());
     EXPECT_GE(model.cueEngine().outputChannelCount(), 1);
@@ -156,8 +156,8 @@ TEST(ModelOnAlsa, AKeyPressPlaysItsToneIntoTheFile) {
     const std::string file = dir.file("show.raw");
     AppModel model;
     model.setOutputDeviceUID(QString::fromStdString("alsa:file:FILE=" + file + ",FORMAT=raw"));
-    ASSERT_TRUE(model.cueEngine().statusMessage().isEmpty())
-        << model.cueEngine().statusMessage().toStdString();
+    ASSERT_TRUE(model.status().text().isEmpty())
+        << model.status().text().toStdString();
     const std::int64_t channels = model.audio().channelCount();
     ASSERT_GE(channels, 4);
     addToneKey(model);

@@ -133,7 +133,7 @@ TEST(NextMaterial, AppliesBeforeAStartThatYieldsNothingAndConsumesACueID) {
     stage.run(0.05);
     const auto before = stage.engine().nextCueID();
     stage.press(kS);
-    EXPECT_EQ(stage.engine().statusMessage(),
+    EXPECT_EQ(stage.model.status().text(),
               "nowhere: 出力先のチャンネルがありません（ルーティングを確認）");
     EXPECT_EQ(stage.engine().nextCueID(), before + 1);
     const auto out = stage.run(0.05);
@@ -175,15 +175,15 @@ TEST(Messages, LoadingFailedOrUnassignedKeysStartNothing) {
     info.loading = true;
     info.progressText = "読み込み中 45%";
     stage.press(kA);
-    EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中 45%");
+    EXPECT_EQ(stage.model.status().text(), "tone は読み込み中 45%");
 
     stage.model.media().table().clear();
     stage.press(kA);
-    EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中です");
+    EXPECT_EQ(stage.model.status().text(), "tone は読み込み中です");
 
     stage.model.media().table()["/show/tone.wav"].error = QString("読み込みに失敗しました");
     stage.press(kA);
-    EXPECT_EQ(stage.engine().statusMessage(), "tone: 読み込みに失敗しました");
+    EXPECT_EQ(stage.model.status().text(), "tone: 読み込みに失敗しました");
     EXPECT_EQ(stage.beeps, 1);
 
     stage.press(kG); // no assignment: only the selection moves
@@ -223,7 +223,7 @@ TEST(VideoKeys, SoundWaitsForThePictureAndPlaysWithoutItWhenItFails) {
     out = broken.run(0.1);
     EXPECT_NE(firstNonZero(out[0]), -1);
     EXPECT_LT(firstNonZero(out[0]), 512);
-    EXPECT_EQ(broken.engine().statusMessage(), "not-a-movie: 映像を再生できません");
+    EXPECT_EQ(broken.model.status().text(), "not-a-movie: 映像を再生できません");
 }
 
 TEST(CueList, StopCueAndTogglePlaybackFromTheViews) {

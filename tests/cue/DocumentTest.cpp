@@ -214,7 +214,7 @@ TEST_F(Document, ReadRulesForPagesCurrentPageAndKeyStrings) {
     model.open(path);
     EXPECT_EQ(model.document().currentPage, 2u);
     // Dropped, and the operator told so: the next save will not write them.
-    EXPECT_EQ(model.cueEngine().statusMessage(),
+    EXPECT_EQ(model.status().text(),
               "キーとして読めない項目を読み飛ばしました: 300000、abc");
     ASSERT_EQ(model.document().assignments.size(), 1u);
     EXPECT_EQ(model.document().assignments.begin()->first, 12);
@@ -422,11 +422,11 @@ TEST_F(Document, DirtyTrackingNewDocumentAndReopeningTheLastShow) {
     write(path, "garbage");
     AppModel third;
     third.restoreLastDocument();
-    EXPECT_TRUE(third.cueEngine().statusMessage().startsWith("前回のキーマップを開けません: "));
+    EXPECT_TRUE(third.status().text().startsWith("前回のキーマップを開けません: "));
     Prefs::setValue(Prefs::kReopenLastKeymap, false);
     AppModel fourth;
     fourth.restoreLastDocument();
-    EXPECT_TRUE(fourth.cueEngine().statusMessage().isEmpty());
+    EXPECT_TRUE(fourth.status().text().isEmpty());
     Prefs::remove(Prefs::kReopenLastKeymap);
 }
 

@@ -54,14 +54,14 @@ TEST_F(Editing, DropPoliciesAskAppendReplaceOrCancel) {
     script.buttons = {0}; // append: the old file first
     editor().place({file("new.wav")}, kA);
     EXPECT_EQ(*keys().at(kA).sources, (QStringList{file("old.wav"), file("new.wav")}));
-    EXPECT_EQ(stage.engine().statusMessage(),
+    EXPECT_EQ(stage.model.status().text(),
               "A キーに 1 個追加しました（押すたび順に切り替わります）");
 
     Prefs::setValue(Prefs::kOccupiedDrop, "replace");
     editor().place({file("x.mp3"), file("notes.txt"), file("y.flac")}, kA);
     EXPECT_EQ(*keys().at(kA).sources, (QStringList{file("x.mp3"), file("y.flac")}));
     editor().place({file("notes.txt")}, kA);
-    EXPECT_EQ(stage.engine().statusMessage(), "対応していないファイルです");
+    EXPECT_EQ(stage.model.status().text(), "対応していないファイルです");
 }
 
 TEST_F(Editing, SeveralFilesOnAnEmptyKeyBecomeAListOrSpreadOverFreeKeys) {
@@ -86,7 +86,7 @@ TEST_F(Editing, SeveralFilesOnAnEmptyKeyBecomeAListOrSpreadOverFreeKeys) {
     editor().assign(
         QStringList{file("1.wav"), file("2.wav"), file("3.wav"), file("4.wav"), file("5.wav")},
         123);
-    EXPECT_EQ(stage.engine().statusMessage(),
+    EXPECT_EQ(stage.model.status().text(),
               "空きキーが足りず 2 個のファイルを割り当てられませんでした");
     EXPECT_EQ(keys().at(124).path, file("3.wav"));
 }
@@ -128,7 +128,7 @@ TEST_F(Editing, CopyRoutingUpdateAndRename) {
     script.buttons = {0};
     editor().copyKey(kA, 1);
     EXPECT_EQ(stage.doc().pages[1].keys.at(kA).path, file("a.wav"));
-    EXPECT_TRUE(stage.engine().statusMessage().endsWith("」にコピーしました"));
+    EXPECT_TRUE(stage.model.status().text().endsWith("」にコピーしました"));
 
     KeyAssignment routed = keys().at(kA);
     routed.outputMap = "5";
@@ -137,7 +137,7 @@ TEST_F(Editing, CopyRoutingUpdateAndRename) {
     editor().applyRoutingToAll(kA);
     EXPECT_EQ(keys().at(kS).outputMap, "5");
     EXPECT_EQ(keys().at(kS).matrix, routed.matrix);
-    EXPECT_EQ(stage.engine().statusMessage(), "A のルーティングを全キーに適用しました");
+    EXPECT_EQ(stage.model.status().text(), "A のルーティングを全キーに適用しました");
 
     script.names = {QString("開演ベル"), std::nullopt};
     editor().renameKey(kA);
@@ -197,7 +197,7 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     editor().assign(tone, kA);
     EXPECT_TRUE(stage.model.media().table().at(tone).loading);
     stage.press(kA);
-    EXPECT_EQ(stage.engine().statusMessage(), "tone は読み込み中…");
+    EXPECT_EQ(stage.model.status().text(), "tone は読み込み中…");
     const auto deadline = std::chrono::steady_clock::now() + 10s;
     while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
@@ -213,7 +213,7 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     EXPECT_EQ(stage.model.media().table().at(file("gone.wav")).error, QString("ファイルが見つかりません"));
-    EXPECT_EQ(stage.engine().statusMessage(), "見つからないファイルがあります: gone.wav");
+    EXPECT_EQ(stage.model.status().text(), "見つからないファイルがあります: gone.wav");
     EXPECT_EQ(stage.model.media().table().at(file("deck.pdf")).error,
               QString("スライドの再生にはまだ対応していません"));
     EXPECT_TRUE(stage.model.media().table().at("list:" + tone + "\n" + tone).error);

@@ -1,4 +1,4 @@
-#include "app/SelfTest.h"
+#include "SelfTest.h"
 
 #include <cstdio>
 
@@ -99,7 +99,7 @@ void checkKeys(AppModel& model, MainWindow& window, const QString& codes, const 
         const QString name = keys.at(code).displayName();
         const MediaInfo* info = model.media().infoFor(keys.at(code));
         if (info && info->error) {
-            log.check(model.cueEngine().statusMessage().contains(*info->error),
+            log.check(model.status().text().contains(*info->error),
                       QString("key %1 (%2) reports: %3").arg(code).arg(name, *info->error));
             continue;
         }
@@ -299,7 +299,7 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
     log.check(pages.isVisible() && pages.count() == 2 && pages.item(1)->text().contains("▶"),
               "the page list shows both pages, 第二部 marked as playing");
 
-    model.cueEngine().setStatusMessage(QString());
+    model.status().show(QString());
     model.document().selectedKey = 1;
     emit model.cueEngine().selectedKeyChanged();
     waitFor(100);
@@ -330,14 +330,6 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
 }
 
 } // namespace
-
-bool requested() {
-    for (const char* name : {"VORLIN_SELFTEST_KEYS", "VORLIN_SELFTEST_LAYOUT",
-                             "VORLIN_SELFTEST_DEMO", "VORLIN_SELFTEST_SCREENSHOT"})
-        if (qEnvironmentVariableIsSet(name))
-            return true;
-    return false;
-}
 
 int run(AppModel& model, MainWindow& window) {
     Log log;
