@@ -184,6 +184,7 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     };
     MovieStart movie;
     movie.path = a.path;
+    movie.duration = info.probe.hasVideo ? info.probe.duration : -1.0;
     movie.fadeIn = a.fadeIn;
     movie.loop = a.loop;
     movie.playerAudio = info.audioViaPlayer;

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "media/AudioLoader.h"
+#include <QFileInfo>
+
 #include "audio/HostTime.h"
 
 namespace {
@@ -52,13 +53,9 @@ HeadlessVideoOutput::~HeadlessVideoOutput() = default;
 
 std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
     show();
-    auto known = m_durations.find(start.path);
-    if (known == m_durations.end()) {
-        const MediaProbe probe = AudioLoader::probe(start.path.toStdString());
-        known = m_durations.emplace(start.path, probe.hasVideo ? probe.duration : -1.0).first;
-    }
-    auto movie = std::make_shared<Movie>(m_clock, std::max(known->second, 0.0));
-    movie->failed = known->second < 0.0;
+    auto movie = std::make_shared<Movie>(m_clock, std::max(start.duration, 0.0));
+    // A file the loader found no picture in, or one gone since, fails as a player's would.
+    movie->failed = !(start.duration >= 0.0) || !QFileInfo(start.path).isFile();
     movie->loop = start.loop;
     movie->usesPlayerAudio = start.playerAudio;
     movie->volume = start.volume;

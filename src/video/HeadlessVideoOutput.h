@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <vector>
 
 #include <QObject>
@@ -57,5 +56,4 @@ private:
     bool m_showing = false;
     std::vector<std::shared_ptr<Movie>> m_movies;
     std::vector<Image> m_images;
-    std::map<QString, double> m_durations; // probed once per file
 };

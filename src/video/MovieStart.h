@@ -11,6 +11,9 @@
 // tell. Callbacks run later on the main thread.
 struct MovieStart {
     QString path;
+    // The picture's length as the media loader probed it (seconds); negative: the loader found
+    // no picture it can play. The output never opens the file on the caller's thread to learn it.
+    double duration = -1.0;
     double fadeIn = 0.0; // seconds
     bool loop = false;
     bool playerAudio = false; // the player plays the sound (it could not be decoded into a clip)

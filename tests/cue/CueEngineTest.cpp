@@ -212,7 +212,7 @@ TEST(VideoKeys, SoundWaitsForThePictureAndPlaysWithoutItWhenItFails) {
     EXPECT_LE(firstNonZero(out[0]), 5122);
     EXPECT_TRUE(stage.model.video().isShowing());
 
-    // A file that has no picture: the sound is released at once, with a message.
+    // A movie file gone since it was loaded: the sound is released at once, with a message.
     CueStage broken;
     KeyAssignment b("/show/not-a-movie.wav", 0);
     b.outputMap = "1";
