@@ -85,15 +85,8 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
     setDevices({});
     if (!model.isOffline()) {
         listDevices();
-        m_watch = AudioDeviceList::observeChanges([this] {
-            // From the watcher thread: list again, starting from the main thread.
-            QMetaObject::invokeMethod(this, &OutputBar::listDevices, Qt::QueuedConnection);
-        });
+        connect(&model, &AppModel::devicesChanged, this, &OutputBar::listDevices);
     }
-}
-
-OutputBar::~OutputBar() {
-    m_watch.reset(); // no change report may arrive for a bar that is gone
 }
 
 void OutputBar::listDevices() {

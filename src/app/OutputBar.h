@@ -21,7 +21,6 @@ class OutputBar : public QWidget {
     Q_OBJECT
 public:
     explicit OutputBar(AppModel& model, QWidget* parent = nullptr);
-    ~OutputBar() override;
 
     QComboBox& devices() { return *m_devices; }
     // Shows a device list (what the worker thread delivers).
@@ -39,5 +38,4 @@ private:
     QLabel* m_active = nullptr;
     QDoubleSpinBox* m_stopAllFade = nullptr;
     std::vector<AudioOutputDevice> m_listed;
-    std::unique_ptr<AudioDeviceList::Watch> m_watch;
 };

@@ -43,12 +43,26 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
 }
 
 AppModel::~AppModel() {
+    m_watch.reset();
     m_timer.stop();
     m_deviceRetry.stop();
     m_audio.stop(); // no render call may reach the mixer while the rest is torn down
 }
 
 void AppModel::start() {
+    if (!m_offline && !m_watch) {
+        m_watch = AudioDeviceList::observeChanges([this] {
+            // From the watch's thread: the model lives on the main thread, and the watch ends
+            // (joining that thread) before the model does.
+            QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    emit devicesChanged();
+                    lookForWantedDevice();
+                },
+                Qt::QueuedConnection);
+        });
+    }
     restartAudio();
     m_timer.setTimerType(Qt::PreciseTimer);
     m_timer.setInterval(kTickInterval);
@@ -137,8 +151,9 @@ void AppModel::lookForWantedDevice() {
     // Opening a device may take a moment (a JACK server answering): never on this thread.
     m_probing = true;
     QPointer<AppModel> self(this);
-    QThreadPool::globalInstance()->start([self, wanted = wantedDevice()] {
-        const bool back = AudioEngine::canOpen(wanted);
+    const auto jackDevices = m_watch ? m_watch->jackDevices() : std::nullopt;
+    QThreadPool::globalInstance()->start([self, wanted = wantedDevice(), jackDevices] {
+        const bool back = AudioEngine::canOpen(wanted, jackDevices);
         QMetaObject::invokeMethod(QCoreApplication::instance(), [self, wanted, back] {
             if (!self)
                 return;

@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QTimer>
 
+#include "device/AudioDeviceList.h"
 #include "device/AudioEngine.h"
 #include "audio/Mixer.h"
 #include "cue/CueEngine.h"
@@ -119,6 +120,8 @@ signals:
     void audioDeviceChanged();
     // Master volume, mutes, test tone or stop-all fade changed (by a view or an opened show).
     void mixSettingsChanged();
+    // Devices came or went (from the device watch, which runs from start()).
+    void devicesChanged();
 
 private:
     static constexpr std::chrono::milliseconds kDeviceRetryInterval{1000};
@@ -145,4 +148,7 @@ private:
     // While the engine plays somewhere else than wanted, looks for the wanted device.
     QTimer m_deviceRetry;
     bool m_probing = false;
+    // One watch for the whole show: its JACK client is registered once, and the fallback search
+    // asks it rather than announcing a client of its own every second.
+    std::unique_ptr<AudioDeviceList::Watch> m_watch;
 };

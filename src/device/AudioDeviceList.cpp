@@ -8,6 +8,7 @@
 #include <jack/jack.h>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "device/BackendKind.h"
@@ -60,14 +61,28 @@ private:
             m_client = nullptr; // its threads ended with the server
         if (!m_client)
             connect();
+        std::optional<std::vector<std::string>> seen;
         if (m_client) {
             std::vector<AudioOutputDevice> jack;
             JackBackend::addDevices(jack, m_client);
-            for (const auto& device : jack)
+            seen.emplace();
+            for (const auto& device : jack) {
                 text += device.uid + ":" + std::to_string(device.channels) + "\n";
+                seen->push_back(device.uid);
+            }
         }
+        std::lock_guard lock(m_mutex);
+        m_jackDevices = std::move(seen);
         return text;
     }
+
+public:
+    std::optional<std::vector<std::string>> jackDevices() const override {
+        std::lock_guard lock(m_mutex);
+        return m_jackDevices;
+    }
+
+private:
 
     void connect() {
         jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
@@ -122,7 +137,8 @@ private:
     std::function<void()> m_changed;
     jack_client_t* m_client = nullptr; // the watch thread's
     std::atomic<bool> m_serverGone{false};
-    std::mutex m_mutex;
+    mutable std::mutex m_mutex;
+    std::optional<std::vector<std::string>> m_jackDevices; // under m_mutex
     std::condition_variable m_wake;
     bool m_quit = false;
     bool m_poked = false;

@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "device/AudioOutputDevice.h"
@@ -20,6 +22,10 @@ std::vector<AudioOutputDevice> outputDevices();
 class Watch {
 public:
     virtual ~Watch() = default;
+    // The JACK devices the watch's own client saw at its last look, or none while it has no
+    // server. Lets a caller tell whether a JACK device is there without opening a client of
+    // its own. Any thread.
+    virtual std::optional<std::vector<std::string>> jackDevices() const = 0;
 };
 std::unique_ptr<Watch> observeChanges(std::function<void()> changed);
 

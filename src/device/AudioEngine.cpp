@@ -78,19 +78,23 @@ bool AudioEngine::isOnFallback(const std::optional<std::string>& wanted) const {
     return m_activeDevice == "null";
 }
 
-bool AudioEngine::canOpen(const std::optional<std::string>& wanted) {
-    std::string name;
-    if (wanted) {
+bool AudioEngine::canOpen(const std::optional<std::string>& wanted,
+                          const std::optional<std::vector<std::string>>& jackDevices) {
+    auto opens = [&jackDevices](const std::string& uid) {
+        std::string name;
+        const BackendKind* kind = BackendKind::find(uid, &name);
         // A uid of no known kind never opens: the model would otherwise restart the audio
         // every second and fail again.
-        const BackendKind* kind = BackendKind::find(*wanted, &name);
-        return kind && kind->canOpen(name);
-    }
-    for (const std::string uid : kDefaultOrder) {
-        if (BackendKind::find(uid, &name)->canOpen(name))
-            return true;
-    }
-    return false;
+        if (!kind)
+            return false;
+        if (jackDevices && kind->prefix == "jack:")
+            return name.empty() ? !jackDevices->empty()
+                                : std::ranges::find(*jackDevices, name) != jackDevices->end();
+        return kind->canOpen(name);
+    };
+    if (wanted)
+        return opens(*wanted);
+    return std::ranges::any_of(kDefaultOrder, opens);
 }
 
 void AudioEngine::open(std::unique_ptr<AudioBackend> backend, const std::string& uid) {

@@ -7,6 +7,7 @@
 #include <semaphore.h>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "device/AudioBackend.h"
 #include "audio/Mixer.h"
@@ -60,8 +61,12 @@ public:
     // ended on the null device.
     bool isOnFallback(const std::optional<std::string>& wanted) const;
     // Whether the wanted device can be opened now. Opens and closes it (a JACK client, a PCM):
-    // call it off the main thread, and only while isOnFallback. Any thread.
-    static bool canOpen(const std::optional<std::string>& wanted);
+    // call it off the main thread, and only while isOnFallback. With `jackDevices` (what a
+    // device watch's client sees of a running server) a JACK device is looked up there
+    // instead: a client opened per look would be announced to every client of the server.
+    // Any thread.
+    static bool canOpen(const std::optional<std::string>& wanted,
+                        const std::optional<std::vector<std::string>>& jackDevices = {});
 
 private:
     void open(std::unique_ptr<AudioBackend> backend, const std::string& uid);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -137,6 +138,37 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
     EXPECT_FALSE(model.isOnFallback());
     EXPECT_EQ(model.status().text(), "オーディオ出力が戻りました: JACK: system");
     EXPECT_TRUE(model.isRunning(kA));
+}
+
+// While the chosen JACK device is missing from a running server the model looks for it every
+// second; it must ask its device watch, not announce a client of its own to every client of the
+// server each time.
+TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
+    JackServer server(8);
+    ASSERT_TRUE(server.ready());
+    std::atomic<int> registered{0};
+    jack_client_t* watcher = jack_client_open("registrations", JackNoStartServer, nullptr);
+    ASSERT_NE(watcher, nullptr);
+    jack_set_client_registration_callback(
+        watcher,
+        [](const char*, int added, void* count) {
+            if (added)
+                ++*static_cast<std::atomic<int>*>(count);
+        },
+        &registered);
+    ASSERT_EQ(jack_activate(watcher), 0);
+
+    AppModel model;
+    model.setOutputDeviceUID(QString("jack:later"));
+    model.start();
+    EXPECT_EQ(model.audio().activeDevice(), "jack:system");
+    ASSERT_TRUE(model.isOnFallback());
+    pump([] { return false; }, 1500ms); // the watch's client and our own port have registered
+    const int settled = registered.load();
+    pump([] { return false; }, 3500ms);
+    EXPECT_EQ(registered.load(), settled) << "clients announced while waiting";
+    EXPECT_TRUE(model.isOnFallback());
+    jack_client_close(watcher);
 }
 
 TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {
