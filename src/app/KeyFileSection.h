@@ -1,0 +1,33 @@
+#pragma once
+
+#include "app/DetailSection.h"
+
+class QLabel;
+class QLineEdit;
+class QToolButton;
+class WaveformView;
+
+// The detail panel's first box: the key, its name, its file or files, what the file holds and
+// whether it is ready, the waveform with the playing position (a click seeks the key's newest
+// cue), and replacing, adding, renaming, clearing and copying to another page. Main thread.
+class KeyFileSection : public DetailSection {
+public:
+    KeyFileSection(AppModel& model, QWidget* parent);
+
+    // The play line of the selected key's cue (moved on the tick's progress beat).
+    void refreshPosition();
+
+protected:
+    void show(const KeyAssignment& a, const MediaInfo* media) override;
+
+private:
+    void fillCopyMenu();
+
+    QLabel* m_keyLabel = nullptr;
+    QLineEdit* m_title = nullptr;
+    QLabel* m_file = nullptr;
+    QLabel* m_info = nullptr;
+    QLabel* m_state = nullptr;
+    WaveformView* m_waveform = nullptr;
+    QToolButton* m_copy = nullptr;
+};
