@@ -207,103 +207,111 @@ void MainWindow::fitWindowToScreen() {
 }
 
 void MainWindow::buildMenu() {
-    auto add = [this](QMenu* menu, const QString& text, const QKeySequence& keys, auto action) {
-        QAction* item = menu->addAction(text);
-        item->setShortcut(keys);
-        connect(item, &QAction::triggered, this, action);
-        return item;
+    // A menu is a title and its entries; an entry without text is a separator, one without an
+    // action is shown disabled (what the system or a text field does itself, or what is still
+    // to come).
+    struct Entry {
+        QString text;
+        QKeySequence keys;
+        std::function<void()> run;
     };
-    QMenu* app = menuBar()->addMenu(QStringLiteral("Vorlin"));
-    add(app, QStringLiteral("Vorlin について"), {}, [this] {
-        QMessageBox::about(this, QStringLiteral("Vorlin"),
-                           QStringLiteral("Vorlin — キーボードで鳴らすキュープレイヤー"));
-    });
-    app->addSeparator();
-    add(app, QStringLiteral("設定…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),
-        [this] { showSettings(); });
-    app->addSeparator();
-    add(app, QStringLiteral("アップデートを確認…"), {}, [] {})->setEnabled(false);
-    app->addSeparator();
-    add(app, QStringLiteral("新しいインスタンスを起動"),
-        QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_N),
-        [] { QProcess::startDetached(QCoreApplication::applicationFilePath(), {}); });
-    app->addSeparator();
-    add(app, QStringLiteral("Vorlin を終了"), QKeySequence(Qt::CTRL | Qt::Key_Q),
-        [this] { close(); });
-
-    QMenu* file = menuBar()->addMenu(QStringLiteral("ファイル"));
-    add(file, QStringLiteral("新規キーマップ"), QKeySequence(Qt::CTRL | Qt::Key_N), [this] {
-        if (confirmDiscard())
-            m_model.newDocument();
-        update();
-    });
-    add(file, QStringLiteral("開く…"), QKeySequence(Qt::CTRL | Qt::Key_O),
-        [this] { openDocument(); });
-    file->addSeparator();
-    add(file, QStringLiteral("保存"), QKeySequence(Qt::CTRL | Qt::Key_S),
-        [this] { saveDocument(false); });
-    add(file, QStringLiteral("別名で保存…"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_S),
-        [this] { saveDocument(true); });
-    file->addSeparator();
-    add(file, QStringLiteral("選択中のキーにファイルを割り当て…"),
-        QKeySequence(Qt::CTRL | Qt::Key_I), [this] {
-            if (const auto key = m_model.document().selectedKey) {
-                const QStringList files = m_dialogs.chooseFiles(
-                    KeyboardLayout::label(*key) + " キーに入れるファイル（複数選べます）",
-                    ShowEditor::openPanelTypes(), true);
-                if (!files.isEmpty())
-                    m_model.editor().place(files, *key);
+    const Entry separator;
+    auto pageStep = [this](int delta) {
+        return [this, delta] {
+            m_model.editor().stepPage(delta);
+            updateTitle();
+            update();
+        };
+    };
+    const std::vector<std::pair<QString, std::vector<Entry>>> menus{
+        {QStringLiteral("Vorlin"),
+         {{QStringLiteral("Vorlin について"), {},
+           [this] {
+               QMessageBox::about(this, QStringLiteral("Vorlin"),
+                                  QStringLiteral("Vorlin — キーボードで鳴らすキュープレイヤー"));
+           }},
+          separator,
+          {QStringLiteral("設定…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),
+           [this] { showSettings(); }},
+          separator,
+          {QStringLiteral("アップデートを確認…"), {}, nullptr},
+          separator,
+          {QStringLiteral("新しいインスタンスを起動"), QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_N),
+           [] { QProcess::startDetached(QCoreApplication::applicationFilePath(), {}); }},
+          separator,
+          {QStringLiteral("Vorlin を終了"), QKeySequence(Qt::CTRL | Qt::Key_Q),
+           [this] { close(); }}}},
+        {QStringLiteral("ファイル"),
+         {{QStringLiteral("新規キーマップ"), QKeySequence(Qt::CTRL | Qt::Key_N),
+           [this] {
+               if (confirmDiscard())
+                   m_model.newDocument();
+               update();
+           }},
+          {QStringLiteral("開く…"), QKeySequence(Qt::CTRL | Qt::Key_O), [this] { openDocument(); }},
+          separator,
+          {QStringLiteral("保存"), QKeySequence(Qt::CTRL | Qt::Key_S),
+           [this] { saveDocument(false); }},
+          {QStringLiteral("別名で保存…"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_S),
+           [this] { saveDocument(true); }},
+          separator,
+          {QStringLiteral("選択中のキーにファイルを割り当て…"), QKeySequence(Qt::CTRL | Qt::Key_I),
+           [this] {
+               if (const auto key = m_model.document().selectedKey) {
+                   const QStringList files = m_dialogs.chooseFiles(
+                       KeyboardLayout::label(*key) + " キーに入れるファイル（複数選べます）",
+                       ShowEditor::openPanelTypes(), true);
+                   if (!files.isEmpty())
+                       m_model.editor().place(files, *key);
+               }
+           }},
+          {QStringLiteral("すべてのファイルを読み込み直す"),
+           QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_R),
+           [this] { m_model.media().reloadAll(true); }}}},
+        // Text fields handle these themselves; the menu names them with their keys.
+        {QStringLiteral("編集"),
+         {{QStringLiteral("取り消す"), QKeySequence::Undo, nullptr},
+          {QStringLiteral("やり直す"), QKeySequence::Redo, nullptr},
+          separator,
+          {QStringLiteral("カット"), QKeySequence::Cut, nullptr},
+          {QStringLiteral("コピー"), QKeySequence::Copy, nullptr},
+          {QStringLiteral("ペースト"), QKeySequence::Paste, nullptr},
+          {QStringLiteral("すべてを選択"), QKeySequence::SelectAll, nullptr}}},
+        {QStringLiteral("再生"),
+         {{QStringLiteral("全停止（フェード）"), QKeySequence(Qt::CTRL | Qt::Key_Period),
+           [this] { m_model.stopAll(false); }},
+          {QStringLiteral("全停止（即時）"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_Period),
+           [this] { m_model.stopAll(true); }},
+          separator,
+          {QStringLiteral("映像出力を開く／閉じる"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_F),
+           nullptr},
+          separator,
+          {QStringLiteral("次のページ（プレイリスト）"), QKeySequence(Qt::CTRL | Qt::Key_Right),
+           pageStep(1)},
+          {QStringLiteral("前のページ（プレイリスト）"), QKeySequence(Qt::CTRL | Qt::Key_Left),
+           pageStep(-1)},
+          {QStringLiteral("新しいページ"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_N),
+           [this] { m_model.editor().newPage(false); }},
+          {QStringLiteral("このページを複製"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_D),
+           [this] { m_model.editor().newPage(true); }},
+          {QStringLiteral("プレイリストを表示／隠す"), QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_L),
+           [this] { setPageListShown(m_pages->isHidden()); }}}},
+        {QStringLiteral("ウインドウ"),
+         {{QStringLiteral("しまう"), QKeySequence(Qt::CTRL | Qt::Key_M),
+           [this] { showMinimized(); }}}},
+    };
+    for (const auto& [title, entries] : menus) {
+        QMenu* menu = menuBar()->addMenu(title);
+        for (const Entry& entry : entries) {
+            if (entry.text.isEmpty()) {
+                menu->addSeparator();
+                continue;
             }
-        });
-    add(file, QStringLiteral("すべてのファイルを読み込み直す"),
-        QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_R),
-        [this] { m_model.media().reloadAll(true); });
-
-    QMenu* edit = menuBar()->addMenu(QStringLiteral("編集"));
-    // Text fields handle these themselves; the menu names them with their keys.
-    const std::pair<const char*, QKeySequence::StandardKey> editing[] = {
-        {"取り消す", QKeySequence::Undo},  {"やり直す", QKeySequence::Redo},
-        {"カット", QKeySequence::Cut},     {"コピー", QKeySequence::Copy},
-        {"ペースト", QKeySequence::Paste}, {"すべてを選択", QKeySequence::SelectAll}};
-    for (const auto& [text, keys] : editing) {
-        QAction* item = edit->addAction(QString::fromUtf8(text));
-        item->setShortcut(keys);
-        item->setEnabled(false);
-        if (keys == QKeySequence::Redo)
-            edit->addSeparator();
+            QAction* item = menu->addAction(entry.text);
+            item->setShortcut(entry.keys);
+            item->setEnabled(entry.run != nullptr);
+            if (entry.run)
+                connect(item, &QAction::triggered, this, entry.run);
+        }
     }
-
-    QMenu* play = menuBar()->addMenu(QStringLiteral("再生"));
-    add(play, QStringLiteral("全停止（フェード）"), QKeySequence(Qt::CTRL | Qt::Key_Period),
-        [this] { m_model.stopAll(false); });
-    add(play, QStringLiteral("全停止（即時）"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_Period),
-        [this] { m_model.stopAll(true); });
-    play->addSeparator();
-    add(play, QStringLiteral("映像出力を開く／閉じる"),
-        QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_F), [] {})
-        ->setEnabled(false);
-    play->addSeparator();
-    add(play, QStringLiteral("次のページ（プレイリスト）"), QKeySequence(Qt::CTRL | Qt::Key_Right),
-        [this] {
-            m_model.editor().stepPage(1);
-            updateTitle();
-            update();
-        });
-    add(play, QStringLiteral("前のページ（プレイリスト）"), QKeySequence(Qt::CTRL | Qt::Key_Left),
-        [this] {
-            m_model.editor().stepPage(-1);
-            updateTitle();
-            update();
-        });
-    add(play, QStringLiteral("新しいページ"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_N),
-        [this] { m_model.editor().newPage(false); });
-    add(play, QStringLiteral("このページを複製"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_D),
-        [this] { m_model.editor().newPage(true); });
-    add(play, QStringLiteral("プレイリストを表示／隠す"),
-        QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_L),
-        [this] { setPageListShown(m_pages->isHidden()); });
-
-    QMenu* window = menuBar()->addMenu(QStringLiteral("ウインドウ"));
-    add(window, QStringLiteral("しまう"), QKeySequence(Qt::CTRL | Qt::Key_M),
-        [this] { showMinimized(); });
 }
