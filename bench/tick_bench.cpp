@@ -7,6 +7,7 @@
 
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
+#include "model/KeyboardLayout.h"
 #include "video/HeadlessVideoOutput.h"
 
 namespace {
@@ -20,7 +21,7 @@ void BM_Tick(benchmark::State& state) {
         std::vector<std::vector<float>>(2, std::vector<float>(48000 * 60, 0.1f)), 48000.0);
     KeyCode code = 0;
     for (int i = 0; i < cues; ++i, ++code) {
-        if (code == CueEngine::kEscape)
+        if (code == KeyboardLayout::kEscape)
             ++code;
         KeyAssignment a("/show/cue" + QString::number(i) + ".wav", 0);
         a.outputMap = QString::number(1 + i % 7);

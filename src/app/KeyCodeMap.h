@@ -16,6 +16,9 @@ namespace KeyCodeMap {
 std::optional<KeyCode> fromEvdev(std::uint32_t evdevCode);
 // The same for an XKB key code (QKeyEvent::nativeScanCode() under X11 and Wayland).
 std::optional<KeyCode> fromXkb(std::uint32_t xkbCode);
+// The layout key code of a Qt key (by symbol), for key events that carry no scan code
+// (synthesized ones, platforms without one).
+std::optional<KeyCode> fromQtKey(int qtKey);
 // The evdev code that yields a layout key code (for tests and key simulation).
 std::optional<std::uint32_t> toEvdev(KeyCode code);
 

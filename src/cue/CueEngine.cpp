@@ -7,6 +7,7 @@
 #include "audio/HostTime.h"
 #include "audio/Mixer.h"
 #include "audio/Routing.h"
+#include "model/KeyboardLayout.h"
 #include "video/VideoOutput.h"
 
 namespace {
@@ -55,7 +56,7 @@ bool CueEngine::isRunning(KeyCode code) const {
 }
 
 void CueEngine::handleKey(KeyCode code, bool down, bool shift, bool isRepeat) {
-    if (code == kEscape) {
+    if (code == KeyboardLayout::kEscape) {
         // Escape stops everything, on every page, before any assignment is looked at.
         if (down && !isRepeat)
             stopAll(shift);

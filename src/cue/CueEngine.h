@@ -31,7 +31,6 @@ class VideoOutput;
 class CueEngine : public QObject {
     Q_OBJECT
 public:
-    static constexpr KeyCode kEscape = 53;
     // Retrigger cuts the previous instance within this time, whatever the key's fade-out.
     static constexpr double kRetriggerCut = 0.03;
     static constexpr float kMeterRelease = 0.86f; // per tick

@@ -31,6 +31,9 @@ struct KeyRow {
 // files. Main thread; the choice is made once per run.
 namespace KeyboardLayout {
 
+// The one key the show reserves: it stops everything (fading; with Shift at once).
+inline constexpr KeyCode kEscape = 53;
+
 // A layout as written: rows of items (key, pad, gap or the stop-all cell).
 struct Item {
     enum class Sort { key, pad, gap, stopAll };
