@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include <QCoreApplication>
 
 #include "JackRecorder.h"
+#include "JackRegistrations.h"
 #include "JackServer.h"
 #include "SignalMeasure.h"
 #include "TempDir.h"
@@ -146,17 +146,8 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
 TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
     JackServer server(8);
     ASSERT_TRUE(server.ready());
-    std::atomic<int> registered{0};
-    jack_client_t* watcher = jack_client_open("registrations", JackNoStartServer, nullptr);
-    ASSERT_NE(watcher, nullptr);
-    jack_set_client_registration_callback(
-        watcher,
-        [](const char*, int added, void* count) {
-            if (added)
-                ++*static_cast<std::atomic<int>*>(count);
-        },
-        &registered);
-    ASSERT_EQ(jack_activate(watcher), 0);
+    JackRegistrations registered;
+    ASSERT_TRUE(registered.connected());
 
     AppModel model;
     model.setOutputDeviceUID(QString("jack:later"));
@@ -164,11 +155,10 @@ TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
     EXPECT_EQ(model.audio().activeDevice(), "jack:system");
     ASSERT_TRUE(model.isOnFallback());
     pump([] { return false; }, 1500ms); // the watch's client and our own port have registered
-    const int settled = registered.load();
+    const int settled = registered.count();
     pump([] { return false; }, 3500ms);
-    EXPECT_EQ(registered.load(), settled) << "clients announced while waiting";
+    EXPECT_EQ(registered.count(), settled) << "clients announced while waiting";
     EXPECT_TRUE(model.isOnFallback());
-    jack_client_close(watcher);
 }
 
 TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {

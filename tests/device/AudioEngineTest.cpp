@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "JackRecorder.h"
+#include "JackRegistrations.h"
 #include "JackServer.h"
 #include "MixerTestSupport.h"
 #include "SignalMeasure.h"
@@ -302,21 +303,12 @@ TEST(AlsaOutput, ADeviceWithoutFloatGetsSixteenBitSamples) {
 TEST(DeviceWatch, OneClientForTheWholeShowAndChangesHeardAtOnce) {
     JackServer server(2);
     ASSERT_TRUE(server.ready());
-    jack_client_t* observer = jack_client_open("observer", JackNoStartServer, nullptr);
-    ASSERT_NE(observer, nullptr);
-    std::atomic<int> registrations{0};
-    jack_set_client_registration_callback(
-        observer,
-        [](const char*, int registered, void* count) {
-            if (registered)
-                ++*static_cast<std::atomic<int>*>(count);
-        },
-        &registrations);
-    ASSERT_EQ(jack_activate(observer), 0);
+    JackRegistrations registrations;
+    ASSERT_TRUE(registrations.connected());
     std::atomic<int> changes{0};
     auto watch = AudioDeviceList::observeChanges([&] { ++changes; });
     std::this_thread::sleep_for(6500ms); // three looks of the watch
-    EXPECT_EQ(registrations.load(), 1);  // its own client, once
+    EXPECT_EQ(registrations.count(), 1); // its own client, once
     EXPECT_EQ(changes.load(), 0);
 
     // A device appears: a client with a physical playback port.
@@ -330,7 +322,8 @@ TEST(DeviceWatch, OneClientForTheWholeShowAndChangesHeardAtOnce) {
     EXPECT_LT(std::chrono::steady_clock::now() - plugged, 2000ms);
 
     changes = 0;
-    server.kill(); // the clients of a dead server are not closed (libjack would crash)
+    registrations.abandon(); // the clients of a dead server are not closed (libjack would crash)
+    server.kill();
     EXPECT_TRUE(waitFor([&] { return changes.load() > 0; }, 3000ms));
 }
 
