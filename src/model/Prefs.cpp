@@ -42,12 +42,16 @@ QVariant value(const QString& key, const QVariant& fallback) {
     return registered().value(key, fallback);
 }
 
+// Written through at once: a crash right after a change keeps it, and another instance (or a
+// command started now) reads it.
 void setValue(const QString& key, const QVariant& v) {
     store().setValue(key, v);
+    store().sync();
 }
 
 void remove(const QString& key) {
     store().remove(key);
+    store().sync();
 }
 
 KeyMode defaultMode() {
