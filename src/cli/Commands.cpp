@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -25,7 +26,9 @@ const QString kUsage = QStringLiteral(
     "  vorlin probe FILE…     メディアファイルの情報を JSON で表示します\n"
     "  vorlin render SHOW.vorlin --events EVENTS.txt --out OUT.wav\n"
     "         [--rate 48000] [--channels 8] [--block 256] [--seconds S] [--allow-long]\n"
+    "         [--frames DIR [--fps 30] [--size 640x360] [--output window|画面名]]\n"
     "                         キーマップを画面なしで再生し、全出力を WAV に書き出します\n"
+    "                         （--frames: 映像を 1 コマずつ PNG で書き出します）\n"
     "  vorlin help            この説明を表示します\n");
 
 // The longest `render` writes without --allow-long: a whole show day.
@@ -107,12 +110,27 @@ int devices(QTextStream& out) {
     return 0;
 }
 
+// "640x360": a picture size of 16…7680 × 16…4320 pixels.
+QSize parseSize(const QString& text, bool& ok) {
+    const QStringList parts = text.split(QLatin1Char('x'));
+    bool wide = false, high = false;
+    const QSize size = parts.size() == 2 ? QSize(parts[0].toInt(&wide), parts[1].toInt(&high))
+                                         : QSize();
+    ok = wide && high && size.width() >= 16 && size.width() <= 7680 && size.height() >= 16 &&
+         size.height() <= 4320;
+    return size;
+}
+
 int render(const QStringList& args, QTextStream& out, QTextStream& err) {
     QString show, events, output;
     int rate = 48000, channels = 8;
     std::int64_t block = 256;
     std::optional<double> seconds;
     bool allowLong = false;
+    std::optional<FrameOptions> frames;
+    double fps = 30.0;
+    QSize size(640, 360);
+    std::optional<QString> screen;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString& arg = args[i];
         if (arg == "--allow-long") {
@@ -133,6 +151,16 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
             block = value.toLongLong(&ok);
         else if (arg == "--seconds")
             seconds = value.toDouble(&ok);
+        else if (arg == "--frames") {
+            frames.emplace();
+            frames->folder = value;
+        }
+        else if (arg == "--fps")
+            fps = value.toDouble(&ok);
+        else if (arg == "--size")
+            size = parseSize(value, ok);
+        else if (arg == "--output")
+            screen = value;
         else if (show.isEmpty() && !arg.startsWith("--")) {
             show = arg;
             continue;
@@ -143,13 +171,25 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         ++i;
         if (!ok || value.isEmpty() || rate < 8000 || rate > 384000 || channels < 1 ||
             channels > 64 || block < 1 || block > 65536 ||
-            (seconds && !(std::isfinite(*seconds) && *seconds >= 0))) {
+            (seconds && !(std::isfinite(*seconds) && *seconds >= 0)) || !(fps >= 1.0 && fps <= 240.0)) {
             err << "引数の値が正しくありません: " << arg << " " << value << "\n";
             return 2;
         }
     }
     if (show.isEmpty() || events.isEmpty() || output.isEmpty()) {
         err << kUsage;
+        return 2;
+    }
+    if (frames) {
+        frames->fps = fps;
+        frames->size = size;
+        frames->output = screen;
+        if (!QDir().mkpath(frames->folder)) {
+            err << "コマ画像のフォルダを作れません: " << frames->folder << "\n";
+            return 1;
+        }
+    } else if (fps != 30.0 || size != QSize(640, 360) || screen) {
+        err << "--fps、--size、--output は --frames と一緒に指定してください\n";
         return 2;
     }
     QFile eventFile(events);
@@ -187,7 +227,7 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         err << "出力ファイルを書けません: " << output << "\n";
         return 1;
     }
-    if (!renderer.run(script, end, wav) || !wav.finish()) {
+    if (!renderer.run(script, end, wav, frames ? &*frames : nullptr) || !wav.finish()) {
         err << "出力ファイルを書けません: " << output << "\n";
         return 1;
     }

@@ -3,18 +3,29 @@
 #include <cmath>
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QImage>
+#include <QPainter>
 
+#include "audio/HostTime.h"
 #include "audio/WavWriter.h"
 #include "video/HeadlessVideoOutput.h"
+
+namespace {
+
+// Simulated time starts here (the renderer's clock before its first block).
+constexpr std::uint64_t kStartHost = 1'000'000'000;
+
+} // namespace
 
 ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames)
     : m_rate(sampleRate) {
     auto video = std::make_unique<HeadlessVideoOutput>(
-        [this] { return m_device ? m_device->hostTime() : 1'000'000'000ull; }, false);
+        [this] { return m_device ? m_device->hostTime() : kStartHost; }, false);
     m_model = std::make_unique<AppModel>(std::move(video));
     m_model->setOffline(true);
-    m_device =
-        std::make_unique<OfflineRenderer>(m_model->mixer(), channels, blockFrames, sampleRate);
+    m_device = std::make_unique<OfflineRenderer>(m_model->mixer(), channels, blockFrames,
+                                                 sampleRate, kStartHost);
     m_model->cueEngine().setOutputChannelCount(channels);
 }
 
@@ -54,11 +65,27 @@ void ShowRenderer::apply(const ScriptEvent& event) {
     }
 }
 
-bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out) {
+bool ShowRenderer::writeFrame(const FrameOptions& frames, std::int64_t index) {
+    QImage picture(frames.size, QImage::Format_RGB32);
+    QPainter painter(&picture);
+    const auto now = kStartHost + HostTime::secondsToTicks(static_cast<double>(index) / frames.fps);
+    static_cast<HeadlessVideoOutput&>(m_model->video())
+        .draw(painter, picture.rect(), now, frames.output);
+    painter.end();
+    return picture.save(
+        QDir(frames.folder).filePath(QStringLiteral("frame_%1.png").arg(index + 1, 6, 10, QLatin1Char('0'))),
+        "PNG");
+}
+
+bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out,
+                       const FrameOptions* frames) {
     auto& video = static_cast<HeadlessVideoOutput&>(m_model->video());
     const auto total = static_cast<std::int64_t>(std::llround(seconds * m_rate));
     std::size_t nextEvent = 0;
     std::int64_t nextTick = 0;
+    std::int64_t nextFrame = 0;
+    const std::int64_t frameCount =
+        frames ? static_cast<std::int64_t>(std::ceil(seconds * frames->fps - 1e-9)) : 0;
     std::vector<const float*> channels(static_cast<std::size_t>(m_device->channelCount()));
     while (m_device->framesRendered() < total) {
         const std::int64_t start = m_device->framesRendered();
@@ -70,6 +97,13 @@ bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, W
             video.poll();
             m_model->tick();
             ++nextTick;
+        }
+        // A picture is drawn with the state of the block it falls in, at its own time.
+        const std::int64_t end = start + m_device->blockFrames();
+        while (nextFrame < frameCount &&
+               static_cast<double>(nextFrame) * m_rate / frames->fps < static_cast<double>(end)) {
+            if (!writeFrame(*frames, nextFrame++))
+                return false;
         }
         m_device->renderBlock();
         for (std::size_t c = 0; c < channels.size(); ++c)

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
+#include <QSize>
 #include <QString>
 #include <QStringList>
 
@@ -10,6 +12,15 @@
 #include "cue/AppModel.h"
 
 class WavWriter;
+
+// Pictures of a render: at every frame time k / fps of the simulated clock, what an output shows
+// (none: the monitor view, which shows every cue) as DIR/frame_000001.png, ….
+struct FrameOptions {
+    QString folder;
+    double fps = 30.0;
+    QSize size{640, 360};
+    std::optional<QString> output;
+};
 
 // Plays a show without a device, on a simulated clock, for `vorlin render`: the real model,
 // cue engine and mixer; the headless video output on the same clock; the 30 Hz tick run between
@@ -25,13 +36,16 @@ public:
     void open(const QString& path);
     // One line per media entry that failed to load or loaded with damage, for the terminal.
     QStringList mediaProblems() const;
-    // Renders [0, seconds) into `out`; false when writing fails.
-    bool run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out);
+    // Renders [0, seconds) into `out`, and the pictures when `frames` is given; false when
+    // writing fails.
+    bool run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out,
+             const FrameOptions* frames = nullptr);
 
     AppModel& model() { return *m_model; }
 
 private:
     void apply(const ScriptEvent& event);
+    bool writeFrame(const FrameOptions& frames, std::int64_t index);
 
     int m_rate;
     std::unique_ptr<AppModel> m_model;

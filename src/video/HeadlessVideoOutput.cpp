@@ -3,12 +3,28 @@
 #include <algorithm>
 
 #include <QFileInfo>
+#include <QPainter>
 
 #include "audio/HostTime.h"
+#include "video/MoviePlayer.h"
 
 namespace {
 
 constexpr std::uint64_t kStartDelay = 80'000'000; // 80 ms, as a real player needs to preroll
+
+double secondsBetween(std::uint64_t from, std::uint64_t to) {
+    return to >= from ? static_cast<double>(to - from) * HostTime::ticksToSeconds()
+                      : -static_cast<double>(from - to) * HostTime::ticksToSeconds();
+}
+
+// A linear fade from `from` over `seconds`; 1 when there is none.
+double fadedIn(std::uint64_t from, double seconds, std::uint64_t now) {
+    return seconds > 0.0 ? std::clamp(secondsBetween(from, now) / seconds, 0.0, 1.0) : 1.0;
+}
+
+bool showsOn(const OutputSet& outputs, const std::optional<QString>& output) {
+    return !output || !outputs || outputs->contains(*output);
+}
 
 } // namespace
 
@@ -33,14 +49,19 @@ public:
     bool holdAtEnd = false;
     bool endReported = false;
     std::uint64_t startHost = 0;
+    double fadeIn = 0.0;
     std::uint64_t finishAt = 0; // set while stopping with a fade
+    double fadeOut = 0.0;
+    std::string path;
+    std::unique_ptr<MoviePlayer> player; // made at the first picture drawn
     std::function<void()> onEnd;
     std::function<void(std::uint64_t)> onStart;
     std::function<void()> onFail;
 };
 
 HeadlessVideoOutput::HeadlessVideoOutput(Clock clock, bool autoPoll, QObject* parent)
-    : QObject(parent), m_clock(clock ? std::move(clock) : Clock(&HostTime::now)) {
+    : QObject(parent), m_clock(clock ? std::move(clock) : Clock(&HostTime::now)),
+      m_look(CompositorLook::fromPreferences()) {
     if (autoPoll) {
         m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(10);
@@ -62,6 +83,8 @@ std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
     movie->z = start.z;
     movie->outputs = std::move(start.outputs);
     movie->holdAtEnd = start.holdAtEnd;
+    movie->fadeIn = start.fadeIn;
+    movie->path = start.path.toStdString();
     movie->onEnd = std::move(start.onEnd);
     movie->onStart = std::move(start.onStart);
     movie->onFail = std::move(start.onFail);
@@ -72,13 +95,16 @@ std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
 std::shared_ptr<ImageCue> HeadlessVideoOutput::showImage(std::function<QImage()> load,
                                                          double fadeIn, double z,
                                                          const OutputSet& outputs) {
-    Q_UNUSED(load);
-    Q_UNUSED(fadeIn);
     show();
     auto cue = std::make_shared<ImageCue>();
     cue->z = z;
     cue->outputs = outputs;
-    m_images.push_back({cue, 0});
+    Image image;
+    image.cue = cue;
+    image.load = std::move(load);
+    image.shownAt = m_clock();
+    image.fadeIn = fadeIn;
+    m_images.push_back(std::move(image));
     return cue;
 }
 
@@ -95,9 +121,10 @@ void HeadlessVideoOutput::stop(VideoCue& cue, double fade) {
     if (!movie || movie->stopping || movie->finished)
         return;
     movie->stopping = true;
-    if (movie->started && fade > 0.0)
+    if (movie->started && fade > 0.0) {
         movie->finishAt = m_clock() + HostTime::secondsToTicks(fade);
-    else
+        movie->fadeOut = fade;
+    } else
         finish(cue);
 }
 
@@ -108,8 +135,10 @@ void HeadlessVideoOutput::stop(ImageCue& cue, double fade) {
     if (fade <= 0.0)
         return finish(cue);
     for (auto& image : m_images) {
-        if (image.cue.get() == &cue)
+        if (image.cue.get() == &cue) {
             image.finishAt = m_clock() + HostTime::secondsToTicks(fade);
+            image.fadeOut = fade;
+        }
     }
 }
 
@@ -187,4 +216,40 @@ void HeadlessVideoOutput::poll() {
         if (image.cue->stopping && image.finishAt != 0 && now >= image.finishAt)
             finish(*image.cue);
     }
+}
+
+void HeadlessVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,
+                               const std::optional<QString>& output) {
+    std::vector<CompositorLayer> layers;
+    for (const auto& movie : m_movies) {
+        if (movie->finished || !movie->started || !showsOn(movie->outputs, output))
+            continue;
+        double elapsed = secondsBetween(movie->startHost, now);
+        if (elapsed < 0.0)
+            continue;
+        const double length = movie->duration();
+        if (movie->loop && length > 0.0)
+            elapsed = std::fmod(elapsed, length);
+        if (!movie->player)
+            movie->player = std::make_unique<MoviePlayer>(movie->path);
+        double opacity = fadedIn(movie->startHost, movie->fadeIn, now);
+        if (movie->finishAt != 0)
+            opacity *= 1.0 - fadedIn(movie->finishAt - HostTime::secondsToTicks(movie->fadeOut),
+                                     movie->fadeOut, now);
+        layers.push_back({movie->player->frameAt(elapsed), movie->z, opacity});
+    }
+    for (auto& image : m_images) {
+        if (image.cue->finished || !showsOn(image.cue->outputs, output))
+            continue;
+        if (image.load) {
+            image.picture = image.load();
+            image.load = nullptr;
+        }
+        double opacity = fadedIn(image.shownAt, image.fadeIn, now);
+        if (image.finishAt != 0)
+            opacity *= 1.0 - fadedIn(image.finishAt - HostTime::secondsToTicks(image.fadeOut),
+                                     image.fadeOut, now);
+        layers.push_back({&image.picture, image.cue->z, opacity});
+    }
+    Compositor::draw(painter, area, std::move(layers), m_look);
 }

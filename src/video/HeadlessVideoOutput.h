@@ -1,17 +1,21 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include <QObject>
 #include <QTimer>
 
+#include "video/Compositor.h"
 #include "video/VideoOutput.h"
 
-// A VideoOutput without surfaces, for headless runs and tests: a movie "plays" for its probed
-// duration on a host clock, starting 80 ms after it is asked to (as a real player does) and
-// reporting start, end and failure through the same callbacks; pictures are shown and faded
-// by the same rules, only nothing is drawn. A file without a picture fails.
+// A VideoOutput without surfaces, for headless runs and tests: a movie plays for the duration
+// the loader probed on a host clock, starting 80 ms after it is asked to (as a real player
+// does) and reporting start, end and failure through the same callbacks; pictures are shown and
+// faded by the same rules. Nothing is drawn until someone asks for a picture (draw): then the
+// movies are decoded to the moment asked for and every layer is composited as an output would
+// show it. A file without a picture fails.
 //
 // The clock is the monotonic host clock and a timer polls it, or, for offline renders, a
 // simulated clock that the caller advances and polls itself. Main thread.
@@ -38,6 +42,12 @@ public:
     // Runs what is due at the clock's present: starts, ends, finished fades, callbacks.
     void poll();
 
+    // What `output` (none: the monitor view, which shows every cue) shows at host time `now`.
+    void draw(QPainter& painter, const QRect& area, std::uint64_t now,
+              const std::optional<QString>& output = std::nullopt);
+    // The video preferences, read when the output is made.
+    void setLook(const CompositorLook& look) { m_look = look; }
+
     std::size_t movieCount() const { return m_movies.size(); }
     std::size_t imageCount() const { return m_images.size(); }
 
@@ -45,7 +55,12 @@ private:
     class Movie;
     struct Image {
         std::shared_ptr<ImageCue> cue;
+        std::function<QImage()> load; // until the picture is first drawn
+        QImage picture;
+        std::uint64_t shownAt = 0;
+        double fadeIn = 0.0;
         std::uint64_t finishAt = 0;
+        double fadeOut = 0.0;
     };
 
     Movie* movieFor(VideoCue& cue);
@@ -56,4 +71,5 @@ private:
     bool m_showing = false;
     std::vector<std::shared_ptr<Movie>> m_movies;
     std::vector<Image> m_images;
+    CompositorLook m_look;
 };

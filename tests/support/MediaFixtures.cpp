@@ -204,7 +204,7 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
                 for (int y = 0; y < h; ++y)
                     std::fill_n(out.frame->data[p] + y * out.frame->linesize[p],
                                 p ? out.frame->width / 2 : out.frame->width,
-                                static_cast<std::uint8_t>(p ? 128 : 16 + out.next % 200));
+                                static_cast<std::uint8_t>(p ? 128 : 16 + (out.next * 8) % 216));
             }
             out.frame->pts = out.next++;
         }

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+class MediaFile;
+struct AVCodecContext;
+struct AVFrame;
+struct AVPacket;
+struct SwsContext;
+
+// One decoded picture of a movie: 8-bit RGBA rows of width × 4 bytes, and when it is due.
+struct MovieFrame {
+    double time = 0.0; // seconds from the movie's start
+    int width = 0;
+    int height = 0;
+    std::vector<std::uint8_t> rgba;
+};
+
+// Decodes the pictures of a file's first moving-picture stream in presentation order, converted
+// to RGBA at the stream's own size. Damaged packets are skipped as the audio loader skips them;
+// a decoder that stops producing pictures mid-way ends the movie there (`failed` says so).
+//
+// Threading: one thread at a time, any thread; the cancel flag may be set from another thread.
+class MovieDecoder {
+public:
+    // Throws LoadError: the file's own errors (see MediaFile), or kNoPicture when it has no
+    // moving picture a decoder takes.
+    explicit MovieDecoder(const std::string& path, const std::atomic<bool>* cancel = nullptr);
+    ~MovieDecoder();
+
+    MovieDecoder(const MovieDecoder&) = delete;
+    MovieDecoder& operator=(const MovieDecoder&) = delete;
+
+    static inline const std::string kNoPicture = "映像を再生できません";
+
+    int width() const;
+    int height() const;
+    // Seconds; 0 when the file does not say.
+    double duration() const;
+
+    // The next picture; none at the end of the stream (or when cancelled).
+    std::optional<MovieFrame> next();
+    // Starts again at the key frame at or before `seconds`; the pictures before `seconds` are
+    // decoded but not returned, so the next one returned is the one due at `seconds`.
+    void seek(double seconds);
+    // Whether the stream ended with an error rather than at its end.
+    bool failed() const { return m_failed; }
+
+private:
+    // Decodes until a picture is in m_frame; false at the end, on failure or when cancelled.
+    bool receive();
+    double timeOf(const AVFrame* frame) const;
+    std::optional<MovieFrame> convert(const AVFrame* frame);
+
+    std::unique_ptr<MediaFile> m_file;
+    const std::atomic<bool>* m_cancel = nullptr;
+    int m_stream = -1;
+    double m_timeBase = 0.0;
+    double m_startTime = 0.0;
+    AVCodecContext* m_codec = nullptr;
+    AVPacket* m_packet = nullptr;
+    AVFrame* m_frame = nullptr;
+    AVFrame* m_held = nullptr;    // after a seek: the latest picture due by its time
+    AVFrame* m_waiting = nullptr; // the picture after it, handed out next
+    SwsContext* m_scaler = nullptr;
+    bool m_draining = false;
+    bool m_failed = false;
+    double m_skipBefore = -1.0; // after a seek: the time of the first picture wanted
+    int m_errorsInARow = 0;
+};

@@ -1,0 +1,158 @@
+#include <cmath>
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QImage>
+
+#include "MediaFixtures.h"
+#include "TempDir.h"
+#include "TypedCommand.h"
+#include "cue/AppModel.h"
+#include "model/Prefs.h"
+
+namespace {
+
+// The grey of movie picture n (MediaFixtures), in RGB.
+double greyOf(int n) {
+    return (8.0 * n) * 255.0 / 219.0;
+}
+
+// Pictures of `vorlin render --frames` for a show of movies.
+class Frames : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Prefs::registerDefaults();
+        folder = QString::fromStdString(dir.file(""));
+        const MediaFixtures::Video narrow{160, 120, 0.0, 1.0}; // 4:3
+        const MediaFixtures::Video wide{320, 120, 0.0, 1.0};
+        ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mp4"), "aac",
+                                         {{1, 48000, 1.0, 1000.0, 0.5}}, &narrow));
+        ASSERT_TRUE(MediaFixtures::write(dir.file("wide.mp4"), "aac",
+                                         {{1, 48000, 1.0, 1000.0, 0.5}}, &wide));
+        show = folder + "/show.vorlin";
+        events = folder + "/events.txt";
+    }
+    void makeShow(const std::vector<KeyAssignment>& keys) {
+        AppModel model;
+        model.setOffline(true);
+        for (std::size_t i = 0; i < keys.size(); ++i)
+            model.document().assignments[static_cast<KeyCode>(i)] = keys[i];
+        model.save(show);
+    }
+    KeyAssignment movie(const QString& name) {
+        KeyAssignment a(folder + "/" + name, 0);
+        a.outputMap = "1";
+        a.fadeOut = 0.0;
+        return a;
+    }
+    TypedCommand render(const QByteArray& script, const QStringList& options,
+                        const QString& frames) {
+        QFile file(events);
+        file.open(QIODevice::WriteOnly | QIODevice::Truncate);
+        file.write(script);
+        file.close();
+        return TypedCommand::run(QStringList{"render", show, "--events", events, "--out",
+                                             folder + "/out.wav", "--channels", "2", "--frames",
+                                             frames} +
+                                 options);
+    }
+    QImage frame(const QString& frames, int number) {
+        return QImage(frames + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
+    }
+
+    TempDir dir;
+    QString folder, show, events;
+};
+
+TEST_F(Frames, EachPictureIsTheMovieFrameDueAndTheFirstComesWithTheSound) {
+    makeShow({movie("movie.mp4")});
+    const QString frames = folder + "/frames";
+    const TypedCommand run =
+        render("0 down 0\n", {"--seconds", "1", "--fps", "25", "--size", "160x120"}, frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    // The key is pressed at 0; the movie starts 80 ms later, at picture 3 (time 2/25).
+    EXPECT_EQ(qGray(frame(frames, 1).pixel(80, 60)), 0);
+    EXPECT_EQ(qGray(frame(frames, 2).pixel(80, 60)), 0);
+    for (int k = 2; k < 24; ++k) {
+        const QImage picture = frame(frames, k + 1);
+        ASSERT_FALSE(picture.isNull()) << k;
+        EXPECT_NEAR(qGray(picture.pixel(80, 60)), greyOf(k - 2), 4.0) << "picture " << k + 1;
+    }
+    EXPECT_FALSE(QFile::exists(frames + "/frame_000026.png"));
+    // Its sound starts at the same host time: sample 3840 (a sine from phase 0).
+    QFile wav(folder + "/out.wav");
+    ASSERT_TRUE(wav.open(QIODevice::ReadOnly));
+    const QByteArray bytes = wav.readAll();
+    const qsizetype data = bytes.indexOf("data") + 8;
+    auto sample = [&](qsizetype frameIndex) {
+        float v = 0.0f;
+        std::memcpy(&v, bytes.constData() + data + frameIndex * 8, 4);
+        return v;
+    };
+    qsizetype first = 0;
+    while (data + first * 8 < bytes.size() && sample(first) == 0.0f)
+        ++first;
+    EXPECT_GE(first, 3839); // host times are whole nanoseconds: one frame early at most
+    EXPECT_LE(first, 3840 + 48); // within a millisecond
+
+    // The same input draws the same pictures.
+    const QString again = folder + "/again";
+    ASSERT_EQ(render("0 down 0\n", {"--seconds", "1", "--fps", "25", "--size", "160x120"}, again)
+                  .status,
+              0);
+    for (int number : {3, 12, 25}) {
+        QFile a(frames + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
+        QFile b(again + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
+        ASSERT_TRUE(a.open(QIODevice::ReadOnly) && b.open(QIODevice::ReadOnly));
+        EXPECT_EQ(a.readAll(), b.readAll()) << number;
+    }
+}
+
+TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
+    KeyAssignment faded = movie("movie.mp4");
+    faded.fadeIn = 1.0;
+    KeyAssignment high = movie("movie.mp4");
+    high.layer = 7;
+    KeyAssignment low = movie("wide.mp4");
+    low.layer = 2;
+    makeShow({faded, high, low});
+
+    // A 1 s fade-in is half-way 0.5 s after the start (picture 12 of the movie is due).
+    const QString fade = folder + "/fade";
+    ASSERT_EQ(render("0 down 0\n", {"--seconds", "0.7", "--fps", "50", "--size", "160x120"}, fade)
+                  .status,
+              0);
+    EXPECT_NEAR(qGray(frame(fade, 30).pixel(80, 60)), greyOf(12) / 2.0, 4.0);
+
+    // A 4:3 movie on layer 7 stays above an 8:3 one on layer 2 started later (pressed at 0.2 s,
+    // taken at the block of 0.2027 s, shown from 0.2827 s); fitted into 320×120 the narrow one
+    // covers x 80…239 only.
+    const QString layers = folder + "/layers";
+    ASSERT_EQ(render("0 down 1\n0.2 down 2\n",
+                     {"--seconds", "0.6", "--fps", "25", "--size", "320x120"}, layers)
+                  .status,
+              0);
+    const QImage both = frame(layers, 13); // 0.48 s: the high one at picture 10, the low one at 4
+    EXPECT_NEAR(qGray(both.pixel(160, 60)), greyOf(10), 4.0);
+    EXPECT_NEAR(qGray(both.pixel(20, 60)), greyOf(4), 4.0);
+    EXPECT_NEAR(qGray(both.pixel(300, 60)), greyOf(4), 4.0);
+
+    // Filling instead of fitting: the 4:3 picture covers the whole 16:9 output, cropped.
+    Prefs::setValue(Prefs::kVideoFill, "fill");
+    const QString filled = folder + "/filled";
+    ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"},
+                     filled)
+                  .status,
+              0);
+    EXPECT_NEAR(qGray(frame(filled, 5).pixel(5, 90)), greyOf(2), 4.0);
+    Prefs::setValue(Prefs::kVideoFill, "fit");
+    const QString fitted = folder + "/fitted";
+    ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"},
+                     fitted)
+                  .status,
+              0);
+    EXPECT_EQ(qGray(frame(fitted, 5).pixel(5, 90)), 0);
+    EXPECT_NEAR(qGray(frame(fitted, 5).pixel(160, 90)), greyOf(2), 4.0);
+}
+
+} // namespace
