@@ -6,7 +6,6 @@
 #include <QPainter>
 
 #include "audio/HostTime.h"
-#include "video/MoviePlayer.h"
 
 namespace {
 
@@ -61,7 +60,8 @@ public:
 
 HeadlessVideoOutput::HeadlessVideoOutput(Clock clock, bool autoPoll, QObject* parent)
     : QObject(parent), m_clock(clock ? std::move(clock) : Clock(&HostTime::now)),
-      m_look(CompositorLook::fromPreferences()) {
+      m_look(CompositorLook::fromPreferences()),
+      m_wait(autoPoll ? MoviePlayer::Wait::never : MoviePlayer::Wait::forPicture) {
     if (autoPoll) {
         m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(10);
@@ -231,7 +231,7 @@ void HeadlessVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64
         if (movie->loop && length > 0.0)
             elapsed = std::fmod(elapsed, length);
         if (!movie->player)
-            movie->player = std::make_unique<MoviePlayer>(movie->path);
+            movie->player = std::make_unique<MoviePlayer>(movie->path, m_wait);
         double opacity = fadedIn(movie->startHost, movie->fadeIn, now);
         if (movie->finishAt != 0)
             opacity *= 1.0 - fadedIn(movie->finishAt - HostTime::secondsToTicks(movie->fadeOut),

@@ -8,6 +8,7 @@
 #include <QTimer>
 
 #include "video/Compositor.h"
+#include "video/MoviePlayer.h"
 #include "video/VideoOutput.h"
 
 // A VideoOutput without surfaces, for headless runs and tests: a movie plays for the duration
@@ -24,7 +25,9 @@ class HeadlessVideoOutput : public QObject, public VideoOutput {
 public:
     using Clock = std::function<std::uint64_t()>;
 
-    // With autoPoll a 10 ms timer calls poll(); otherwise the owner does.
+    // With autoPoll a 10 ms timer calls poll(); otherwise the owner does, on a simulated clock,
+    // and a picture drawn waits for its movies to be decoded to it (a render's pictures must
+    // not depend on how fast the machine decodes).
     explicit HeadlessVideoOutput(Clock clock = {}, bool autoPoll = true, QObject* parent = nullptr);
     ~HeadlessVideoOutput() override;
 
@@ -72,4 +75,5 @@ private:
     std::vector<std::shared_ptr<Movie>> m_movies;
     std::vector<Image> m_images;
     CompositorLook m_look;
+    MoviePlayer::Wait m_wait;
 };

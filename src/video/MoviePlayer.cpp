@@ -4,50 +4,101 @@
 
 namespace {
 
-// Further ahead than this, seeking costs less than decoding every picture on the way.
+// Further ahead of the queue than this, seeking costs less than decoding every picture between.
 constexpr double kSeekAhead = 2.0;
+// Times are compared with this slack: a picture due "now" must not miss by a rounding.
+constexpr double kSlack = 1e-6;
 
 } // namespace
 
-MoviePlayer::MoviePlayer(std::string path) : m_path(std::move(path)) {}
+MoviePlayer::MoviePlayer(std::string path, Wait wait)
+    : m_path(std::move(path)), m_wait(wait), m_thread([this] { decode(); }) {}
 
-MoviePlayer::~MoviePlayer() = default;
+MoviePlayer::~MoviePlayer() {
+    {
+        std::lock_guard lock(m_mutex);
+        m_quit = true;
+    }
+    m_cancel = true;
+    m_changed.notify_all();
+    m_thread.join();
+}
 
-bool MoviePlayer::advance() {
-    m_next = m_decoder->next();
-    if (!m_next && m_decoder->failed())
+bool MoviePlayer::failed() const {
+    std::lock_guard lock(m_mutex);
+    return m_failed;
+}
+
+void MoviePlayer::decode() {
+    std::unique_ptr<MovieDecoder> decoder;
+    try {
+        decoder = std::make_unique<MovieDecoder>(m_path, &m_cancel);
+    } catch (const LoadError&) {
+        std::lock_guard lock(m_mutex);
         m_failed = true;
-    return m_next.has_value();
+        m_ended = true;
+        m_changed.notify_all();
+        return;
+    }
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        m_changed.wait(lock, [this] {
+            return m_quit || m_seekTo || (!m_ended && m_queue.size() < kQueued);
+        });
+        if (m_quit)
+            return;
+        const std::optional<double> seekTo = std::exchange(m_seekTo, std::nullopt);
+        lock.unlock();
+        if (seekTo)
+            decoder->seek(*seekTo);
+        std::optional<MovieFrame> picture = decoder->next();
+        const bool broken = !picture && decoder->failed();
+        lock.lock();
+        if (m_seekTo)
+            continue; // asked elsewhere meanwhile: this picture is of the old place
+        if (seekTo) {
+            m_queue.clear();
+            m_ended = false;
+        }
+        if (picture)
+            m_queue.push_back(std::move(*picture));
+        else
+            m_ended = true;
+        m_failed = m_failed || broken;
+        m_changed.notify_all();
+    }
 }
 
 const QImage* MoviePlayer::frameAt(double seconds) {
-    if (m_failed)
+    std::unique_lock lock(m_mutex);
+    if (m_failed && m_queue.empty())
         return nullptr;
-    if (!m_decoder) {
-        try {
-            m_decoder = std::make_unique<MovieDecoder>(m_path);
-        } catch (const LoadError&) {
-            m_failed = true;
-            return nullptr;
-        }
-        advance();
-    }
-    const bool behind = !m_shown.isNull() && seconds + 1e-6 < m_shownTime;
-    const bool farAhead = m_next && seconds > m_next->time + kSeekAhead;
+    const bool behind = !m_shown.isNull() && seconds + kSlack < m_shownTime;
+    const bool farAhead = !m_queue.empty() && seconds > m_queue.back().time + kSeekAhead;
     if (behind || farAhead) {
-        m_decoder->seek(seconds);
+        m_seekTo = seconds;
+        m_queue.clear();
+        m_ended = false;
         m_shown = QImage();
         m_shownTime = -1.0;
-        advance();
+        m_changed.notify_all();
     }
-    bool moved = false;
+    // Take every picture due; a render then waits until the one after them is queued (or the
+    // movie ends), since only then is the last one taken the picture due.
     std::optional<MovieFrame> due;
-    while (m_next && m_next->time <= seconds + 1e-6) {
-        due = std::move(m_next);
-        moved = true;
-        advance();
+    for (;;) {
+        while (!m_seekTo && !m_queue.empty() && m_queue.front().time <= seconds + kSlack) {
+            due = std::move(m_queue.front());
+            m_queue.pop_front();
+            m_changed.notify_all(); // room in the queue
+        }
+        const bool known = m_ended || m_failed || (!m_seekTo && !m_queue.empty());
+        if (m_wait == Wait::never || known)
+            break;
+        m_changed.wait(lock);
     }
-    if (moved) {
+    if (due) {
+        lock.unlock();
         m_shownTime = due->time;
         m_shown = QImage(due->rgba.data(), due->width, due->height, due->width * 4,
                          QImage::Format_RGBA8888)

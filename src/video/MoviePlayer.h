@@ -1,34 +1,60 @@
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include <QImage>
 
 #include "media/MovieDecoder.h"
 
-// The pictures of one movie by time: asked for the picture due at a moment of the movie (the
-// latest whose time is not after it), it decodes forward to it, and seeks when asked for a
-// moment behind the one shown or far ahead of it. The file is opened at the first question.
+// The pictures of one movie by time. A thread of its own opens the file and decodes ahead into
+// a small queue; asked for the picture due at a moment of the movie (the latest whose time is
+// not after it), the player takes it from the queue. Asked for a moment behind the picture
+// shown, or far ahead of what is queued, it has the thread seek there.
 //
-// Threading: one thread at a time (the one that draws).
+// Drawing for a screen never waits: until the due picture is decoded the one before stays up.
+// A render (`Wait::forPicture`) waits for it, so the same input draws the same pictures.
+//
+// Threading: frameAt from one thread at a time (the one that draws); the decoding thread is the
+// player's own and ends with it.
 class MoviePlayer {
 public:
-    explicit MoviePlayer(std::string path);
+    enum class Wait { never, forPicture };
+
+    MoviePlayer(std::string path, Wait wait);
     ~MoviePlayer();
+
+    MoviePlayer(const MoviePlayer&) = delete;
+    MoviePlayer& operator=(const MoviePlayer&) = delete;
 
     // Null before the first picture is due, and when the file cannot be played (failed()).
     const QImage* frameAt(double seconds);
-    bool failed() const { return m_failed; }
+    bool failed() const;
 
 private:
-    bool advance();
+    void decode();
 
-    std::string m_path;
-    std::unique_ptr<MovieDecoder> m_decoder;
+    static constexpr std::size_t kQueued = 6;
+
+    const std::string m_path;
+    const Wait m_wait;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<MovieFrame> m_queue; // in time order
+    std::optional<double> m_seekTo; // asked of the thread
+    bool m_ended = false;           // nothing more will be queued until a seek
     bool m_failed = false;
-    std::optional<MovieFrame> m_next; // decoded, not yet due
+    bool m_quit = false;
+    std::atomic<bool> m_cancel{false};
+    std::thread m_thread;
+
+    // The drawing thread's.
     double m_shownTime = -1.0;
     QImage m_shown;
 };

@@ -1,0 +1,77 @@
+#include <chrono>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include <QImage>
+#include <QPainter>
+
+#include "MediaFixtures.h"
+#include "TempDir.h"
+#include "video/Compositor.h"
+#include "video/MoviePlayer.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The grey of movie picture n (MediaFixtures), in RGB.
+double greyOf(int n) {
+    return (8.0 * n) * 255.0 / 219.0;
+}
+
+int greyAt(const QImage* picture) {
+    return picture ? qGray(picture->pixel(picture->width() / 2, picture->height() / 2)) : -1;
+}
+
+} // namespace
+
+// Drawing for a screen never waits for the decoder: the picture before stays up until the due
+// one is there, and a jump back or far ahead is a seek of the player's own thread.
+TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
+    TempDir dir;
+    const MediaFixtures::Video video{160, 120, 0.0, 3.0};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mkv"), "pcm_s16le", {}, &video));
+    MoviePlayer player(dir.file("movie.mkv"), MoviePlayer::Wait::never);
+    auto settled = [&](double seconds) {
+        const QImage* picture = nullptr;
+        for (int tries = 0; tries < 200; ++tries) {
+            const auto began = std::chrono::steady_clock::now();
+            picture = player.frameAt(seconds);
+            EXPECT_LT(std::chrono::steady_clock::now() - began, 20ms); // never a decoder's wait
+            if (picture && std::abs(greyAt(picture) - greyOf(static_cast<int>(seconds * 25 + 1e-6) % 27)) < 4)
+                return true;
+            std::this_thread::sleep_for(10ms);
+        }
+        return false;
+    };
+    EXPECT_TRUE(settled(0.0));
+    EXPECT_TRUE(settled(0.4));  // picture 10, decoded ahead
+    EXPECT_TRUE(settled(0.12)); // back: a seek
+    EXPECT_TRUE(settled(2.8));  // far ahead: a seek (picture 70 shows grey of 70 mod 27)
+    EXPECT_FALSE(player.failed());
+
+    MoviePlayer missing(dir.file("nothing.mkv"), MoviePlayer::Wait::forPicture);
+    EXPECT_EQ(missing.frameAt(0.5), nullptr);
+    EXPECT_TRUE(missing.failed());
+}
+
+TEST(Compositor, FitFillAndStretchPlaceA4To3PictureInA16To9Output) {
+    const QRect output(0, 0, 320, 180);
+    EXPECT_EQ(Compositor::placement({160, 120}, output, PictureFit::fit), QRectF(40, 0, 240, 180));
+    EXPECT_EQ(Compositor::placement({160, 120}, output, PictureFit::fill),
+              QRectF(0, -30, 320, 240));
+    EXPECT_EQ(Compositor::placement({160, 120}, output, PictureFit::stretch), QRectF(output));
+
+    // Deeper layers first, each at its opacity, over the background.
+    QImage red(8, 8, QImage::Format_RGB32), blue(8, 8, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    blue.fill(Qt::blue);
+    QImage target(16, 16, QImage::Format_RGB32);
+    QPainter painter(&target);
+    Compositor::draw(painter, target.rect(), {{&blue, 7e6, 0.5}, {&red, 2e6, 1.0}},
+                     {PictureFit::stretch, Qt::white});
+    painter.end();
+    const QColor mixed = target.pixelColor(8, 8);
+    EXPECT_NEAR(mixed.red(), 128, 2);
+    EXPECT_NEAR(mixed.blue(), 128, 2);
+}
