@@ -22,6 +22,7 @@
 #include "app/DetailPanel.h"
 #include "app/KeyboardView.h"
 #include "app/MeterPanel.h"
+#include "app/MonitorView.h"
 #include "app/OutputBar.h"
 #include "app/PageListPanel.h"
 #include "app/SettingsWindow.h"
@@ -45,9 +46,13 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     middle->addWidget(m_pages);
     m_keyboard = new KeyboardView(m_model, central);
     middle->addWidget(m_keyboard, 1);
+    // The monitor of every picture above the meters.
+    auto* right = new QVBoxLayout;
+    right->addWidget(new MonitorView(m_model, central));
     m_meters = new MeterPanel(m_model, central);
-    m_meters->setFixedWidth(250);
-    middle->addWidget(m_meters);
+    m_meters->setFixedWidth(320);
+    right->addWidget(m_meters, 1);
+    middle->addLayout(right);
     column->addLayout(middle, 5);
 
     auto* bottom = new QSplitter(Qt::Horizontal, central);

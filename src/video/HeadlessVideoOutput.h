@@ -45,9 +45,9 @@ public:
     // Runs what is due at the clock's present: starts, ends, finished fades, callbacks.
     void poll();
 
-    // What `output` (none: the monitor view, which shows every cue) shows at host time `now`.
     void draw(QPainter& painter, const QRect& area, std::uint64_t now,
-              const std::optional<QString>& output = std::nullopt);
+              const std::optional<QString>& output = std::nullopt) override;
+    bool hasPictures() const override { return !m_movies.empty() || !m_images.empty(); }
     // The video preferences, read when the output is made.
     void setLook(const CompositorLook& look) { m_look = look; }
 

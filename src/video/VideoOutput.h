@@ -3,12 +3,16 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include <QImage>
+#include <QRect>
 #include <QString>
 
 #include "video/MovieStart.h"
 #include "video/VideoCue.h"
+
+class QPainter;
 
 // The picture side as the cue engine sees it: movies and images stacked by depth on every
 // output. Callbacks are delivered later on the main thread, never from inside the call that
@@ -36,4 +40,11 @@ public:
     // Opens the outputs.
     virtual void show() = 0;
     virtual bool isShowing() const = 0;
+
+    // Draws what `output` (none: the monitor view, which shows every cue) shows at host time
+    // `now` into `area`.
+    virtual void draw(QPainter& painter, const QRect& area, std::uint64_t now,
+                      const std::optional<QString>& output = std::nullopt) = 0;
+    // Whether any picture is up (anything to draw besides the background).
+    virtual bool hasPictures() const = 0;
 };

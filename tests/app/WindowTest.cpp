@@ -8,13 +8,17 @@
 #include <QMimeData>
 #include <QPushButton>
 #include <QTableWidget>
+#include <QElapsedTimer>
 #include <QTimer>
 
+#include "MediaFixtures.h"
 #include "TempDir.h"
 #include "app/KeyInput.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
+#include "app/MonitorView.h"
 #include "cue/AppModel.h"
+#include "media/AudioLoader.h"
 #include "model/Prefs.h"
 
 namespace {
@@ -265,6 +269,45 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     EXPECT_TRUE(switched);
     EXPECT_TRUE(Prefs::value(Prefs::kBackgroundInput).toBool());
     Prefs::setValue(Prefs::kDefaultMode, "toggle");
+}
+
+// A movie key pressed in the window plays its pictures in the monitor view, fitted (a 4:3 movie
+// in the 16:9 view has bars) and moving on the wall clock.
+TEST_F(Window, AMoviePlaysInTheMonitorView) {
+    TempDir dir;
+    const MediaFixtures::Video video{160, 120, 0.0, 2.0};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mp4"), "aac", {{1, 48000, 2.0, 440.0, 0.5}},
+                                     &video));
+    KeyAssignment a(QString::fromStdString(dir.file("movie.mp4")), 0);
+    MediaInfo info;
+    info.probe = AudioLoader::probe(dir.file("movie.mp4"));
+    info.clip = AudioLoader::loadClip(dir.file("movie.mp4"), 48000.0, info.probe);
+    model.document().assignments[2] = a;
+    model.media().table()[a.mediaKey()] = info;
+    auto* monitor = window->findChild<MonitorView*>();
+    ASSERT_NE(monitor, nullptr);
+
+    send(QEvent::KeyPress, Qt::Key_D, KEY_D);
+    send(QEvent::KeyRelease, Qt::Key_D, KEY_D);
+    auto wait = [](int milliseconds) {
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < milliseconds)
+            QApplication::processEvents(QEventLoop::AllEvents, 5);
+    };
+    auto greyAt = [&](int x) {
+        QApplication::processEvents();
+        return qGray(monitor->grab().toImage().pixel(x, 90));
+    };
+    int first = 0;
+    for (int i = 0; i < 100 && first < 9; ++i) { // picture 1 and later are not black
+        wait(20);
+        first = greyAt(160);
+    }
+    EXPECT_GE(first, 9);
+    wait(400);
+    EXPECT_GT(greyAt(160), first); // later pictures are lighter
+    EXPECT_EQ(greyAt(20), 0);      // the bar beside a fitted 4:3 picture
 }
 
 } // namespace
