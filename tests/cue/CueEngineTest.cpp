@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QImage>
+#include <QPainter>
+
 #include "CueStage.h"
 #include "MediaFixtures.h"
 #include "TempDir.h"
@@ -304,6 +307,14 @@ TEST(Seek, MovieAndItsSoundResumeTogetherATenthOfASecondLater) {
     ASSERT_TRUE(row.position);
     EXPECT_NEAR(*row.position, 0.7, 0.05);
     EXPECT_NEAR(cue->video->progress(), *row.position, 0.05);
+    // The picture drawn now is the one due at that point of the movie (25 a second, each grey
+    // telling its number).
+    QImage picture(160, 120, QImage::Format_RGB32);
+    QPainter painter(&picture);
+    stage.video().draw(painter, picture.rect(), stage.device->hostTime());
+    painter.end();
+    const double due = std::floor(cue->video->progress() * cue->video->duration() * 25.0 + 1e-6);
+    EXPECT_NEAR(qGray(picture.pixel(80, 60)), 8.0 * due * 255.0 / 219.0, 4.0);
 }
 
 } // namespace
