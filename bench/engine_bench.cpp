@@ -23,8 +23,8 @@
 
 #include "JackRecorder.h"
 #include "JackServer.h"
-#include "device/JackBackend.h"
 #include "cue/AppModel.h"
+#include "device/JackBackend.h"
 
 namespace {
 

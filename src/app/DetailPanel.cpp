@@ -37,8 +37,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     connect(&m_model, &AppModel::assignmentsChanged, this, &DetailPanel::refresh);
     connect(&m_model, &AppModel::audioDeviceChanged, this, &DetailPanel::refresh);
     connect(&m_model.media(), &MediaLoader::mediaChanged, this, &DetailPanel::refresh);
-    connect(&m_model.live(), &LiveState::progressChanged, m_file,
-            &KeyFileSection::refreshPosition);
+    connect(&m_model.live(), &LiveState::progressChanged, m_file, &KeyFileSection::refreshPosition);
     refresh();
 }
 

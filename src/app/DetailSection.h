@@ -50,7 +50,8 @@ protected:
         return widget;
     }
     // Sets a field's value from the model unless the operator is typing in it.
-    template <typename Field, typename Value> static void showValue(Field* field, const Value& value) {
+    template <typename Field, typename Value>
+    static void showValue(Field* field, const Value& value) {
         if (field->hasFocus())
             return;
         if constexpr (std::is_same_v<Value, QString>)

@@ -230,7 +230,8 @@ void MainWindow::buildMenu() {
     };
     const std::vector<std::pair<QString, std::vector<Entry>>> menus{
         {QStringLiteral("Vorlin"),
-         {{QStringLiteral("Vorlin について"), {},
+         {{QStringLiteral("Vorlin について"),
+           {},
            [this] {
                QMessageBox::about(this, QStringLiteral("Vorlin"),
                                   QStringLiteral("Vorlin — キーボードで鳴らすキュープレイヤー"));

@@ -15,9 +15,7 @@ PictureSection::PictureSection(AppModel& model, QWidget* parent)
     : DetailSection(QStringLiteral("映像とスライド"), model, parent) {
     auto* grid = new QGridLayout(this);
     auto label = [this](const QString& text) { return new QLabel(text, this); };
-    auto check = [this](const QString& text) {
-        return unfocusable(new QCheckBox(text, this));
-    };
+    auto check = [this](const QString& text) { return unfocusable(new QCheckBox(text, this)); };
     m_showVideo = check(QStringLiteral("映像を表示"));
     bind<bool>(m_showVideo, &QCheckBox::toggled, &KeyAssignment::showVideo);
     m_layer = new QSpinBox(this);

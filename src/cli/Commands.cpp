@@ -10,11 +10,11 @@
 #include <QJsonObject>
 #include <QTextStream>
 
-#include "device/AudioDeviceList.h"
-#include "media/AudioLoader.h"
 #include "audio/WavWriter.h"
 #include "cli/EventScript.h"
 #include "cli/ShowRenderer.h"
+#include "device/AudioDeviceList.h"
+#include "media/AudioLoader.h"
 #include "model/DocumentError.h"
 
 namespace {
@@ -114,8 +114,8 @@ int devices(QTextStream& out) {
 QSize parseSize(const QString& text, bool& ok) {
     const QStringList parts = text.split(QLatin1Char('x'));
     bool wide = false, high = false;
-    const QSize size = parts.size() == 2 ? QSize(parts[0].toInt(&wide), parts[1].toInt(&high))
-                                         : QSize();
+    const QSize size =
+        parts.size() == 2 ? QSize(parts[0].toInt(&wide), parts[1].toInt(&high)) : QSize();
     ok = wide && high && size.width() >= 16 && size.width() <= 7680 && size.height() >= 16 &&
          size.height() <= 4320;
     return size;
@@ -154,8 +154,7 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         else if (arg == "--frames") {
             frames.emplace();
             frames->folder = value;
-        }
-        else if (arg == "--fps")
+        } else if (arg == "--fps")
             fps = value.toDouble(&ok);
         else if (arg == "--size")
             size = parseSize(value, ok);
@@ -171,7 +170,8 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         ++i;
         if (!ok || value.isEmpty() || rate < 8000 || rate > 384000 || channels < 1 ||
             channels > 64 || block < 1 || block > 65536 ||
-            (seconds && !(std::isfinite(*seconds) && *seconds >= 0)) || !(fps >= 1.0 && fps <= 240.0)) {
+            (seconds && !(std::isfinite(*seconds) && *seconds >= 0)) ||
+            !(fps >= 1.0 && fps <= 240.0)) {
             err << "引数の値が正しくありません: " << arg << " " << value << "\n";
             return 2;
         }

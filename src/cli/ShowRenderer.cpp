@@ -73,7 +73,8 @@ bool ShowRenderer::writeFrame(const FrameOptions& frames, std::int64_t index) {
         .draw(painter, picture.rect(), now, frames.output);
     painter.end();
     return picture.save(
-        QDir(frames.folder).filePath(QStringLiteral("frame_%1.png").arg(index + 1, 6, 10, QLatin1Char('0'))),
+        QDir(frames.folder)
+            .filePath(QStringLiteral("frame_%1.png").arg(index + 1, 6, 10, QLatin1Char('0'))),
         "PNG");
 }
 

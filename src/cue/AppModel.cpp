@@ -7,8 +7,8 @@
 #include <QPointer>
 #include <QThreadPool>
 
-#include "device/AudioStartError.h"
 #include "audio/Routing.h"
+#include "device/AudioStartError.h"
 #include "model/KeyboardLayout.h"
 #include "model/ValueRanges.h"
 #include "video/HeadlessVideoOutput.h"
@@ -34,7 +34,7 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
     m_engine->setLayoutKeys([](KeyCode code) { return KeyboardLayout::labels().count(code) > 0; });
     connect(&m_media, &MediaLoader::missingFiles, this, [this](const QStringList& names) {
         m_status.show(QStringLiteral("見つからないファイルがあります: ") +
-                                   names.join(QStringLiteral("、")));
+                      names.join(QStringLiteral("、")));
     });
     m_deviceRetry.setInterval(kDeviceRetryInterval);
     connect(&m_deviceRetry, &QTimer::timeout, this, &AppModel::lookForWantedDevice);
@@ -107,7 +107,7 @@ void AppModel::restartAudio() {
             m_audio.start(uid);
         } catch (const AudioStartError& error) {
             m_status.show(QStringLiteral("オーディオ出力を開始できません: ") +
-                                       QString::fromStdString(error.what()));
+                          QString::fromStdString(error.what()));
             try {
                 m_audio.start(std::nullopt);
             } catch (const AudioStartError&) {
@@ -162,9 +162,8 @@ void AppModel::lookForWantedDevice() {
             if (back && wanted == self->wantedDevice() && self->isOnFallback()) {
                 self->restartAudio();
                 if (!self->isOnFallback())
-                    self->m_status.show(
-                        QStringLiteral("オーディオ出力が戻りました: ") +
-                        QString::fromStdString(self->m_audio.deviceName()));
+                    self->m_status.show(QStringLiteral("オーディオ出力が戻りました: ") +
+                                        QString::fromStdString(self->m_audio.deviceName()));
             }
         });
     });

@@ -8,8 +8,6 @@
 #include <QObject>
 #include <QTimer>
 
-#include "device/AudioDeviceList.h"
-#include "device/AudioEngine.h"
 #include "audio/Mixer.h"
 #include "cue/CueEngine.h"
 #include "cue/LiveState.h"
@@ -18,6 +16,8 @@
 #include "cue/ShowEditor.h"
 #include "cue/ShowSession.h"
 #include "cue/StatusLine.h"
+#include "device/AudioDeviceList.h"
+#include "device/AudioEngine.h"
 #include "model/ShowDocument.h"
 #include "video/VideoOutput.h"
 

@@ -29,8 +29,7 @@ void raiseTo(std::vector<float>& into, const std::vector<float>& levels) {
 CueEngine::CueEngine(ShowDocument& document, const MediaTable& media, Mixer& mixer,
                      VideoOutput& video, LiveState& live, StatusLine& status, QObject* parent)
     : QObject(parent), m_document(document), m_media(media), m_mixer(mixer), m_video(video),
-      m_live(live), m_status(status),
-      m_isLayoutKey([](KeyCode) { return true; }), m_beep([] {}) {}
+      m_live(live), m_status(status), m_isLayoutKey([](KeyCode) { return true; }), m_beep([] {}) {}
 
 void CueEngine::select(KeyCode code) {
     if (m_document.selectedKey == code)
@@ -128,7 +127,7 @@ void CueEngine::startKey(KeyCode code, std::int64_t deckIndex) {
     const MediaInfo* info = mediaFor(m_media, a);
     if (!info || info->loading) {
         m_status.show(a.displayName() + QStringLiteral(" は") +
-                         (info ? info->progressText : kLoading));
+                      (info ? info->progressText : kLoading));
         return;
     }
     if (info->error) {

@@ -159,7 +159,7 @@ void ShowEditor::assign(const QStringList& dropped, KeyCode startingAt) {
     }
     if (const qsizetype left = files.size() - placed; left > 0)
         m_status.show("空きキーが足りず " + QString::number(left) +
-                                             " 個のファイルを割り当てられませんでした");
+                      " 個のファイルを割り当てられませんでした");
 }
 
 void ShowEditor::assignList(const QStringList& dropped, KeyCode code) {
@@ -193,9 +193,8 @@ void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
     a.sources = sources;
     a.relativeSources.reset(); // made anew when the show is saved
     store(code, a);
-    m_status.show(labelOf(code) + " キーに " +
-                                         QString::number(files.size()) +
-                                         " 個追加しました（押すたび順に切り替わります）");
+    m_status.show(labelOf(code) + " キーに " + QString::number(files.size()) +
+                  " 個追加しました（押すたび順に切り替わります）");
 }
 
 void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
@@ -255,8 +254,7 @@ void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
             return;
     }
     target[code] = held->second;
-    m_status.show(labelOf(code) + " キーを「" + show.pages[toPage].name +
-                                         "」にコピーしました");
+    m_status.show(labelOf(code) + " キーを「" + show.pages[toPage].name + "」にコピーしました");
     changed();
 }
 

@@ -4,10 +4,10 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include "device/AudioDeviceList.h"
 #include "cue/CueEngine.h"
 #include "cue/MediaLoader.h"
 #include "cue/StatusLine.h"
+#include "device/AudioDeviceList.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
 #include "model/ShowFile.h"
@@ -142,9 +142,8 @@ void ShowSession::reportSkippedKeys(const KeymapDocument& doc) {
         collect(doc.keys);
     }
     if (!skipped.isEmpty())
-        m_status.show(
-            QStringLiteral("キーとして読めない項目を読み飛ばしました: ") +
-            skipped.join(QStringLiteral("、")));
+        m_status.show(QStringLiteral("キーとして読めない項目を読み飛ばしました: ") +
+                      skipped.join(QStringLiteral("、")));
 }
 
 void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) {
@@ -194,7 +193,6 @@ void ShowSession::restoreLastDocument() {
     try {
         open(last);
     } catch (const DocumentError& error) {
-        m_status.show(QStringLiteral("前回のキーマップを開けません: ") +
-                                             error.message());
+        m_status.show(QStringLiteral("前回のキーマップを開けません: ") + error.message());
     }
 }

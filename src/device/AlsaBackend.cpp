@@ -10,10 +10,10 @@
 #include <pthread.h>
 #include <sched.h>
 
-#include "device/AudioStartError.h"
 #include "audio/HostTime.h"
-#include "device/Interleave.h"
 #include "audio/Mixer.h"
+#include "device/AudioStartError.h"
+#include "device/Interleave.h"
 
 namespace {
 
@@ -38,7 +38,6 @@ std::int64_t alsaChannels(const std::string& name) {
     return std::min<std::int64_t>(channels,
                                   AlsaBackend::isSoundServer(name) ? 2 : Mixer::kMaxOutputs);
 }
-
 
 constexpr snd_pcm_uframes_t kPeriodFrames = 256;
 constexpr unsigned kPeriods = 4;

@@ -5,9 +5,9 @@
 #include <thread>
 #include <vector>
 
+#include "audio/AudioBufferList.h"
 #include "device/AudioBackend.h"
 #include "device/AudioOutputDevice.h"
-#include "audio/AudioBufferList.h"
 
 typedef struct _snd_pcm snd_pcm_t;
 

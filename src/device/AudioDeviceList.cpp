@@ -83,7 +83,6 @@ public:
     }
 
 private:
-
     void connect() {
         jack_client_t* client = jack_client_open("vorlin-devices", JackNoStartServer, nullptr);
         if (!client)

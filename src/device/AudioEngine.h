@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "device/AudioBackend.h"
 #include "audio/Mixer.h"
+#include "device/AudioBackend.h"
 
 // Connects the mixer to one output device and restarts on configuration changes.
 //

@@ -35,7 +35,9 @@ const std::vector<BackendKind>& BackendKind::all() {
              return std::make_unique<NullBackend>(8, 48000.0, kNullBlockFrames);
          },
          [](const std::string&) { return true; },
-         [](std::vector<AudioOutputDevice>& devices) { devices.push_back({0, "", "", 8}); }},
+         [](std::vector<AudioOutputDevice>& devices) {
+             devices.push_back({0, "", "", 8});
+         }},
     };
     return kinds;
 }

@@ -6,9 +6,9 @@
 #include <map>
 #include <mutex>
 
-#include "device/AudioStartError.h"
 #include "audio/HostTime.h"
 #include "audio/Mixer.h"
+#include "device/AudioStartError.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "audio/AudioBufferList.h"
 #include "device/AudioBackend.h"
 #include "device/AudioOutputDevice.h"
-#include "audio/AudioBufferList.h"
 
 typedef struct _jack_client jack_client_t;
 typedef struct _jack_port jack_port_t;

@@ -4,8 +4,8 @@
 #include <thread>
 #include <vector>
 
-#include "device/AudioBackend.h"
 #include "audio/AudioBufferList.h"
+#include "device/AudioBackend.h"
 
 // No hardware: a thread renders a block every period against the monotonic clock, as a sound
 // card would, and the samples go nowhere. The fallback when nothing else opens, and what

@@ -37,8 +37,7 @@ MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* can
     m_codec->thread_count = 0; // one per core
     m_codec->thread_type = FF_THREAD_FRAME | FF_THREAD_SLICE;
     if (avcodec_parameters_to_context(m_codec, stream->codecpar) < 0 ||
-        avcodec_open2(m_codec, codec, nullptr) < 0 || m_codec->width <= 0 ||
-        m_codec->height <= 0)
+        avcodec_open2(m_codec, codec, nullptr) < 0 || m_codec->width <= 0 || m_codec->height <= 0)
         throw LoadError::failed(kNoPicture);
     m_timeBase = av_q2d(stream->time_base);
     if (stream->start_time != AV_NOPTS_VALUE)
@@ -160,10 +159,9 @@ std::optional<MovieFrame> MovieDecoder::convert(const AVFrame* frame) {
     picture.time = timeOf(frame);
     picture.width = frame->width;
     picture.height = frame->height;
-    m_scaler = sws_getCachedContext(m_scaler, frame->width, frame->height,
-                                    static_cast<AVPixelFormat>(frame->format), frame->width,
-                                    frame->height, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr, nullptr,
-                                    nullptr);
+    m_scaler = sws_getCachedContext(
+        m_scaler, frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
+        frame->width, frame->height, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (!m_scaler) {
         m_failed = true;
         return std::nullopt;

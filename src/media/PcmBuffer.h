@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "media/AudioFormat.h"
 #include "audio/SampleBuffer.h"
+#include "media/AudioFormat.h"
 
 // Decoded audio on its way to becoming a clip: one float buffer per channel.
 struct PcmBuffer {

@@ -37,10 +37,9 @@ void draw(QPainter& painter, const QRect& area, std::vector<CompositorLayer> lay
     painter.save();
     painter.setClipRect(area);
     painter.fillRect(area, look.background);
-    std::stable_sort(layers.begin(), layers.end(),
-                     [](const CompositorLayer& a, const CompositorLayer& b) {
-                         return a.depth < b.depth;
-                     });
+    std::stable_sort(
+        layers.begin(), layers.end(),
+        [](const CompositorLayer& a, const CompositorLayer& b) { return a.depth < b.depth; });
     painter.setRenderHint(QPainter::SmoothPixmapTransform);
     for (const CompositorLayer& layer : layers) {
         if (!layer.picture || layer.picture->isNull() || layer.opacity <= 0.0)

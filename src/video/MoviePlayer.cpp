@@ -42,9 +42,8 @@ void MoviePlayer::decode() {
     }
     std::unique_lock lock(m_mutex);
     for (;;) {
-        m_changed.wait(lock, [this] {
-            return m_quit || m_seekTo || (!m_ended && m_queue.size() < kQueued);
-        });
+        m_changed.wait(
+            lock, [this] { return m_quit || m_seekTo || (!m_ended && m_queue.size() < kQueued); });
         if (m_quit)
             return;
         const std::optional<double> seekTo = std::exchange(m_seekTo, std::nullopt);

@@ -113,7 +113,8 @@ TEST_F(Views, DetailPanelEditsTheKeyAndThePlayingVoiceAtOnce) {
     select(3);
     EXPECT_EQ(field<QDoubleSpinBox>("fadeOut")->value(), 1.0);
     // A file that failed to load says why, in the panel.
-    stage.model.media().table()[stage.doc().assignments[3].mediaKey()].error = "見つからないファイルです";
+    stage.model.media().table()[stage.doc().assignments[3].mediaKey()].error =
+        "見つからないファイルです";
     select(3);
     auto labels = window->detail().findChildren<QLabel*>();
     EXPECT_TRUE(std::any_of(labels.begin(), labels.end(), [](QLabel* l) {

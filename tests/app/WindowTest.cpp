@@ -2,13 +2,13 @@
 #include <linux/input-event-codes.h>
 
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
 #include <QTableWidget>
-#include <QElapsedTimer>
 #include <QTimer>
 
 #include "MediaFixtures.h"
@@ -276,8 +276,8 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
 TEST_F(Window, AMoviePlaysInTheMonitorView) {
     TempDir dir;
     const MediaFixtures::Video video{160, 120, 0.0, 2.0};
-    ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mp4"), "aac", {{1, 48000, 2.0, 440.0, 0.5}},
-                                     &video));
+    ASSERT_TRUE(
+        MediaFixtures::write(dir.file("movie.mp4"), "aac", {{1, 48000, 2.0, 440.0, 0.5}}, &video));
     KeyAssignment a(QString::fromStdString(dir.file("movie.mp4")), 0);
     MediaInfo info;
     info.probe = AudioLoader::probe(dir.file("movie.mp4"));

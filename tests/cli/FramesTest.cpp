@@ -92,14 +92,14 @@ TEST_F(Frames, EachPictureIsTheMovieFrameDueAndTheFirstComesWithTheSound) {
     qsizetype first = 0;
     while (data + first * 8 < bytes.size() && sample(first) == 0.0f)
         ++first;
-    EXPECT_GE(first, 3839); // host times are whole nanoseconds: one frame early at most
+    EXPECT_GE(first, 3839);      // host times are whole nanoseconds: one frame early at most
     EXPECT_LE(first, 3840 + 48); // within a millisecond
 
     // The same input draws the same pictures.
     const QString again = folder + "/again";
-    ASSERT_EQ(render("0 down 0\n", {"--seconds", "1", "--fps", "25", "--size", "160x120"}, again)
-                  .status,
-              0);
+    ASSERT_EQ(
+        render("0 down 0\n", {"--seconds", "1", "--fps", "25", "--size", "160x120"}, again).status,
+        0);
     for (int number : {3, 12, 25}) {
         QFile a(frames + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
         QFile b(again + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
@@ -119,9 +119,9 @@ TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
 
     // A 1 s fade-in is half-way 0.5 s after the start (picture 12 of the movie is due).
     const QString fade = folder + "/fade";
-    ASSERT_EQ(render("0 down 0\n", {"--seconds", "0.7", "--fps", "50", "--size", "160x120"}, fade)
-                  .status,
-              0);
+    ASSERT_EQ(
+        render("0 down 0\n", {"--seconds", "0.7", "--fps", "50", "--size", "160x120"}, fade).status,
+        0);
     EXPECT_NEAR(qGray(frame(fade, 30).pixel(80, 60)), greyOf(12) / 2.0, 4.0);
 
     // A 4:3 movie on layer 7 stays above an 8:3 one on layer 2 started later (pressed at 0.2 s,
@@ -140,19 +140,43 @@ TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
     // Filling instead of fitting: the 4:3 picture covers the whole 16:9 output, cropped.
     Prefs::setValue(Prefs::kVideoFill, "fill");
     const QString filled = folder + "/filled";
-    ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"},
-                     filled)
+    ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"}, filled)
                   .status,
               0);
     EXPECT_NEAR(qGray(frame(filled, 5).pixel(5, 90)), greyOf(2), 4.0);
     Prefs::setValue(Prefs::kVideoFill, "fit");
     const QString fitted = folder + "/fitted";
-    ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"},
-                     fitted)
+    ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"}, fitted)
                   .status,
               0);
     EXPECT_EQ(qGray(frame(fitted, 5).pixel(5, 90)), 0);
     EXPECT_NEAR(qGray(frame(fitted, 5).pixel(160, 90)), greyOf(2), 4.0);
+}
+
+// A movie cut short shows what it holds and the show goes on; a file that is no movie fails
+// with the engine's message; neither stops the pictures of the others.
+TEST_F(Frames, DamagedMoviesFailAloneWithAMessage) {
+    const MediaFixtures::Video video{160, 120, 0.0, 1.0};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("cut.mkv"), "pcm_s16le",
+                                     {{1, 48000, 1.0, 1000.0, 0.5}}, &video));
+    QFile cut(folder + "/cut.mkv");
+    ASSERT_TRUE(cut.resize(cut.size() / 2));
+    QFile fake(folder + "/fake.mp4");
+    ASSERT_TRUE(fake.open(QIODevice::WriteOnly));
+    fake.write(QByteArray(4096, 'x'));
+    fake.close();
+    KeyAssignment good = movie("movie.mp4");
+    good.layer = 9; // above the others (5)
+    makeShow({movie("cut.mkv"), movie("fake.mp4"), good});
+
+    const QString frames = folder + "/damaged";
+    const TypedCommand run =
+        render("0 down 0\n0 down 1\n0 down 2\n",
+               {"--seconds", "0.8", "--fps", "25", "--size", "160x120"}, frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains("fake.mp4")) << run.err.toStdString();
+    // The good movie is on top and plays on: at 0.6 s its picture 13.
+    EXPECT_NEAR(qGray(frame(frames, 16).pixel(80, 60)), greyOf(13), 4.0);
 }
 
 } // namespace

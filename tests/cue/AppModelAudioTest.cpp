@@ -14,8 +14,8 @@
 #include "JackServer.h"
 #include "SignalMeasure.h"
 #include "TempDir.h"
-#include "device/JackBackend.h"
 #include "cue/AppModel.h"
+#include "device/JackBackend.h"
 
 namespace {
 
@@ -178,8 +178,7 @@ TEST(ModelOnAlsa, AKeyPressPlaysItsToneIntoTheFile) {
     const std::string file = dir.file("show.raw");
     AppModel model;
     model.setOutputDeviceUID(QString::fromStdString("alsa:file:FILE=" + file + ",FORMAT=raw"));
-    ASSERT_TRUE(model.status().text().isEmpty())
-        << model.status().text().toStdString();
+    ASSERT_TRUE(model.status().text().isEmpty()) << model.status().text().toStdString();
     const std::int64_t channels = model.audio().channelCount();
     ASSERT_GE(channels, 4);
     addToneKey(model);

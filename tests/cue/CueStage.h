@@ -6,9 +6,9 @@
 
 #include "MediaFixtures.h"
 #include "audio/AudioClip.h"
-#include "media/AudioLoader.h"
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
+#include "media/AudioLoader.h"
 #include "video/HeadlessVideoOutput.h"
 
 // A show on a simulated clock: the real model, cue engine and mixer, a device rendered

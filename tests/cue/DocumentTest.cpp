@@ -214,8 +214,7 @@ TEST_F(Document, ReadRulesForPagesCurrentPageAndKeyStrings) {
     model.open(path);
     EXPECT_EQ(model.document().currentPage, 2u);
     // Dropped, and the operator told so: the next save will not write them.
-    EXPECT_EQ(model.status().text(),
-              "キーとして読めない項目を読み飛ばしました: 300000、abc");
+    EXPECT_EQ(model.status().text(), "キーとして読めない項目を読み飛ばしました: 300000、abc");
     ASSERT_EQ(model.document().assignments.size(), 1u);
     EXPECT_EQ(model.document().assignments.begin()->first, 12);
     const KeyAssignment& defaults = model.document().assignments.at(12);
@@ -332,8 +331,7 @@ TEST_F(Document, OneFileOnThousandsOfKeysIsLoadedOnce) {
     ASSERT_EQ(model.media().table().size(), 1u);
     const MediaInfo* first = model.media().infoFor(model.document().assignments.at(0));
     ASSERT_TRUE(first && first->clip);
-    EXPECT_EQ(model.media().infoFor(model.document().pages[1].keys.at(1499))->clip,
-              first->clip);
+    EXPECT_EQ(model.media().infoFor(model.document().pages[1].keys.at(1499))->clip, first->clip);
 }
 
 TEST_F(Document, AMovedShowFolderFindsItsMediaThroughRelativePaths) {

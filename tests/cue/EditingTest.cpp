@@ -212,7 +212,8 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     editor().assignList({tone, tone}, kF);
     while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    EXPECT_EQ(stage.model.media().table().at(file("gone.wav")).error, QString("ファイルが見つかりません"));
+    EXPECT_EQ(stage.model.media().table().at(file("gone.wav")).error,
+              QString("ファイルが見つかりません"));
     EXPECT_EQ(stage.model.status().text(), "見つからないファイルがあります: gone.wav");
     EXPECT_EQ(stage.model.media().table().at(file("deck.pdf")).error,
               QString("スライドの再生にはまだ対応していません"));

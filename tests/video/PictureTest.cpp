@@ -38,7 +38,8 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
             const auto began = std::chrono::steady_clock::now();
             picture = player.frameAt(seconds);
             EXPECT_LT(std::chrono::steady_clock::now() - began, 20ms); // never a decoder's wait
-            if (picture && std::abs(greyAt(picture) - greyOf(static_cast<int>(seconds * 25 + 1e-6) % 27)) < 4)
+            if (picture &&
+                std::abs(greyAt(picture) - greyOf(static_cast<int>(seconds * 25 + 1e-6) % 27)) < 4)
                 return true;
             std::this_thread::sleep_for(10ms);
         }
