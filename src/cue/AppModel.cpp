@@ -211,8 +211,16 @@ void AppModel::setStopAllFade(double seconds) {
     emit mixSettingsChanged();
 }
 
+void AppModel::pace() {
+    const auto wanted = m_engine->isIdle() && !m_toneChannel ? kIdleTickInterval : kTickInterval;
+    // Restarting the timer (setInterval does) only on a change keeps its phase otherwise.
+    if (m_timer.isActive() && m_timer.intervalAsDuration() != wanted)
+        m_timer.setInterval(wanted);
+}
+
 void AppModel::setToneChannel(std::optional<std::int64_t> channel) {
     m_toneChannel = channel;
     m_audio.mixer().setToneChannel(channel);
+    pace();
     emit mixSettingsChanged();
 }

@@ -32,6 +32,10 @@ class AppModel : public QObject {
 public:
     // The tick's period: 1/30 s, to the millisecond a QTimer counts in.
     static constexpr std::chrono::milliseconds kTickInterval{33};
+    // The tick's period while nothing runs and the meters rest: it only has to notice that
+    // nothing changed, and an idle show computer should stay idle. Anything that starts sound
+    // brings the 30 Hz back at once.
+    static constexpr std::chrono::milliseconds kIdleTickInterval{250};
 
     // With no video output given, a headless one on the wall clock is used.
     explicit AppModel(std::unique_ptr<VideoOutput> video = {}, QObject* parent = nullptr);
@@ -83,15 +87,27 @@ public:
 
     void handleKey(KeyCode code, bool down, bool shift, bool isRepeat) {
         m_engine->handleKey(code, down, shift, isRepeat);
+        pace();
     }
-    void startKey(KeyCode code, std::int64_t deckIndex) { m_engine->startKey(code, deckIndex); }
+    void startKey(KeyCode code, std::int64_t deckIndex) {
+        m_engine->startKey(code, deckIndex);
+        pace();
+    }
     void stopKey(KeyCode code, double fade) { m_engine->stopKey(code, fade); }
     void stopCue(std::int64_t id) { m_engine->stopCue(id); }
     void stopAll(bool immediate) { m_engine->stopAll(immediate); }
     bool isRunning(KeyCode code) const { return m_engine->isRunning(code); }
-    void togglePlayback(KeyCode code) { m_engine->togglePlayback(code); }
-    void tick() { m_engine->tick(); }
+    void togglePlayback(KeyCode code) {
+        m_engine->togglePlayback(code);
+        pace();
+    }
+    void tick() {
+        m_engine->tick();
+        pace();
+    }
     void seek(std::int64_t cueID, double fraction) { m_engine->seek(cueID, fraction); }
+    // The running tick's period (kTickInterval or kIdleTickInterval).
+    std::chrono::milliseconds tickInterval() const { return m_timer.intervalAsDuration(); }
 
     // The routing matrix view's edit: stores the matrix and the routing text together.
     void setRouting(KeyCode code, std::optional<RoutingMatrix> matrix, const QString& outputMap);
@@ -126,6 +142,8 @@ signals:
 private:
     static constexpr std::chrono::milliseconds kDeviceRetryInterval{1000};
 
+    // Sets the tick's period for what runs now.
+    void pace();
     std::optional<std::string> wantedDevice() const;
     void lookForWantedDevice();
 

@@ -50,6 +50,12 @@ ActiveCuePtr CueEngine::newestRunning(KeyCode code) const {
     return nullptr;
 }
 
+bool CueEngine::isIdle() const {
+    return m_cues.empty() && m_displayedSourceMeters.empty() &&
+           std::all_of(m_displayedMeters.begin(), m_displayedMeters.end(),
+                       [](float level) { return level < 1e-4f; });
+}
+
 bool CueEngine::isRunning(KeyCode code) const {
     return newestRunning(code) != nullptr;
 }

@@ -69,6 +69,8 @@ public:
     double stopAllFade() const { return m_stopAllFade; }
     void setStopAllFade(double seconds) { m_stopAllFade = seconds; }
 
+    // No cue runs and the meters have come to rest (below -80 dB): a tick changes nothing.
+    bool isIdle() const;
     // Whether the cue is `code`'s on the current page and has not been told to stop.
     bool runsFor(const ActiveCue& cue, KeyCode code) const;
     // The newest such cue of the key (what a seek or a toggle of the key acts on), or none.

@@ -66,7 +66,7 @@ HeadlessVideoOutput::HeadlessVideoOutput(Clock clock, bool autoPoll, QObject* pa
         m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(10);
         connect(&m_timer, &QTimer::timeout, this, &HeadlessVideoOutput::poll);
-        m_timer.start();
+        m_autoPoll = true;
     }
 }
 
@@ -89,6 +89,7 @@ std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
     movie->onStart = std::move(start.onStart);
     movie->onFail = std::move(start.onFail);
     m_movies.push_back(movie);
+    watch();
     return movie;
 }
 
@@ -105,7 +106,13 @@ std::shared_ptr<ImageCue> HeadlessVideoOutput::showImage(std::function<QImage()>
     image.shownAt = m_clock();
     image.fadeIn = fadeIn;
     m_images.push_back(std::move(image));
+    watch();
     return cue;
+}
+
+void HeadlessVideoOutput::watch() {
+    if (m_autoPoll && !m_timer.isActive())
+        m_timer.start();
 }
 
 HeadlessVideoOutput::Movie* HeadlessVideoOutput::movieFor(VideoCue& cue) {
@@ -138,6 +145,7 @@ void HeadlessVideoOutput::stop(ImageCue& cue, double fade) {
         if (image.cue.get() == &cue) {
             image.finishAt = m_clock() + HostTime::secondsToTicks(fade);
             image.fadeOut = fade;
+            watch();
         }
     }
 }
@@ -216,6 +224,13 @@ void HeadlessVideoOutput::poll() {
         if (image.cue->stopping && image.finishAt != 0 && now >= image.finishAt)
             finish(*image.cue);
     }
+    // Nothing moves without a cue: an idle show wakes nobody.
+    const bool waiting = !m_movies.empty() || std::any_of(m_images.begin(), m_images.end(),
+                                                          [](const Image& image) {
+                                                              return image.finishAt != 0;
+                                                          });
+    if (!waiting)
+        m_timer.stop();
 }
 
 void HeadlessVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,

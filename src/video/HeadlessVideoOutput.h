@@ -25,7 +25,7 @@ class HeadlessVideoOutput : public QObject, public VideoOutput {
 public:
     using Clock = std::function<std::uint64_t()>;
 
-    // With autoPoll a 10 ms timer calls poll(); otherwise the owner does, on a simulated clock,
+    // With autoPoll a 10 ms timer calls poll() while cues are up; otherwise the owner does, on a simulated clock,
     // and a picture drawn waits for its movies to be decoded to it (a render's pictures must
     // not depend on how fast the machine decodes).
     explicit HeadlessVideoOutput(Clock clock = {}, bool autoPoll = true, QObject* parent = nullptr);
@@ -66,11 +66,14 @@ private:
         double fadeOut = 0.0;
     };
 
+    // Polls by the timer from now on, when it polls itself.
+    void watch();
     Movie* movieFor(VideoCue& cue);
     void remove(VideoCue& cue);
 
     Clock m_clock;
     QTimer m_timer;
+    bool m_autoPoll = false;
     bool m_showing = false;
     std::vector<std::shared_ptr<Movie>> m_movies;
     std::vector<Image> m_images;

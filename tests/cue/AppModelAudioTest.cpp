@@ -161,6 +161,28 @@ TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
     EXPECT_TRUE(model.isOnFallback());
 }
 
+// Nothing running, meters at rest: the tick only looks four times a second. A key brings the
+// 30 Hz back at once, and it stays until the cue has ended and the meters have fallen.
+TEST(ModelOnJack, AnIdleShowTicksSlowlyAndAKeyBringsTheFullRateBack) {
+    JackServer server(8);
+    ASSERT_TRUE(server.ready());
+    AppModel model;
+    addToneKey(model);
+    model.document().assignments[kA].fadeOut = 0.0;
+    model.start();
+    ASSERT_TRUE(pump([&] { return model.tickInterval() == AppModel::kIdleTickInterval; }, 1000ms));
+    model.handleKey(kA, true, false, false);
+    EXPECT_EQ(model.tickInterval(), AppModel::kTickInterval);
+    pump([] { return false; }, 300ms);
+    EXPECT_EQ(model.tickInterval(), AppModel::kTickInterval); // playing: meters move
+    EXPECT_GT(model.live().meters().at(2), 0.1f);
+    model.handleKey(kA, true, false, false); // toggled off
+    EXPECT_TRUE(pump([&] { return model.tickInterval() == AppModel::kIdleTickInterval; }, 3000ms));
+    EXPECT_LT(model.live().meters().at(2), 1e-3f); // fallen to rest first
+    model.setToneChannel(0);
+    EXPECT_EQ(model.tickInterval(), AppModel::kTickInterval);
+}
+
 TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {
     setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);
     AppModel model;
