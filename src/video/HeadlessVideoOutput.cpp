@@ -225,10 +225,9 @@ void HeadlessVideoOutput::poll() {
             finish(*image.cue);
     }
     // Nothing moves without a cue: an idle show wakes nobody.
-    const bool waiting = !m_movies.empty() || std::any_of(m_images.begin(), m_images.end(),
-                                                          [](const Image& image) {
-                                                              return image.finishAt != 0;
-                                                          });
+    const bool waiting =
+        !m_movies.empty() || std::any_of(m_images.begin(), m_images.end(),
+                                         [](const Image& image) { return image.finishAt != 0; });
     if (!waiting)
         m_timer.stop();
 }

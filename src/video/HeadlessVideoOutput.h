@@ -25,9 +25,9 @@ class HeadlessVideoOutput : public QObject, public VideoOutput {
 public:
     using Clock = std::function<std::uint64_t()>;
 
-    // With autoPoll a 10 ms timer calls poll() while cues are up; otherwise the owner does, on a simulated clock,
-    // and a picture drawn waits for its movies to be decoded to it (a render's pictures must
-    // not depend on how fast the machine decodes).
+    // With autoPoll a 10 ms timer calls poll() while cues are up; otherwise the owner does, on a
+    // simulated clock, and a picture drawn waits for its movies to be decoded to it (a render's
+    // pictures must not depend on how fast the machine decodes).
     explicit HeadlessVideoOutput(Clock clock = {}, bool autoPoll = true, QObject* parent = nullptr);
     ~HeadlessVideoOutput() override;
 

@@ -4,6 +4,14 @@
 
 namespace {
 
+// The decoded pixels as a QImage that owns them.
+QImage imageOf(MovieFrame&& frame) {
+    auto* pixels = new std::vector<std::uint8_t>(std::move(frame.rgba));
+    return QImage(
+        pixels->data(), frame.width, frame.height, frame.width * 4, QImage::Format_RGBA8888,
+        [](void* owned) { delete static_cast<std::vector<std::uint8_t>*>(owned); }, pixels);
+}
+
 // Further ahead of the queue than this, seeking costs less than decoding every picture between.
 constexpr double kSeekAhead = 2.0;
 // Times are compared with this slack: a picture due "now" must not miss by a rounding.
@@ -50,8 +58,11 @@ void MoviePlayer::decode() {
         lock.unlock();
         if (seekTo)
             decoder->seek(*seekTo);
-        std::optional<MovieFrame> picture = decoder->next();
-        const bool broken = !picture && decoder->failed();
+        std::optional<MovieFrame> frame = decoder->next();
+        const bool broken = !frame && decoder->failed();
+        std::optional<Picture> picture;
+        if (frame)
+            picture = Picture{frame->time, imageOf(std::move(*frame))};
         lock.lock();
         if (m_seekTo)
             continue; // asked elsewhere meanwhile: this picture is of the old place
@@ -84,7 +95,7 @@ const QImage* MoviePlayer::frameAt(double seconds) {
     }
     // Take every picture due; a render then waits until the one after them is queued (or the
     // movie ends), since only then is the last one taken the picture due.
-    std::optional<MovieFrame> due;
+    std::optional<Picture> due;
     for (;;) {
         while (!m_seekTo && !m_queue.empty() && m_queue.front().time <= seconds + kSlack) {
             due = std::move(m_queue.front());
@@ -97,11 +108,8 @@ const QImage* MoviePlayer::frameAt(double seconds) {
         m_changed.wait(lock);
     }
     if (due) {
-        lock.unlock();
         m_shownTime = due->time;
-        m_shown = QImage(due->rgba.data(), due->width, due->height, due->width * 4,
-                         QImage::Format_RGBA8888)
-                      .copy();
+        m_shown = std::move(due->image);
     }
     return m_shown.isNull() ? nullptr : &m_shown;
 }

@@ -46,7 +46,11 @@ private:
     const Wait m_wait;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<MovieFrame> m_queue; // in time order
+    struct Picture {
+        double time = 0.0;
+        QImage image; // wraps the decoded pixels: handing it to the drawing thread copies nothing
+    };
+    std::deque<Picture> m_queue;    // in time order
     std::optional<double> m_seekTo; // asked of the thread
     bool m_ended = false;           // nothing more will be queued until a seek
     bool m_failed = false;

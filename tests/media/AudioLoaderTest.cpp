@@ -201,34 +201,26 @@ TEST_F(AudioLoaderTest, EveryCommonFormatDecodes) {
 }
 
 TEST_F(AudioLoaderTest, SizeCheckRefusesLongFilesBeforeDecoding) {
-    MediaProbe probe;
-    probe.duration = 70 * 60;
-    probe.sourceSampleRate = 48000;
-    probe.sourceChannels = 2;
-    // The file does not even exist: only the estimate can have refused it.
-    try {
-        AudioLoader::loadClip(dir.file("absent.wav"), 48000.0, probe);
-        FAIL() << "a 70-minute stereo file must be refused";
-    } catch (const LoadError& error) {
-        EXPECT_EQ(error.kind(), LoadError::Kind::tooLarge);
-        EXPECT_EQ(error.message(), "音声が長すぎてメモリに展開できません");
-    }
-    probe.duration = 60 * 60; // 1 382 400 000 bytes: allowed, so the missing file is the error
-    try {
-        AudioLoader::loadClip(dir.file("absent.wav"), 48000.0, probe);
-    } catch (const LoadError& error) {
-        EXPECT_EQ(error.message(), "読み込みに失敗しました");
-    }
+    // The file does not even exist: a refusal can only come from the estimate.
+    auto refusal = [&](double minutes, double rate, std::int64_t channels) {
+        MediaProbe probe;
+        probe.duration = minutes * 60;
+        probe.sourceSampleRate = rate;
+        probe.sourceChannels = channels;
+        try {
+            AudioLoader::loadClip(dir.file("absent.wav"), 48000.0, probe);
+        } catch (const LoadError& error) {
+            return error;
+        }
+        return LoadError::failed("loaded");
+    };
+    const LoadError stereo = refusal(70, 48000, 2);
+    EXPECT_EQ(stereo.kind(), LoadError::Kind::tooLarge);
+    EXPECT_EQ(stereo.message(), "音声が長すぎてメモリに展開できません");
+    // 1 382 400 000 bytes: allowed, so the missing file is the error.
+    EXPECT_EQ(refusal(60, 48000, 2).message(), "読み込みに失敗しました");
     // 8 channels at 96 kHz on a 48 kHz engine: the higher rate counts.
-    probe.duration = 8.5 * 60;
-    probe.sourceSampleRate = 96000;
-    probe.sourceChannels = 8;
-    try {
-        AudioLoader::loadClip(dir.file("absent.wav"), 48000.0, probe);
-        FAIL() << "8 channels at 96 kHz for 8.5 minutes must be refused";
-    } catch (const LoadError& error) {
-        EXPECT_EQ(error.kind(), LoadError::Kind::tooLarge);
-    }
+    EXPECT_EQ(refusal(8.5, 96000, 8).kind(), LoadError::Kind::tooLarge);
 }
 
 TEST_F(AudioLoaderTest, BadInputEndsInAMessageNeverACrash) {
