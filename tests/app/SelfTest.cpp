@@ -68,61 +68,12 @@ void press(MainWindow& window, KeyCode code, bool down, Qt::KeyboardModifiers mo
     QApplication::sendEvent(&window, &event);
 }
 
-double voiceProgress(AppModel& model, KeyCode code) {
-    for (const auto& cue : model.cueEngine().cues())
-        if (cue->key == code && cue->voiceID) {
-            const auto status = model.mixer().snapshot();
-            const auto found = status.find(*cue->voiceID);
-            return found == status.end() ? -1.0 : found->second.progress;
-        }
-    return -1.0;
-}
-
 void openDemo(AppModel& model, const QString& folder) {
     model.open(DemoShow::create(folder));
     waitForMedia(model);
 }
 
-void checkKeys(AppModel& model, MainWindow& window, const QString& codes, const QString& folder,
-               Log& log) {
-    openDemo(model, folder);
-    for (const QString& text : codes.split(',', Qt::SkipEmptyParts)) {
-        const auto code = static_cast<KeyCode>(text.trimmed().toUInt());
-        const auto& keys = model.document().assignments;
-        press(window, code, true);
-        press(window, code, false);
-        if (!keys.count(code)) {
-            log.check(model.document().selectedKey == code,
-                      QString("key %1 (empty) selects the key").arg(code));
-            continue;
-        }
-        const QString name = keys.at(code).displayName();
-        const MediaInfo* info = model.media().infoFor(keys.at(code));
-        if (info && info->error) {
-            log.check(model.status().text().contains(*info->error),
-                      QString("key %1 (%2) reports: %3").arg(code).arg(name, *info->error));
-            continue;
-        }
-        log.check(model.isRunning(code), QString("key %1 (%2) starts").arg(code).arg(name));
-        const double before = voiceProgress(model, code);
-        waitFor(150);
-        log.check(voiceProgress(model, code) > before,
-                  QString("key %1 (%2) plays on").arg(code).arg(name));
-        press(window, code, true); // toggle, or retrigger: either way Shift stops it below
-        press(window, code, false);
-        press(window, code, true, Qt::ShiftModifier);
-        log.check(!model.isRunning(code), QString("Shift+key %1 stops it").arg(code));
-    }
-}
-
 void checkLayout(MainWindow& window, Log& log) {
-    for (const KeyRow& row : KeyboardLayout::rows()) {
-        QStringList cells;
-        for (const KeySpec& spec : row.keys)
-            if (spec.kind != KeySpec::Kind::gap)
-                cells << QString("%1=%2").arg(spec.label).arg(spec.code);
-        std::printf("row %d: %s\n", row.id, cells.join(' ').toUtf8().constData());
-    }
     int missing = 0;
     for (KeyCode code : KeyboardLayout::fillOrder())
         missing += window.keyboard().cellRect(code).isEmpty();
@@ -139,25 +90,6 @@ void checkLayout(MainWindow& window, Log& log) {
     log.check(missing == 0, QString("every one of %1 keys has a drawn cell (%2 missing)")
                                 .arg(KeyboardLayout::fillOrder().size())
                                 .arg(missing));
-}
-
-void checkDemo(AppModel& model, MainWindow& window, const QString& folder, Log& log) {
-    openDemo(model, folder);
-    for (std::size_t page = 0; page < model.document().pages.size(); ++page) {
-        model.editor().switchPage(page);
-        waitForMedia(model);
-        for (const auto& [code, a] : std::map(model.document().assignments)) {
-            const MediaInfo* info = model.media().infoFor(a);
-            if (!info || !info->clip)
-                continue; // lists wait for the deck model
-            press(window, code, true);
-            waitFor(120);
-            log.check(voiceProgress(model, code) > 0.0,
-                      QString("page %1: %2 sounds").arg(page + 1).arg(a.displayName()));
-            press(window, code, false);
-        }
-        model.stopAll(true);
-    }
 }
 
 // The colour a key cell is drawn in: its palette entry, lighter while it plays.
@@ -339,10 +271,6 @@ int run(AppModel& model, MainWindow& window) {
     waitFor(100);
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_LAYOUT"))
         checkLayout(window, log);
-    if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_KEYS"))
-        checkKeys(model, window, qEnvironmentVariable("VORLIN_SELFTEST_KEYS"), folder, log);
-    if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_DEMO"))
-        checkDemo(model, window, folder, log);
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_SCREENSHOT"))
         checkScreenshot(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
                         log);

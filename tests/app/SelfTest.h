@@ -5,10 +5,7 @@ class MainWindow;
 
 // Scripted end-to-end checks of the application as `vorlin` builds it (tests/app/selftest_main),
 // chosen by these variables:
-//   VORLIN_SELFTEST_KEYS=0,1,…        press the codes through the real key input on a
-//                                     generated show
 //   VORLIN_SELFTEST_LAYOUT=1          log the drawn layout and check every key has its cell
-//   VORLIN_SELFTEST_DEMO=1            play through the demo show, both pages
 //   VORLIN_SELFTEST_SCREENSHOT=FILE   play four demo keys from two pages, grab the real window
 //                                     to FILE (PNG) and the settings window next to it, and
 //                                     check what they draw: cells, cue list, meters, page list,
