@@ -8,13 +8,13 @@
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
 #include "model/KeyboardLayout.h"
-#include "video/HeadlessVideoOutput.h"
+#include "video/CompositedVideoOutput.h"
 
 namespace {
 
 void BM_Tick(benchmark::State& state) {
     const auto cues = static_cast<int>(state.range(0));
-    AppModel model(std::make_unique<HeadlessVideoOutput>(HeadlessVideoOutput::Clock{}, false));
+    AppModel model(std::make_unique<CompositedVideoOutput>(CompositedVideoOutput::Clock{}, false));
     OfflineRenderer device(model.mixer(), 8, 256, 48000.0);
     model.cueEngine().setOutputChannelCount(8);
     auto clip = std::make_shared<const AudioClip>(

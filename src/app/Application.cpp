@@ -10,6 +10,7 @@
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
+#include "video/CompositedVideoOutput.h"
 
 namespace {
 
@@ -20,12 +21,19 @@ int& named(int& argc) {
     return argc;
 }
 
+// The application's video output: the same as a headless run's, with output windows.
+std::unique_ptr<VideoOutput> outputFor(int instanceNumber) {
+    auto output = std::make_unique<CompositedVideoOutput>();
+    output->enableSurfaces(instanceNumber);
+    return output;
+}
+
 } // namespace
 
 Application::Application(int& argc, char** argv)
     : m_app(named(argc), argv),
       m_instance((Prefs::registerDefaults(), InstanceLock::acquire(InstanceLock::defaultFolder()))),
-      m_model(std::make_unique<AppModel>()) {
+      m_model(std::make_unique<AppModel>(outputFor(m_instance.number()))) {
     const int n = m_instance.number();
     m_model->session().setInstanceNumber(n);
     // The window benchmark's reference: the same program and tick with the views deaf to the
@@ -68,6 +76,8 @@ int Application::exec() {
     m_window->updateTitle();
     m_window->show();
     m_window->activateWindow();
+    if (Prefs::value(Prefs::kOpenVideoOnLaunch, false).toBool())
+        model.video().show();
     const int status = QApplication::exec();
     m_window->onBackgroundInputChange = nullptr;
     return status;

@@ -211,6 +211,17 @@ void MainWindow::fitWindowToScreen() {
         setGeometry(frame);
 }
 
+void MainWindow::toggleVideoOutput() {
+    VideoOutput& video = m_model.video();
+    if (video.isShowing())
+        video.hide();
+    else
+        video.show();
+    m_model.status().show(video.isShowing() ? QStringLiteral("映像出力は開いています")
+                                            : QStringLiteral("映像出力は閉じています"));
+    activateWindow(); // the keys stay with the show
+}
+
 void MainWindow::buildMenu() {
     // A menu is a title and its entries; an entry without text is a separator, one without an
     // action is shown disabled (what the system or a text field does itself, or what is still
@@ -290,7 +301,7 @@ void MainWindow::buildMenu() {
            [this] { m_model.stopAll(true); }},
           separator,
           {QStringLiteral("映像出力を開く／閉じる"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_F),
-           nullptr},
+           [this] { toggleVideoOutput(); }},
           separator,
           {QStringLiteral("次のページ（プレイリスト）"), QKeySequence(Qt::CTRL | Qt::Key_Right),
            pageStep(1)},

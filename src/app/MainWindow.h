@@ -58,6 +58,8 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    // 再生 › 映像出力を開く／閉じる.
+    void toggleVideoOutput();
     void buildMenu();
     void openDocument();
     void showError(const QString& message);

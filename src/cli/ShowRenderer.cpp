@@ -9,7 +9,7 @@
 
 #include "audio/HostTime.h"
 #include "audio/WavWriter.h"
-#include "video/HeadlessVideoOutput.h"
+#include "video/CompositedVideoOutput.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ constexpr std::uint64_t kStartHost = 1'000'000'000;
 
 ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames)
     : m_rate(sampleRate) {
-    auto video = std::make_unique<HeadlessVideoOutput>(
+    auto video = std::make_unique<CompositedVideoOutput>(
         [this] { return m_device ? m_device->hostTime() : kStartHost; }, false);
     m_model = std::make_unique<AppModel>(std::move(video));
     m_model->setOffline(true);
@@ -69,7 +69,7 @@ bool ShowRenderer::writeFrame(const FrameOptions& frames, std::int64_t index) {
     QImage picture(frames.size, QImage::Format_RGB32);
     QPainter painter(&picture);
     const auto now = kStartHost + HostTime::secondsToTicks(static_cast<double>(index) / frames.fps);
-    static_cast<HeadlessVideoOutput&>(m_model->video())
+    static_cast<CompositedVideoOutput&>(m_model->video())
         .draw(painter, picture.rect(), now, frames.output);
     painter.end();
     return picture.save(
@@ -80,7 +80,7 @@ bool ShowRenderer::writeFrame(const FrameOptions& frames, std::int64_t index) {
 
 bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, WavWriter& out,
                        const FrameOptions* frames) {
-    auto& video = static_cast<HeadlessVideoOutput&>(m_model->video());
+    auto& video = static_cast<CompositedVideoOutput&>(m_model->video());
     const auto total = static_cast<std::int64_t>(std::llround(seconds * m_rate));
     std::size_t nextEvent = 0;
     std::int64_t nextTick = 0;

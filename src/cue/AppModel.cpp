@@ -11,7 +11,7 @@
 #include "device/AudioStartError.h"
 #include "model/KeyboardLayout.h"
 #include "model/ValueRanges.h"
-#include "video/HeadlessVideoOutput.h"
+#include "video/CompositedVideoOutput.h"
 
 AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
     : QObject(parent),
@@ -19,7 +19,7 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
       m_audio([this](std::function<void()> call) {
           QMetaObject::invokeMethod(this, std::move(call), Qt::QueuedConnection);
       }),
-      m_video(video ? std::move(video) : std::make_unique<HeadlessVideoOutput>()),
+      m_video(video ? std::move(video) : std::make_unique<CompositedVideoOutput>()),
       m_media(m_document, [this] { return m_audio.mixer().sampleRate(); }),
       m_engine(std::make_unique<CueEngine>(m_document, m_media.table(), m_audio.mixer(), *m_video,
                                            m_live, m_status)),
@@ -171,7 +171,7 @@ void AppModel::lookForWantedDevice() {
 
 MixSettings AppModel::mixSettings() const {
     return {m_outputDeviceUID, m_masterVolume, m_engine->stopAllFade(), m_mutedOutputs,
-            m_videoOutputs};
+            m_video->outputs()};
 }
 
 void AppModel::applyMixSettings(const MixSettings& settings) {

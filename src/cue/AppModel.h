@@ -70,8 +70,8 @@ public:
     double stopAllFade() const { return m_engine->stopAllFade(); }
     void setStopAllFade(double seconds);
     // The video outputs that are open ("window" or screen ids), as the show file keeps them.
-    const QStringList& videoOutputs() const { return m_videoOutputs; }
-    void setVideoOutputs(const QStringList& outputs) { m_videoOutputs = outputs; }
+    const QStringList& videoOutputs() const { return m_video->outputs(); }
+    void setVideoOutputs(const QStringList& outputs) { m_video->setOutputs(outputs); }
     // All of the above that a show file keeps, and setting them at once (an opened show).
     MixSettings mixSettings() const;
     void applyMixSettings(const MixSettings& settings);
@@ -161,7 +161,6 @@ private:
     std::unique_ptr<CueEngine> m_engine;
     ShowSession m_session;
     ShowEditor m_editor;
-    QStringList m_videoOutputs;
     QTimer m_timer;
     // While the engine plays somewhere else than wanted, looks for the wanted device.
     QTimer m_deviceRetry;

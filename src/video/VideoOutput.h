@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QRect>
 #include <QString>
+#include <QStringList>
 
 #include "video/MovieStart.h"
 #include "video/VideoCue.h"
@@ -37,9 +38,14 @@ public:
     virtual void finish(ImageCue& cue) = 0;
     // Plays on from `seconds` at `hostTime`; false when the movie is not ready for it.
     virtual bool seek(VideoCue& cue, double seconds, std::uint64_t hostTime) = 0;
-    // Opens the outputs.
+    // Opens the outputs (just the movable window when none is wanted); hide() closes them.
+    // Cues go on while they are closed, seen in the monitor view.
     virtual void show() = 0;
+    virtual void hide() = 0;
     virtual bool isShowing() const = 0;
+    // Where pictures are wanted: "window" or display labels, in order.
+    virtual const QStringList& outputs() const = 0;
+    virtual void setOutputs(const QStringList& outputs) = 0;
 
     // Draws what `output` (none: the monitor view, which shows every cue) shows at host time
     // `now` into `area`.

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include <QAbstractButton>
+#include <QAction>
 #include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
@@ -15,12 +16,14 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QOpenGLWindow>
 #include <QPixmap>
 #include <QScreen>
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTextLayout>
 
+#include "MediaFixtures.h"
 #include "app/CueListView.h"
 #include "app/DemoShow.h"
 #include "app/DetailPanel.h"
@@ -263,6 +266,56 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
 
 } // namespace
 
+// The output window from the menu: a window of its own showing the pictures of the keys, while
+// the keys stay with the main window; the same menu entry closes it.
+void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
+                       const QString& folder, Log& log) {
+    const MediaFixtures::Video video{160, 120, 0.0, 4.0};
+    const std::string movie = (folder + "/movie.mp4").toStdString();
+    if (!MediaFixtures::write(movie, "aac", {{1, 48000, 4.0, 440.0, 0.2}}, &video))
+        return log.check(false, "a movie could be written");
+    constexpr KeyCode kMovieKey = 6; // Z
+    model.editor().assign(QString::fromStdString(movie), kMovieKey);
+    waitForMedia(model);
+    QAction* toggle = nullptr;
+    for (QAction* action : window.findChildren<QAction*>())
+        if (action->text() == QStringLiteral("映像出力を開く／閉じる"))
+            toggle = action;
+    if (!toggle)
+        return log.check(false, "the menu has 映像出力を開く／閉じる");
+    toggle->trigger();
+    waitFor(400);
+    QOpenGLWindow* output = nullptr;
+    for (QWindow* candidate : QGuiApplication::topLevelWindows())
+        if (candidate->title() == QStringLiteral("映像出力 #1") && candidate->isExposed())
+            output = dynamic_cast<QOpenGLWindow*>(candidate);
+    log.check(output != nullptr, "the menu opens the window 映像出力 #1");
+    log.check(model.status().text() == QStringLiteral("映像出力は開いています"),
+              "the status line says the output is open");
+    if (!output)
+        return;
+    press(window, kMovieKey, true);
+    press(window, kMovieKey, false);
+    log.check(model.isRunning(kMovieKey), "a key press still reaches the show");
+    log.check(QGuiApplication::focusWindow() != output, "the output window leaves the keys alone");
+    waitFor(700);
+    const QImage frame = output->grabFramebuffer();
+    frame.save(QFileInfo(shot).dir().filePath("output-window.png"));
+    const QPoint middle(frame.width() / 2, frame.height() / 2);
+    log.check(!frame.isNull() && qGray(frame.pixel(middle)) > 20,
+              QString("the output window shows the movie (grey %1 in the middle)")
+                  .arg(frame.isNull() ? -1 : qGray(frame.pixel(middle))));
+    log.check(!frame.isNull() && qGray(frame.pixel(4, middle.y())) == 0,
+              "a 4:3 movie in the 16:9 window has black bars");
+    toggle->trigger();
+    waitFor(200);
+    bool gone = true;
+    for (QWindow* candidate : QGuiApplication::topLevelWindows())
+        gone = gone &&
+               !(candidate->title() == QStringLiteral("映像出力 #1") && candidate->isVisible());
+    log.check(!model.video().isShowing() && gone, "the same entry closes it");
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -271,9 +324,12 @@ int run(AppModel& model, MainWindow& window) {
     waitFor(100);
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_LAYOUT"))
         checkLayout(window, log);
-    if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_SCREENSHOT"))
+    if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_SCREENSHOT")) {
         checkScreenshot(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
                         log);
+        checkOutputWindow(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
+                          log);
+    }
     model.stopAll(true);
     std::printf("selftest: %d passed, %d failed\n", log.passed, log.failed);
     return log.failed == 0 && log.passed > 0 ? 0 : 1;

@@ -9,7 +9,7 @@
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
 #include "media/AudioLoader.h"
-#include "video/HeadlessVideoOutput.h"
+#include "video/CompositedVideoOutput.h"
 
 // A show on a simulated clock: the real model, cue engine and mixer, a device rendered
 // offline, the headless video output on the device's clock, and the 30 Hz tick run between
@@ -17,14 +17,14 @@
 class CueStage {
 public:
     explicit CueStage(int channels = 8, std::int64_t block = 256)
-        : model(std::make_unique<HeadlessVideoOutput>(
+        : model(std::make_unique<CompositedVideoOutput>(
               [this] { return device ? device->hostTime() : 0; }, false)),
           device(std::make_unique<OfflineRenderer>(model.mixer(), channels, block, 48000.0)) {
         model.cueEngine().setOutputChannelCount(channels);
         model.cueEngine().setBeep([this] { ++beeps; });
     }
 
-    HeadlessVideoOutput& video() { return static_cast<HeadlessVideoOutput&>(model.video()); }
+    CompositedVideoOutput& video() { return static_cast<CompositedVideoOutput&>(model.video()); }
     CueEngine& engine() { return model.cueEngine(); }
     ShowDocument& doc() { return model.document(); }
 

@@ -1,11 +1,15 @@
-#include "video/HeadlessVideoOutput.h"
+#include "video/CompositedVideoOutput.h"
 
 #include <algorithm>
 
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QPainter>
+#include <QScreen>
 
 #include "audio/HostTime.h"
+#include "video/OutputSurface.h"
+#include "video/ScreenList.h"
 
 namespace {
 
@@ -27,7 +31,7 @@ bool showsOn(const OutputSet& outputs, const std::optional<QString>& output) {
 
 } // namespace
 
-class HeadlessVideoOutput::Movie : public VideoCue {
+class CompositedVideoOutput::Movie : public VideoCue {
 public:
     Movie(Clock clock, double length) : m_clock(std::move(clock)), m_length(length) {}
 
@@ -58,21 +62,21 @@ public:
     std::function<void()> onFail;
 };
 
-HeadlessVideoOutput::HeadlessVideoOutput(Clock clock, bool autoPoll, QObject* parent)
+CompositedVideoOutput::CompositedVideoOutput(Clock clock, bool autoPoll, QObject* parent)
     : QObject(parent), m_clock(clock ? std::move(clock) : Clock(&HostTime::now)),
       m_look(CompositorLook::fromPreferences()),
       m_wait(autoPoll ? MoviePlayer::Wait::never : MoviePlayer::Wait::forPicture) {
     if (autoPoll) {
         m_timer.setTimerType(Qt::PreciseTimer);
         m_timer.setInterval(10);
-        connect(&m_timer, &QTimer::timeout, this, &HeadlessVideoOutput::poll);
+        connect(&m_timer, &QTimer::timeout, this, &CompositedVideoOutput::poll);
         m_autoPoll = true;
     }
 }
 
-HeadlessVideoOutput::~HeadlessVideoOutput() = default;
+CompositedVideoOutput::~CompositedVideoOutput() = default;
 
-std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
+std::shared_ptr<VideoCue> CompositedVideoOutput::play(MovieStart start) {
     show();
     auto movie = std::make_shared<Movie>(m_clock, std::max(start.duration, 0.0));
     // A file the loader found no picture in, or one gone since, fails as a player's would.
@@ -93,9 +97,9 @@ std::shared_ptr<VideoCue> HeadlessVideoOutput::play(MovieStart start) {
     return movie;
 }
 
-std::shared_ptr<ImageCue> HeadlessVideoOutput::showImage(std::function<QImage()> load,
-                                                         double fadeIn, double z,
-                                                         const OutputSet& outputs) {
+std::shared_ptr<ImageCue> CompositedVideoOutput::showImage(std::function<QImage()> load,
+                                                           double fadeIn, double z,
+                                                           const OutputSet& outputs) {
     show();
     auto cue = std::make_shared<ImageCue>();
     cue->z = z;
@@ -110,12 +114,94 @@ std::shared_ptr<ImageCue> HeadlessVideoOutput::showImage(std::function<QImage()>
     return cue;
 }
 
-void HeadlessVideoOutput::watch() {
+void CompositedVideoOutput::watch() {
     if (m_autoPoll && !m_timer.isActive())
         m_timer.start();
+    redraw();
 }
 
-HeadlessVideoOutput::Movie* HeadlessVideoOutput::movieFor(VideoCue& cue) {
+void CompositedVideoOutput::redraw() {
+    for (const auto& surface : m_surfaces)
+        surface->wake();
+}
+
+void CompositedVideoOutput::enableSurfaces(int instanceNumber) {
+    m_surfacesFor = instanceNumber;
+    // A display plugged, unplugged or changed: the outputs follow.
+    for (auto signal : {&QGuiApplication::screenAdded, &QGuiApplication::screenRemoved,
+                        &QGuiApplication::primaryScreenChanged})
+        connect(
+            qGuiApp, signal, this, [this] { rebuildOutputs(); }, Qt::QueuedConnection);
+}
+
+void CompositedVideoOutput::show() {
+    if (m_outputs.isEmpty())
+        m_outputs = {QStringLiteral("window")};
+    m_showing = true;
+    rebuildOutputs();
+}
+
+void CompositedVideoOutput::hide() {
+    m_showing = false;
+    rebuildOutputs();
+}
+
+void CompositedVideoOutput::setOutputs(const QStringList& outputs) {
+    m_outputs = outputs;
+    rebuildOutputs();
+}
+
+QStringList CompositedVideoOutput::surfaceIds() const {
+    QStringList ids;
+    for (const auto& surface : m_surfaces)
+        ids << surface->id();
+    return ids;
+}
+
+void CompositedVideoOutput::rebuildOutputs() {
+    if (!m_surfacesFor)
+        return;
+    const ScreenList screens = ScreenList::current();
+    QStringList wanted;
+    if (m_showing) {
+        for (const QString& output : m_outputs) {
+            if ((output == QStringLiteral("window") || screens.find(output)) &&
+                !wanted.contains(output))
+                wanted << output;
+        }
+    }
+    std::erase_if(m_surfaces, [&](const std::unique_ptr<OutputSurface>& surface) {
+        return !wanted.contains(surface->id());
+    });
+    const auto draw = [this](QPainter& painter, const QRect& area, const QString& id) {
+        this->draw(painter, area, HostTime::now(), id);
+        return hasPictures();
+    };
+    const QList<QScreen*> qtScreens = ScreenList::qtScreens();
+    for (const QString& id : wanted) {
+        if (std::any_of(m_surfaces.begin(), m_surfaces.end(),
+                        [&](const auto& surface) { return surface->id() == id; }))
+            continue;
+        std::unique_ptr<OutputSurface> surface;
+        if (id == QStringLiteral("window"))
+            surface = OutputSurface::window(*m_surfacesFor, draw);
+        else if (const auto index = screens.find(id); index && *index < qtScreens.size())
+            surface = OutputSurface::display(id, qtScreens[*index], draw);
+        if (!surface)
+            continue;
+        // Closing the window by hand: it is no longer wanted. Queued: the surface is the sender.
+        connect(
+            surface.get(), &OutputSurface::closedByHand, this,
+            [this](const QString& closed) {
+                m_outputs.removeAll(closed);
+                rebuildOutputs();
+            },
+            Qt::QueuedConnection);
+        m_surfaces.push_back(std::move(surface));
+    }
+}
+
+CompositedVideoOutput::Movie* CompositedVideoOutput::movieFor(VideoCue& cue) {
     for (auto& movie : m_movies) {
         if (movie.get() == &cue)
             return movie.get();
@@ -123,7 +209,7 @@ HeadlessVideoOutput::Movie* HeadlessVideoOutput::movieFor(VideoCue& cue) {
     return nullptr;
 }
 
-void HeadlessVideoOutput::stop(VideoCue& cue, double fade) {
+void CompositedVideoOutput::stop(VideoCue& cue, double fade) {
     Movie* movie = movieFor(cue);
     if (!movie || movie->stopping || movie->finished)
         return;
@@ -135,7 +221,7 @@ void HeadlessVideoOutput::stop(VideoCue& cue, double fade) {
         finish(cue);
 }
 
-void HeadlessVideoOutput::stop(ImageCue& cue, double fade) {
+void CompositedVideoOutput::stop(ImageCue& cue, double fade) {
     if (cue.stopping || cue.finished)
         return;
     cue.stopping = true;
@@ -150,26 +236,28 @@ void HeadlessVideoOutput::stop(ImageCue& cue, double fade) {
     }
 }
 
-void HeadlessVideoOutput::finish(VideoCue& cue) {
+void CompositedVideoOutput::finish(VideoCue& cue) {
     if (cue.finished)
         return;
     cue.finished = true;
     remove(cue);
 }
 
-void HeadlessVideoOutput::finish(ImageCue& cue) {
+void CompositedVideoOutput::finish(ImageCue& cue) {
     if (cue.finished)
         return;
     cue.finished = true;
     std::erase_if(m_images, [&](const Image& image) { return image.cue.get() == &cue; });
+    redraw();
 }
 
-void HeadlessVideoOutput::remove(VideoCue& cue) {
+void CompositedVideoOutput::remove(VideoCue& cue) {
     std::erase_if(m_movies,
                   [&](const std::shared_ptr<Movie>& movie) { return movie.get() == &cue; });
+    redraw();
 }
 
-bool HeadlessVideoOutput::seek(VideoCue& cue, double seconds, std::uint64_t hostTime) {
+bool CompositedVideoOutput::seek(VideoCue& cue, double seconds, std::uint64_t hostTime) {
     Movie* movie = movieFor(cue);
     if (!movie || !movie->started || movie->finished)
         return false;
@@ -178,7 +266,7 @@ bool HeadlessVideoOutput::seek(VideoCue& cue, double seconds, std::uint64_t host
     return true;
 }
 
-void HeadlessVideoOutput::poll() {
+void CompositedVideoOutput::poll() {
     const std::uint64_t now = m_clock();
     // Callbacks may start or stop cues: walk a copy.
     const auto movies = m_movies;
@@ -232,8 +320,8 @@ void HeadlessVideoOutput::poll() {
         m_timer.stop();
 }
 
-void HeadlessVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,
-                               const std::optional<QString>& output) {
+void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,
+                                 const std::optional<QString>& output) {
     std::vector<CompositorLayer> layers;
     for (const auto& movie : m_movies) {
         if (movie->finished || !movie->started || !showsOn(movie->outputs, output))

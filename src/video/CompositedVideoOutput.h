@@ -1,26 +1,34 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include <QObject>
+#include <QStringList>
 #include <QTimer>
 
 #include "video/Compositor.h"
 #include "video/MoviePlayer.h"
 #include "video/VideoOutput.h"
 
-// A VideoOutput without surfaces, for headless runs and tests: a movie plays for the duration
-// the loader probed on a host clock, starting 80 ms after it is asked to (as a real player
-// does) and reporting start, end and failure through the same callbacks; pictures are shown and
-// faded by the same rules. Nothing is drawn until someone asks for a picture (draw): then the
-// movies are decoded to the moment asked for and every layer is composited as an output would
-// show it. A file without a picture fails.
+// The video output: movies and pictures as layers by depth, with their fades, composited for
+// every place they are shown — the output surfaces (the movable window, whole displays), the
+// monitor view, and the pictures of a render. A movie plays for the duration the loader probed
+// on a host clock, starting 80 ms after it is asked to (as a real player does), and reports
+// start, end and failure through the callbacks; its pictures are decoded to the moment a
+// surface draws. A file without a picture fails.
+//
+// Surfaces exist only in the application (enableSurfaces); headless runs and tests have none and
+// draw on request. The wanted outputs ("window" or display labels) survive a display that is
+// unplugged and come back with it.
 //
 // The clock is the monotonic host clock and a timer polls it, or, for offline renders, a
 // simulated clock that the caller advances and polls itself. Main thread.
-class HeadlessVideoOutput : public QObject, public VideoOutput {
+class OutputSurface;
+
+class CompositedVideoOutput : public QObject, public VideoOutput {
     Q_OBJECT
 public:
     using Clock = std::function<std::uint64_t()>;
@@ -28,8 +36,9 @@ public:
     // With autoPoll a 10 ms timer calls poll() while cues are up; otherwise the owner does, on a
     // simulated clock, and a picture drawn waits for its movies to be decoded to it (a render's
     // pictures must not depend on how fast the machine decodes).
-    explicit HeadlessVideoOutput(Clock clock = {}, bool autoPoll = true, QObject* parent = nullptr);
-    ~HeadlessVideoOutput() override;
+    explicit CompositedVideoOutput(Clock clock = {}, bool autoPoll = true,
+                                   QObject* parent = nullptr);
+    ~CompositedVideoOutput() override;
 
     std::shared_ptr<VideoCue> play(MovieStart start) override;
     std::shared_ptr<ImageCue> showImage(std::function<QImage()> load, double fadeIn, double z,
@@ -39,8 +48,15 @@ public:
     void finish(VideoCue& cue) override;
     void finish(ImageCue& cue) override;
     bool seek(VideoCue& cue, double seconds, std::uint64_t hostTime) override;
-    void show() override { m_showing = true; }
+    void show() override;
+    void hide() override;
     bool isShowing() const override { return m_showing; }
+    const QStringList& outputs() const override { return m_outputs; }
+    void setOutputs(const QStringList& outputs) override;
+    // From now on show() opens surfaces; `instanceNumber` names the window.
+    void enableSurfaces(int instanceNumber);
+    // The surfaces open now, in the order of the outputs.
+    QStringList surfaceIds() const;
 
     // Runs what is due at the clock's present: starts, ends, finished fades, callbacks.
     void poll();
@@ -66,8 +82,12 @@ private:
         double fadeOut = 0.0;
     };
 
-    // Polls by the timer from now on, when it polls itself.
+    // Polls by the timer from now on, when it polls itself; surfaces draw again.
     void watch();
+    // The surfaces draw again at their next refresh.
+    void redraw();
+    // Makes the surfaces match the wanted outputs and the displays attached now.
+    void rebuildOutputs();
     Movie* movieFor(VideoCue& cue);
     void remove(VideoCue& cue);
 
@@ -79,4 +99,7 @@ private:
     std::vector<Image> m_images;
     CompositorLook m_look;
     MoviePlayer::Wait m_wait;
+    QStringList m_outputs;
+    std::optional<int> m_surfacesFor; // the instance number, once surfaces are enabled
+    std::vector<std::unique_ptr<OutputSurface>> m_surfaces;
 };

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+
+#include <QOpenGLWindow>
+#include <QString>
+
+class QScreen;
+
+// One place pictures are shown: the movable window ("映像出力 #n") or a whole display. It draws
+// the composited scene of its output with OpenGL at the display's refresh while pictures move,
+// and once when they stop. A display surface has no frame, covers exactly its display, stays
+// above every other window on every desktop, never takes the keyboard (key presses stay with
+// the main window) and is not hidden when another program is in front. Main thread.
+class OutputSurface : public QOpenGLWindow {
+    Q_OBJECT
+public:
+    // Paints what output `id` shows into the area; returns whether pictures are up (then the
+    // next refresh is drawn too).
+    using Draw = std::function<bool(QPainter& painter, const QRect& area, const QString& id)>;
+
+    // The movable window, its frame remembered per instance.
+    static std::unique_ptr<OutputSurface> window(int instanceNumber, Draw draw);
+    // A display, covered whole.
+    static std::unique_ptr<OutputSurface> display(const QString& id, QScreen* screen, Draw draw);
+    ~OutputSurface() override;
+
+    const QString& id() const { return m_id; }
+    // The pictures changed: draw again at the next refresh.
+    void wake() { update(); }
+
+signals:
+    // The operator closed the window (the output is no longer wanted).
+    void closedByHand(const QString& id);
+
+protected:
+    void paintGL() override;
+    bool event(QEvent* event) override;
+
+private:
+    OutputSurface(QString id, Draw draw);
+    void rememberFrame();
+
+    QString m_id;
+    Draw m_draw;
+    int m_instance = 0; // the window's, for its remembered frame
+};
