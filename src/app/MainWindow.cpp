@@ -29,6 +29,7 @@
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/KeyboardLayout.h"
+#include "video/ScreenList.h"
 
 MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     : QMainWindow(parent), m_model(model), m_instance(instanceNumber), m_dialogs(this) {
@@ -329,6 +330,65 @@ void MainWindow::buildMenu() {
             item->setEnabled(entry.run != nullptr);
             if (entry.run)
                 connect(item, &QAction::triggered, this, entry.run);
+            // Where the pictures go, right under the entry that opens them.
+            if (entry.text == QStringLiteral("映像出力を開く／閉じる")) {
+                QMenu* outputs = menu->addMenu(QStringLiteral("映像の出力先"));
+                connect(outputs, &QMenu::aboutToShow, this,
+                        [this, outputs] { fillOutputMenu(*outputs); });
+            }
         }
     }
+}
+
+void MainWindow::fillOutputMenu(QMenu& menu) {
+    menu.clear();
+    VideoOutput& video = m_model.video();
+    const ScreenList screens = ScreenList::current();
+    const QStringList wanted = video.outputs();
+    // A display is wanted when a wanted label finds it.
+    auto isWanted = [&](int index) {
+        return std::any_of(wanted.begin(), wanted.end(),
+                           [&](const QString& name) { return screens.find(name) == index; });
+    };
+    auto add = [&](const QString& text, const QString& name, bool on) {
+        QAction* item = menu.addAction(text);
+        item->setCheckable(true);
+        item->setChecked(on);
+        connect(item, &QAction::triggered, this,
+                [this, name](bool checked) { setOutput(name, checked); });
+    };
+    add(QStringLiteral("ウィンドウ"), QStringLiteral("window"),
+        wanted.contains(QStringLiteral("window")));
+    const QStringList labels = screens.labels();
+    const auto control = ScreenList::qtScreens().indexOf(screen());
+    for (int i = 0; i < labels.size(); ++i)
+        add(labels[i] + (i == control ? QStringLiteral("　※操作画面") : QString()), labels[i],
+            isWanted(i));
+    for (const QString& gone : screens.missing(wanted)) {
+        QAction* item = menu.addAction(
+            gone + QStringLiteral("（いまつながっていません。つなぐと自動で出ます）"));
+        item->setEnabled(false);
+    }
+}
+
+void MainWindow::setOutput(const QString& name, bool on) {
+    VideoOutput& video = m_model.video();
+    QStringList outputs = video.outputs();
+    const ScreenList screens = ScreenList::current();
+    if (on) {
+        if (!outputs.contains(name))
+            outputs << name;
+    } else {
+        // Every entry that means this output, whatever label it was stored under.
+        const auto index = screens.find(name);
+        outputs.removeIf([&](const QString& entry) {
+            return entry == name ||
+                   (index && name != QStringLiteral("window") && screens.find(entry) == index);
+        });
+    }
+    m_model.setVideoOutputs(outputs);
+    m_model.markDirty();
+    if (on && !video.isShowing())
+        video.show();
+    activateWindow();
 }

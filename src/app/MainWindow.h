@@ -16,6 +16,7 @@ class KeyboardView;
 class MeterPanel;
 class OutputBar;
 class PageListPanel;
+class QMenu;
 class QTableWidget;
 
 // The operator's window: master volume, output device and stop-all on top; the page list (shown
@@ -60,6 +61,10 @@ protected:
 private:
     // 再生 › 映像出力を開く／閉じる.
     void toggleVideoOutput();
+    // 再生 › 映像の出力先: the window and every display, the control display marked, the wanted
+    // displays not attached listed as such.
+    void fillOutputMenu(QMenu& menu);
+    void setOutput(const QString& name, bool on);
     void buildMenu();
     void openDocument();
     void showError(const QString& message);

@@ -5,6 +5,7 @@
 #include <QElapsedTimer>
 #include <QKeyEvent>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QPushButton>
@@ -20,6 +21,7 @@
 #include "cue/AppModel.h"
 #include "media/AudioLoader.h"
 #include "model/Prefs.h"
+#include "video/ScreenList.h"
 
 namespace {
 
@@ -308,6 +310,39 @@ TEST_F(Window, AMoviePlaysInTheMonitorView) {
     wait(400);
     EXPECT_GT(greyAt(160), first); // later pictures are lighter
     EXPECT_EQ(greyAt(20), 0);      // the bar beside a fitted 4:3 picture
+}
+
+// 再生 › 映像の出力先 lists the window and every display (the main window's marked), chooses
+// them, and names a wanted display that is not attached.
+TEST_F(Window, TheOutputMenuListsTheWindowAndTheDisplays) {
+    QMenu* menu = nullptr;
+    for (QMenu* candidate : window->findChildren<QMenu*>())
+        if (candidate->title() == QStringLiteral("映像の出力先"))
+            menu = candidate;
+    ASSERT_NE(menu, nullptr);
+    auto entries = [&] {
+        emit menu->aboutToShow();
+        QStringList texts;
+        for (QAction* action : menu->actions())
+            texts << action->text();
+        return texts;
+    };
+    const QString display = ScreenList::current().labels().value(0);
+    ASSERT_FALSE(display.isEmpty());
+    EXPECT_EQ(entries(), QStringList({"ウィンドウ", display + "　※操作画面"}));
+    menu->actions().at(1)->trigger();
+    EXPECT_EQ(model.videoOutputs(), QStringList{display});
+    EXPECT_TRUE(model.video().isShowing());
+    EXPECT_TRUE(menu->actions().at(1)->isChecked());
+
+    model.setVideoOutputs({"window", "2: Projector（1024×768）"});
+    const QStringList listed = entries();
+    ASSERT_EQ(listed.size(), 3);
+    EXPECT_EQ(listed[2],
+              "2: Projector（1024×768）（いまつながっていません。つなぐと自動で出ます）");
+    EXPECT_FALSE(menu->actions().at(2)->isEnabled());
+    menu->actions().at(0)->trigger(); // the window off
+    EXPECT_EQ(model.videoOutputs(), QStringList{"2: Projector（1024×768）"});
 }
 
 } // namespace
