@@ -124,6 +124,16 @@ double MediaFile::duration() const {
     return longest;
 }
 
+int MediaFile::rotation(int index) const {
+    const std::int32_t* m = displayMatrix(m_context->streams[index]);
+    if (!m)
+        return 0;
+    // The matrix turns the picture counter-clockwise by this much; upright is the other way.
+    const double turn = -av_display_rotation_get(m);
+    const int quarter = static_cast<int>(std::lround(turn / 90.0));
+    return ((quarter % 4) + 4) % 4 * 90;
+}
+
 void MediaFile::videoSize(int index, double& width, double& height) const {
     const AVStream* stream = m_context->streams[index];
     double w = stream->codecpar->width;

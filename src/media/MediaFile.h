@@ -41,6 +41,9 @@ public:
     // Seconds; 0 when the file does not say.
     double duration() const;
 
+    // How far a video stream's pictures must be turned clockwise to stand upright (0, 90, 180
+    // or 270 degrees), as a phone that filmed on its side records it.
+    int rotation(int index) const;
     // Display size of a video stream: display matrix and pixel aspect applied, signs dropped.
     void videoSize(int index, double& width, double& height) const;
 

@@ -40,6 +40,7 @@ MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* can
         avcodec_open2(m_codec, codec, nullptr) < 0 || m_codec->width <= 0 || m_codec->height <= 0)
         throw LoadError::failed(kNoPicture);
     m_timeBase = av_q2d(stream->time_base);
+    m_rotation = m_file->rotation(m_stream);
     if (stream->start_time != AV_NOPTS_VALUE)
         m_startTime = static_cast<double>(stream->start_time) * m_timeBase;
 }
@@ -159,6 +160,7 @@ std::optional<MovieFrame> MovieDecoder::convert(const AVFrame* frame) {
     picture.time = timeOf(frame);
     picture.width = frame->width;
     picture.height = frame->height;
+    picture.rotation = m_rotation;
     m_scaler = sws_getCachedContext(
         m_scaler, frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
         frame->width, frame->height, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr, nullptr, nullptr);

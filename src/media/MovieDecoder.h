@@ -19,6 +19,7 @@ struct MovieFrame {
     int width = 0;
     int height = 0;
     std::vector<std::uint8_t> rgba;
+    int rotation = 0; // degrees clockwise to stand it upright (the file's display matrix)
 };
 
 // Decodes the pictures of a file's first moving-picture stream in presentation order, converted
@@ -62,6 +63,7 @@ private:
     int m_stream = -1;
     double m_timeBase = 0.0;
     double m_startTime = 0.0;
+    int m_rotation = 0;
     AVCodecContext* m_codec = nullptr;
     AVPacket* m_packet = nullptr;
     AVFrame* m_frame = nullptr;

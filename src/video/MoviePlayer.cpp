@@ -1,15 +1,18 @@
 #include "video/MoviePlayer.h"
 
+#include <QTransform>
+
 #include "media/LoadError.h"
 
 namespace {
 
-// The decoded pixels as a QImage that owns them.
+// The decoded pixels as a QImage that owns them, turned upright.
 QImage imageOf(MovieFrame&& frame) {
     auto* pixels = new std::vector<std::uint8_t>(std::move(frame.rgba));
-    return QImage(
+    QImage image(
         pixels->data(), frame.width, frame.height, frame.width * 4, QImage::Format_RGBA8888,
         [](void* owned) { delete static_cast<std::vector<std::uint8_t>*>(owned); }, pixels);
+    return frame.rotation ? image.transformed(QTransform().rotate(frame.rotation)) : image;
 }
 
 // Further ahead of the queue than this, seeking costs less than decoding every picture between.

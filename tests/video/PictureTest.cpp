@@ -51,6 +51,14 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
     EXPECT_TRUE(settled(2.8));  // far ahead: a seek (picture 70 shows grey of 70 mod 27)
     EXPECT_FALSE(player.failed());
 
+    // A movie filmed on its side stands upright.
+    const MediaFixtures::Video turned{160, 120, 90.0, 1.0};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("turned.mp4"), "aac", {}, &turned));
+    MoviePlayer upright(dir.file("turned.mp4"), MoviePlayer::Wait::forPicture);
+    const QImage* picture = upright.frameAt(0.5);
+    ASSERT_NE(picture, nullptr);
+    EXPECT_EQ(picture->size(), QSize(120, 160));
+
     MoviePlayer missing(dir.file("nothing.mkv"), MoviePlayer::Wait::forPicture);
     EXPECT_EQ(missing.frameAt(0.5), nullptr);
     EXPECT_TRUE(missing.failed());
