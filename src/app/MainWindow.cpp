@@ -25,6 +25,7 @@
 #include "app/MonitorView.h"
 #include "app/OutputBar.h"
 #include "app/PageListPanel.h"
+#include "app/ScreenIdentifier.h"
 #include "app/SettingsWindow.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
@@ -335,6 +336,8 @@ void MainWindow::buildMenu() {
                 QMenu* outputs = menu->addMenu(QStringLiteral("映像の出力先"));
                 connect(outputs, &QMenu::aboutToShow, this,
                         [this, outputs] { fillOutputMenu(*outputs); });
+                connect(menu->addAction(QStringLiteral("画面を識別（番号を表示）")),
+                        &QAction::triggered, this, [] { ScreenIdentifier::show(); });
             }
         }
     }

@@ -18,6 +18,7 @@
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
 #include "app/MonitorView.h"
+#include "app/ScreenIdentifier.h"
 #include "cue/AppModel.h"
 #include "media/AudioLoader.h"
 #include "model/Prefs.h"
@@ -343,6 +344,24 @@ TEST_F(Window, TheOutputMenuListsTheWindowAndTheDisplays) {
     EXPECT_FALSE(menu->actions().at(2)->isEnabled());
     menu->actions().at(0)->trigger(); // the window off
     EXPECT_EQ(model.videoOutputs(), QStringList{"2: Projector（1024×768）"});
+
+    // Identifying the displays: a number on each for 2.5 s.
+    for (QAction* action : window->findChildren<QAction*>())
+        if (action->text() == QStringLiteral("画面を識別（番号を表示）"))
+            action->trigger();
+    auto numbers = [] {
+        int shown = 0;
+        for (QWidget* top : QApplication::topLevelWidgets())
+            if (auto* number = top->findChild<QLabel*>("number"); number && top->isVisible())
+                shown += number->text() == "1";
+        return shown;
+    };
+    EXPECT_EQ(numbers(), 1);
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ScreenIdentifier::kShownMilliseconds + 300)
+        QApplication::processEvents(QEventLoop::AllEvents, 20);
+    EXPECT_EQ(numbers(), 0);
 }
 
 } // namespace
