@@ -78,8 +78,15 @@ public:
 
     // The show as a file (see ShowSession).
     void save(const QString& path) { m_session.save(path); }
-    void open(const QString& path) { m_session.open(path); }
-    void newDocument() { m_session.newDocument(); }
+    // Another show lets the players made ahead for this one go.
+    void open(const QString& path) {
+        m_session.open(path);
+        m_video->resetPrepared();
+    }
+    void newDocument() {
+        m_session.newDocument();
+        m_video->resetPrepared();
+    }
     void restoreLastDocument() { m_session.restoreLastDocument(); }
     void markDirty() { m_session.markDirty(); }
     bool isDirty() const { return m_session.isDirty(); }

@@ -92,9 +92,28 @@ std::shared_ptr<VideoCue> CompositedVideoOutput::play(MovieStart start) {
     movie->onEnd = std::move(start.onEnd);
     movie->onStart = std::move(start.onStart);
     movie->onFail = std::move(start.onFail);
+    // A player made ahead has its first pictures decoded: this start shows at once, and the
+    // next start of the file gets the next one.
+    if (auto ready = m_prepared.find(start.path); ready != m_prepared.end() && !movie->failed) {
+        movie->player = std::move(ready->second);
+        m_prepared.erase(ready);
+    }
+    if (!movie->failed)
+        prepare(start.path);
     m_movies.push_back(movie);
     watch();
     return movie;
+}
+
+void CompositedVideoOutput::prepare(const QString& path) {
+    const auto found = m_prepared.find(path);
+    if (found != m_prepared.end() && !found->second->failed())
+        return;
+    m_prepared[path] = std::make_unique<MoviePlayer>(path.toStdString(), m_wait);
+}
+
+void CompositedVideoOutput::resetPrepared() {
+    m_prepared.clear();
 }
 
 std::shared_ptr<ImageCue> CompositedVideoOutput::showImage(std::function<QImage()> load,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -48,6 +49,9 @@ public:
     void finish(VideoCue& cue) override;
     void finish(ImageCue& cue) override;
     bool seek(VideoCue& cue, double seconds, std::uint64_t hostTime) override;
+    void prepare(const QString& path) override;
+    void resetPrepared() override;
+    std::size_t preparedCount() const { return m_prepared.size(); }
     void show() override;
     void hide() override;
     bool isShowing() const override { return m_showing; }
@@ -99,6 +103,7 @@ private:
     std::vector<Image> m_images;
     CompositorLook m_look;
     MoviePlayer::Wait m_wait;
+    std::map<QString, std::unique_ptr<MoviePlayer>> m_prepared; // by path
     QStringList m_outputs;
     std::optional<int> m_surfacesFor; // the instance number, once surfaces are enabled
     std::vector<std::unique_ptr<OutputSurface>> m_surfaces;

@@ -40,7 +40,8 @@ public:
 private:
     void decode();
 
-    static constexpr std::size_t kQueued = 6;
+    // Enough to ride out a slow picture; each is width × height × 4 bytes (8 MB at 1080p).
+    static constexpr std::size_t kQueued = 4;
 
     const std::string m_path;
     const Wait m_wait;

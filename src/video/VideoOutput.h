@@ -38,6 +38,10 @@ public:
     virtual void finish(ImageCue& cue) = 0;
     // Plays on from `seconds` at `hostTime`; false when the movie is not ready for it.
     virtual bool seek(VideoCue& cue, double seconds, std::uint64_t hostTime) = 0;
+    // Makes a player for the file ahead of time, so that its next start is instant; play() does
+    // it for the file it starts. resetPrepared() lets them all go (another show).
+    virtual void prepare(const QString& path) = 0;
+    virtual void resetPrepared() = 0;
     // Opens the outputs (just the movable window when none is wanted); hide() closes them.
     // Cues go on while they are closed, seen in the monitor view.
     virtual void show() = 0;

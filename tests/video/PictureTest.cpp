@@ -7,6 +7,8 @@
 
 #include "MediaFixtures.h"
 #include "TempDir.h"
+#include "audio/HostTime.h"
+#include "video/CompositedVideoOutput.h"
 #include "video/Compositor.h"
 #include "video/MoviePlayer.h"
 
@@ -62,6 +64,33 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
     MoviePlayer missing(dir.file("nothing.mkv"), MoviePlayer::Wait::forPicture);
     EXPECT_EQ(missing.frameAt(0.5), nullptr);
     EXPECT_TRUE(missing.failed());
+}
+
+// A second start of a file takes the player made ahead at the first: its first pictures are
+// decoded already, so the picture is there the moment it is due.
+TEST(VideoOutput, ASecondStartOfAFileShowsAtOnceFromAPreparedPlayer) {
+    TempDir dir;
+    const MediaFixtures::Video video{160, 120, 0.0, 1.0};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mp4"), "aac", {}, &video));
+    CompositedVideoOutput output;
+    MovieStart start;
+    start.path = QString::fromStdString(dir.file("movie.mp4"));
+    start.duration = 1.0;
+    output.finish(*output.play(start));
+    EXPECT_EQ(output.preparedCount(), 1u);
+    std::this_thread::sleep_for(300ms);
+
+    const auto cue = output.play(start);
+    EXPECT_EQ(output.preparedCount(), 1u); // taken, and another made for the next start
+    output.poll();                         // started 80 ms from now
+    ASSERT_TRUE(cue->started);
+    QImage target(160, 120, QImage::Format_RGB32);
+    QPainter painter(&target);
+    output.draw(painter, target.rect(), HostTime::now() + HostTime::secondsToTicks(0.2));
+    painter.end();
+    EXPECT_NEAR(qGray(target.pixel(80, 60)), greyOf(3), 4.0);
+    output.resetPrepared();
+    EXPECT_EQ(output.preparedCount(), 0u);
 }
 
 TEST(Compositor, FitFillAndStretchPlaceA4To3PictureInA16To9Output) {
