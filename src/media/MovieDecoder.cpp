@@ -18,8 +18,12 @@ constexpr int kErrorsInARow = 50;
 
 } // namespace
 
-MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* cancel)
-    : m_file(std::make_unique<MediaFile>(path, cancel)), m_cancel(cancel) {
+MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* cancel,
+                           Allocate allocate)
+    : m_file(std::make_unique<MediaFile>(path, cancel)), m_cancel(cancel),
+      m_allocate(allocate ? std::move(allocate) : [](std::size_t bytes) {
+          return std::shared_ptr<std::uint8_t[]>(new std::uint8_t[bytes]);
+      }) {
     m_stream = m_file->videoStream();
     if (m_stream < 0)
         throw LoadError::failed(kNoPicture);
@@ -163,13 +167,13 @@ std::optional<MovieFrame> MovieDecoder::convert(const AVFrame* frame) {
     picture.rotation = m_rotation;
     m_scaler = sws_getCachedContext(
         m_scaler, frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-        frame->width, frame->height, AV_PIX_FMT_RGBA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+        frame->width, frame->height, AV_PIX_FMT_RGBA, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
     if (!m_scaler) {
         m_failed = true;
         return std::nullopt;
     }
-    picture.rgba.resize(static_cast<std::size_t>(frame->width) * frame->height * 4);
-    std::uint8_t* planes[4] = {picture.rgba.data(), nullptr, nullptr, nullptr};
+    picture.rgba = m_allocate(static_cast<std::size_t>(frame->width) * frame->height * 4);
+    std::uint8_t* planes[4] = {picture.rgba.get(), nullptr, nullptr, nullptr};
     const int strides[4] = {frame->width * 4, 0, 0, 0};
     sws_scale(m_scaler, frame->data, frame->linesize, 0, frame->height, planes, strides);
     return picture;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,7 +19,7 @@ struct MovieFrame {
     double time = 0.0; // seconds from the movie's start
     int width = 0;
     int height = 0;
-    std::vector<std::uint8_t> rgba;
+    std::shared_ptr<std::uint8_t[]> rgba;
     int rotation = 0; // degrees clockwise to stand it upright (the file's display matrix)
 };
 
@@ -29,9 +30,14 @@ struct MovieFrame {
 // Threading: one thread at a time, any thread; the cancel flag may be set from another thread.
 class MovieDecoder {
 public:
+    // Where a picture's pixels go (`bytes` long, contents undefined). A player hands out buffers
+    // it recycles: a fresh 8 MB block per 1080p picture would be zeroed and faulted in anew.
+    using Allocate = std::function<std::shared_ptr<std::uint8_t[]>(std::size_t bytes)>;
+
     // Throws LoadError: the file's own errors (see MediaFile), or kNoPicture when it has no
-    // moving picture a decoder takes.
-    explicit MovieDecoder(const std::string& path, const std::atomic<bool>* cancel = nullptr);
+    // moving picture a decoder takes. Without `allocate`, every picture gets a new buffer.
+    explicit MovieDecoder(const std::string& path, const std::atomic<bool>* cancel = nullptr,
+                          Allocate allocate = {});
     ~MovieDecoder();
 
     MovieDecoder(const MovieDecoder&) = delete;
@@ -60,6 +66,7 @@ private:
 
     std::unique_ptr<MediaFile> m_file;
     const std::atomic<bool>* m_cancel = nullptr;
+    Allocate m_allocate;
     int m_stream = -1;
     double m_timeBase = 0.0;
     double m_startTime = 0.0;

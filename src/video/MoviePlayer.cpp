@@ -6,14 +6,55 @@
 
 namespace {
 
-// The decoded pixels as a QImage that owns them, turned upright.
+// The decoded pixels as a QImage that holds them, turned upright.
 QImage imageOf(MovieFrame&& frame) {
-    auto* pixels = new std::vector<std::uint8_t>(std::move(frame.rgba));
+    auto* pixels = new std::shared_ptr<std::uint8_t[]>(std::move(frame.rgba));
     QImage image(
-        pixels->data(), frame.width, frame.height, frame.width * 4, QImage::Format_RGBA8888,
-        [](void* owned) { delete static_cast<std::vector<std::uint8_t>*>(owned); }, pixels);
+        pixels->get(), frame.width, frame.height, frame.width * 4, QImage::Format_RGBA8888,
+        [](void* held) { delete static_cast<std::shared_ptr<std::uint8_t[]>*>(held); }, pixels);
     return frame.rotation ? image.transformed(QTransform().rotate(frame.rotation)) : image;
 }
+
+} // namespace
+
+// Picture buffers of one size, handed back when the last QImage holding one goes (on whatever
+// thread that is).
+struct MoviePlayer::Buffers {
+    std::mutex mutex;
+    std::size_t bytes = 0;
+    std::vector<std::unique_ptr<std::uint8_t[]>> free;
+
+    static std::shared_ptr<std::uint8_t[]> take(const std::shared_ptr<Buffers>& self,
+                                                std::size_t bytes) {
+        std::unique_ptr<std::uint8_t[]> buffer;
+        {
+            std::lock_guard lock(self->mutex);
+            if (self->bytes != bytes) {
+                self->free.clear();
+                self->bytes = bytes;
+            }
+            if (!self->free.empty()) {
+                buffer = std::move(self->free.back());
+                self->free.pop_back();
+            }
+        }
+        if (!buffer)
+            buffer.reset(new std::uint8_t[bytes]); // not zeroed: every byte is written
+        std::weak_ptr<Buffers> pool = self;
+        return std::shared_ptr<std::uint8_t[]>(buffer.release(), [pool, bytes](std::uint8_t* p) {
+            std::unique_ptr<std::uint8_t[]> back(p);
+            if (const auto buffers = pool.lock()) {
+                std::lock_guard lock(buffers->mutex);
+                if (buffers->bytes == bytes && buffers->free.size() < kKept)
+                    buffers->free.push_back(std::move(back));
+            }
+        });
+    }
+
+    static constexpr std::size_t kKept = 4;
+};
+
+namespace {
 
 // Further ahead of the queue than this, seeking costs less than decoding every picture between.
 constexpr double kSeekAhead = 2.0;
@@ -23,7 +64,8 @@ constexpr double kSlack = 1e-6;
 } // namespace
 
 MoviePlayer::MoviePlayer(std::string path, Wait wait)
-    : m_path(std::move(path)), m_wait(wait), m_thread([this] { decode(); }) {}
+    : m_path(std::move(path)), m_wait(wait), m_buffers(std::make_shared<Buffers>()),
+      m_thread([this] { decode(); }) {}
 
 MoviePlayer::~MoviePlayer() {
     {
@@ -43,7 +85,9 @@ bool MoviePlayer::failed() const {
 void MoviePlayer::decode() {
     std::unique_ptr<MovieDecoder> decoder;
     try {
-        decoder = std::make_unique<MovieDecoder>(m_path, &m_cancel);
+        decoder = std::make_unique<MovieDecoder>(
+            m_path, &m_cancel,
+            [buffers = m_buffers](std::size_t bytes) { return Buffers::take(buffers, bytes); });
     } catch (const LoadError&) {
         std::lock_guard lock(m_mutex);
         m_failed = true;

@@ -39,6 +39,7 @@ public:
 
 private:
     void decode();
+    struct Buffers;
 
     // Enough to ride out a slow picture; each is width × height × 4 bytes (8 MB at 1080p).
     static constexpr std::size_t kQueued = 4;
@@ -57,7 +58,8 @@ private:
     bool m_failed = false;
     bool m_quit = false;
     std::atomic<bool> m_cancel{false};
-    std::thread m_thread;
+    std::shared_ptr<Buffers> m_buffers;
+    std::thread m_thread; // started in the constructor: it uses only the members above
 
     // The drawing thread's.
     double m_shownTime = -1.0;
