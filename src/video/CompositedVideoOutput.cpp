@@ -151,6 +151,15 @@ void CompositedVideoOutput::enableSurfaces(int instanceNumber) {
                         &QGuiApplication::primaryScreenChanged})
         connect(
             qGuiApp, signal, this, [this] { rebuildOutputs(); }, Qt::QueuedConnection);
+    // A display changing its resolution: its surface covers it again.
+    auto follow = [this](QScreen* screen) {
+        connect(
+            screen, &QScreen::geometryChanged, this, [this] { rebuildOutputs(); },
+            Qt::QueuedConnection);
+    };
+    for (QScreen* screen : QGuiApplication::screens())
+        follow(screen);
+    connect(qGuiApp, &QGuiApplication::screenAdded, this, follow);
 }
 
 void CompositedVideoOutput::show() {
@@ -197,6 +206,11 @@ void CompositedVideoOutput::rebuildOutputs() {
         return hasPictures();
     };
     const QList<QScreen*> qtScreens = ScreenList::qtScreens();
+    for (const auto& surface : m_surfaces) {
+        if (const auto index = screens.find(surface->id());
+            surface->id() != QStringLiteral("window") && index && *index < qtScreens.size())
+            surface->cover(qtScreens[*index]);
+    }
     for (const QString& id : wanted) {
         if (std::any_of(m_surfaces.begin(), m_surfaces.end(),
                         [&](const auto& surface) { return surface->id() == id; }))

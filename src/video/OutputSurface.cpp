@@ -36,11 +36,17 @@ std::unique_ptr<OutputSurface> OutputSurface::display(const QString& id, QScreen
     // is stacked over all others and belongs to no desktop; it never takes the keyboard.
     surface->setFlags(Qt::Window | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
                       Qt::WindowDoesNotAcceptFocus | Qt::BypassWindowManagerHint);
-    surface->setScreen(screen);
-    surface->setGeometry(screen->geometry());
+    surface->cover(screen);
     surface->show();
     surface->raise();
     return surface;
+}
+
+void OutputSurface::cover(QScreen* screen) {
+    if (this->screen() != screen)
+        setScreen(screen);
+    if (geometry() != screen->geometry())
+        setGeometry(screen->geometry());
 }
 
 OutputSurface::~OutputSurface() {

@@ -26,6 +26,8 @@ public:
     ~OutputSurface() override;
 
     const QString& id() const { return m_id; }
+    // A display surface: exactly that display's area (again after a change of resolution).
+    void cover(QScreen* screen);
     // The pictures changed: draw again at the next refresh.
     void wake() { update(); }
 
