@@ -91,8 +91,10 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
 
 void OutputBar::listDevices() {
     QPointer<OutputBar> self(this);
-    QThreadPool::globalInstance()->start([self] {
-        auto devices = AudioDeviceList::outputDevices();
+    // JACK's devices as the model's watch sees them: a listing client of our own would be
+    // announced to every client of the server.
+    QThreadPool::globalInstance()->start([self, jack = m_model.jackDevices()] {
+        auto devices = AudioDeviceList::outputDevices(jack);
         // Delivered on the main thread, where `self` is checked: the bar may be gone by then.
         QMetaObject::invokeMethod(qApp, [self, devices = std::move(devices)]() mutable {
             if (self)

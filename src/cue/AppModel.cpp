@@ -151,7 +151,7 @@ void AppModel::lookForWantedDevice() {
     // Opening a device may take a moment (a JACK server answering): never on this thread.
     m_probing = true;
     QPointer<AppModel> self(this);
-    const auto jackDevices = m_watch ? m_watch->jackDevices() : std::nullopt;
+    const auto jackDevices = this->jackDevices();
     QThreadPool::globalInstance()->start([self, wanted = wantedDevice(), jackDevices] {
         const bool back = AudioEngine::canOpen(wanted, jackDevices);
         QMetaObject::invokeMethod(QCoreApplication::instance(), [self, wanted, back] {

@@ -56,6 +56,10 @@ public:
     // null device), the wanted device is looked for every second off
     // the main thread, and the engine returns to it by itself when it is back.
     void restartAudio();
+    // The JACK devices the device watch sees (none before start() or without a server).
+    std::optional<std::vector<AudioOutputDevice>> jackDevices() const {
+        return m_watch ? m_watch->jackDevices() : std::nullopt;
+    }
     // Whether the engine plays elsewhere than the operator wants (see restartAudio).
     bool isOnFallback() const;
     // The chosen device (none: the system default); choosing restarts the audio.

@@ -61,15 +61,12 @@ private:
             m_client = nullptr; // its threads ended with the server
         if (!m_client)
             connect();
-        std::optional<std::vector<std::string>> seen;
+        std::optional<std::vector<AudioOutputDevice>> seen;
         if (m_client) {
-            std::vector<AudioOutputDevice> jack;
-            JackBackend::addDevices(jack, m_client);
             seen.emplace();
-            for (const auto& device : jack) {
+            JackBackend::addDevices(*seen, m_client);
+            for (const auto& device : *seen)
                 text += device.uid + ":" + std::to_string(device.channels) + "\n";
-                seen->push_back(device.uid);
-            }
         }
         std::lock_guard lock(m_mutex);
         m_jackDevices = std::move(seen);
@@ -77,7 +74,7 @@ private:
     }
 
 public:
-    std::optional<std::vector<std::string>> jackDevices() const override {
+    std::optional<std::vector<AudioOutputDevice>> jackDevices() const override {
         std::lock_guard lock(m_mutex);
         return m_jackDevices;
     }
@@ -137,7 +134,7 @@ private:
     jack_client_t* m_client = nullptr; // the watch thread's
     std::atomic<bool> m_serverGone{false};
     mutable std::mutex m_mutex;
-    std::optional<std::vector<std::string>> m_jackDevices; // under m_mutex
+    std::optional<std::vector<AudioOutputDevice>> m_jackDevices; // under m_mutex
     std::condition_variable m_wake;
     bool m_quit = false;
     bool m_poked = false;
@@ -148,11 +145,15 @@ private:
 
 namespace AudioDeviceList {
 
-std::vector<AudioOutputDevice> outputDevices() {
+std::vector<AudioOutputDevice>
+outputDevices(const std::optional<std::vector<AudioOutputDevice>>& jackDevices) {
     std::vector<AudioOutputDevice> devices;
     for (const BackendKind& kind : BackendKind::all()) {
         const std::size_t first = devices.size();
-        kind.list(devices);
+        if (jackDevices && kind.prefix == "jack:")
+            devices.insert(devices.end(), jackDevices->begin(), jackDevices->end());
+        else
+            kind.list(devices);
         for (std::size_t i = first; i < devices.size(); ++i) {
             devices[i].uid = std::string(kind.prefix) + devices[i].uid;
             devices[i].name = std::string(kind.label) + devices[i].name;

@@ -14,7 +14,10 @@
 // thread where a list is refreshed often.
 namespace AudioDeviceList {
 
-std::vector<AudioOutputDevice> outputDevices();
+// With `jackDevices` (what a device watch's client sees) the JACK devices are taken from there
+// instead of from a client opened for the listing, which every client of the server would hear of.
+std::vector<AudioOutputDevice>
+outputDevices(const std::optional<std::vector<AudioOutputDevice>>& jackDevices = std::nullopt);
 
 // Watches for devices coming and going (sound cards plugged, JACK servers and hardware
 // ports appearing) and calls `changed` from a watcher thread. Watching ends when the returned
@@ -22,10 +25,10 @@ std::vector<AudioOutputDevice> outputDevices();
 class Watch {
 public:
     virtual ~Watch() = default;
-    // The JACK devices the watch's own client saw at its last look, or none while it has no
-    // server. Lets a caller tell whether a JACK device is there without opening a client of
-    // its own. Any thread.
-    virtual std::optional<std::vector<std::string>> jackDevices() const = 0;
+    // The JACK devices (uid and name: the client's name) the watch's own client saw at its last
+    // look, or none while it has no server. Lets a caller list them, or tell whether one is
+    // there, without opening a client of its own. Any thread.
+    virtual std::optional<std::vector<AudioOutputDevice>> jackDevices() const = 0;
 };
 std::unique_ptr<Watch> observeChanges(std::function<void()> changed);
 

@@ -79,7 +79,7 @@ bool AudioEngine::isOnFallback(const std::optional<std::string>& wanted) const {
 }
 
 bool AudioEngine::canOpen(const std::optional<std::string>& wanted,
-                          const std::optional<std::vector<std::string>>& jackDevices) {
+                          const std::optional<std::vector<AudioOutputDevice>>& jackDevices) {
     auto opens = [&jackDevices](const std::string& uid) {
         std::string name;
         const BackendKind* kind = BackendKind::find(uid, &name);
@@ -89,7 +89,9 @@ bool AudioEngine::canOpen(const std::optional<std::string>& wanted,
             return false;
         if (jackDevices && kind->prefix == "jack:")
             return name.empty() ? !jackDevices->empty()
-                                : std::ranges::find(*jackDevices, name) != jackDevices->end();
+                                : std::ranges::any_of(*jackDevices, [&](const auto& device) {
+                                      return device.uid == name;
+                                  });
         return kind->canOpen(name);
     };
     if (wanted)

@@ -11,6 +11,7 @@
 
 #include "audio/Mixer.h"
 #include "device/AudioBackend.h"
+#include "device/AudioOutputDevice.h"
 
 // Connects the mixer to one output device and restarts on configuration changes.
 //
@@ -66,7 +67,7 @@ public:
     // instead: a client opened per look would be announced to every client of the server.
     // Any thread.
     static bool canOpen(const std::optional<std::string>& wanted,
-                        const std::optional<std::vector<std::string>>& jackDevices = {});
+                        const std::optional<std::vector<AudioOutputDevice>>& jackDevices = {});
 
 private:
     void open(std::unique_ptr<AudioBackend> backend, const std::string& uid);

@@ -15,6 +15,7 @@
 #include "SignalMeasure.h"
 #include "TempDir.h"
 #include "cue/AppModel.h"
+#include "device/AudioDeviceList.h"
 #include "device/JackBackend.h"
 
 namespace {
@@ -141,8 +142,8 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
 }
 
 // While the chosen JACK device is missing from a running server the model looks for it every
-// second; it must ask its device watch, not announce a client of its own to every client of the
-// server each time.
+// second, and the output bar lists the devices; both must ask the device watch, not announce a
+// client of their own to every client of the server each time.
 TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
     JackServer server(8);
     ASSERT_TRUE(server.ready());
@@ -157,6 +158,11 @@ TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
     pump([] { return false; }, 1500ms); // the watch's client and our own port have registered
     const int settled = registered.count();
     pump([] { return false; }, 3500ms);
+    // The output bar's list comes from the watch too.
+    ASSERT_TRUE(model.jackDevices());
+    const auto listed = AudioDeviceList::outputDevices(model.jackDevices());
+    EXPECT_TRUE(std::ranges::any_of(listed, [](const auto& d) { return d.uid == "jack:system"; }));
+    pump([] { return false; }, 100ms);
     EXPECT_EQ(registered.count(), settled) << "clients announced while waiting";
     EXPECT_TRUE(model.isOnFallback());
 }
