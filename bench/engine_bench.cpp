@@ -23,6 +23,7 @@
 
 #include "JackRecorder.h"
 #include "JackServer.h"
+#include "QtBenchMain.h"
 #include "cue/AppModel.h"
 #include "device/JackBackend.h"
 
@@ -224,9 +225,5 @@ BENCHMARK(BM_Load)->Args({10, 6, 0})->Args({10, 6, 1})->Iterations(1)->Unit(benc
 } // namespace
 
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return runQtBenchmarks(argc, argv);
 }

@@ -4,11 +4,9 @@
 #include <benchmark/benchmark.h>
 #include <cstdio>
 
-#include <QCoreApplication>
-
+#include "QtBenchMain.h"
 #include "RenderFuzzer.h"
 #include "TempDir.h"
-#include "model/Prefs.h"
 
 namespace {
 
@@ -37,10 +35,5 @@ BENCHMARK(RenderFuzzLongRun)->Arg(1)->Arg(2)->Arg(3)->Iterations(1)->Unit(benchm
 } // namespace
 
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    Prefs::registerDefaults();
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return g_failures == 0 ? 0 : 1;
+    return runQtBenchmarks(argc, argv, [] { return g_failures == 0 ? 0 : 1; });
 }

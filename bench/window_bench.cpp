@@ -17,14 +17,13 @@
 #include <thread>
 #include <unistd.h>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QProcess>
 
+#include "QtBenchMain.h"
 #include "TempDir.h"
 #include "audio/WavWriter.h"
 #include "cue/AppModel.h"
-#include "model/Prefs.h"
 
 namespace {
 
@@ -146,10 +145,5 @@ BENCHMARK(BM_Window)->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kSecond);
 } // namespace
 
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    Prefs::registerDefaults();
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return runQtBenchmarks(argc, argv);
 }
