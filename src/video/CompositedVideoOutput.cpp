@@ -25,6 +25,16 @@ double fadedIn(std::uint64_t from, double seconds, std::uint64_t now) {
     return seconds > 0.0 ? std::clamp(secondsBetween(from, now) / seconds, 0.0, 1.0) : 1.0;
 }
 
+// A layer's opacity at `now`: faded in from `shown`, and out over `fadeOut` up to `finishAt`
+// (0: not stopping).
+double opacityAt(std::uint64_t shown, double fadeIn, std::uint64_t finishAt, double fadeOut,
+                 std::uint64_t now) {
+    const double in = fadedIn(shown, fadeIn, now);
+    if (finishAt == 0)
+        return in;
+    return in * (1.0 - fadedIn(finishAt - HostTime::secondsToTicks(fadeOut), fadeOut, now));
+}
+
 bool showsOn(const OutputSet& outputs, const std::optional<QString>& output) {
     return !output || !outputs || outputs->contains(*output);
 }
@@ -367,11 +377,9 @@ void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint
             elapsed = std::fmod(elapsed, length);
         if (!movie->player)
             movie->player = std::make_unique<MoviePlayer>(movie->path, m_wait);
-        double opacity = fadedIn(movie->startHost, movie->fadeIn, now);
-        if (movie->finishAt != 0)
-            opacity *= 1.0 - fadedIn(movie->finishAt - HostTime::secondsToTicks(movie->fadeOut),
-                                     movie->fadeOut, now);
-        layers.push_back({movie->player->frameAt(elapsed), movie->z, opacity});
+        layers.push_back(
+            {movie->player->frameAt(elapsed), movie->z,
+             opacityAt(movie->startHost, movie->fadeIn, movie->finishAt, movie->fadeOut, now)});
     }
     for (auto& image : m_images) {
         if (image.cue->finished || !showsOn(image.cue->outputs, output))
@@ -380,11 +388,9 @@ void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint
             image.picture = image.load();
             image.load = nullptr;
         }
-        double opacity = fadedIn(image.shownAt, image.fadeIn, now);
-        if (image.finishAt != 0)
-            opacity *= 1.0 - fadedIn(image.finishAt - HostTime::secondsToTicks(image.fadeOut),
-                                     image.fadeOut, now);
-        layers.push_back({&image.picture, image.cue->z, opacity});
+        layers.push_back(
+            {&image.picture, image.cue->z,
+             opacityAt(image.shownAt, image.fadeIn, image.finishAt, image.fadeOut, now)});
     }
     Compositor::draw(painter, area, std::move(layers), m_look);
 }
