@@ -12,11 +12,6 @@
 
 namespace {
 
-// The grey of movie picture n (MediaFixtures), in RGB.
-double greyOf(int n) {
-    return (8.0 * n) * 255.0 / 219.0;
-}
-
 // Pictures of `vorlin render --frames` for a show of movies.
 class Frames : public ::testing::Test {
 protected:
@@ -76,7 +71,8 @@ TEST_F(Frames, EachPictureIsTheMovieFrameDueAndTheFirstComesWithTheSound) {
     for (int k = 2; k < 24; ++k) {
         const QImage picture = frame(frames, k + 1);
         ASSERT_FALSE(picture.isNull()) << k;
-        EXPECT_NEAR(qGray(picture.pixel(80, 60)), greyOf(k - 2), 4.0) << "picture " << k + 1;
+        EXPECT_NEAR(qGray(picture.pixel(80, 60)), MediaFixtures::pictureGrey(k - 2), 4.0)
+            << "picture " << k + 1;
     }
     EXPECT_FALSE(QFile::exists(frames + "/frame_000026.png"));
     // Its sound starts at the same host time: sample 3840 (a sine from phase 0).
@@ -122,7 +118,7 @@ TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
     ASSERT_EQ(
         render("0 down 0\n", {"--seconds", "0.7", "--fps", "50", "--size", "160x120"}, fade).status,
         0);
-    EXPECT_NEAR(qGray(frame(fade, 30).pixel(80, 60)), greyOf(12) / 2.0, 4.0);
+    EXPECT_NEAR(qGray(frame(fade, 30).pixel(80, 60)), MediaFixtures::pictureGrey(12) / 2.0, 4.0);
 
     // A 4:3 movie on layer 7 stays above an 8:3 one on layer 2 started later (pressed at 0.2 s,
     // taken at the block of 0.2027 s, shown from 0.2827 s); fitted into 320×120 the narrow one
@@ -133,9 +129,9 @@ TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
                   .status,
               0);
     const QImage both = frame(layers, 13); // 0.48 s: the high one at picture 10, the low one at 4
-    EXPECT_NEAR(qGray(both.pixel(160, 60)), greyOf(10), 4.0);
-    EXPECT_NEAR(qGray(both.pixel(20, 60)), greyOf(4), 4.0);
-    EXPECT_NEAR(qGray(both.pixel(300, 60)), greyOf(4), 4.0);
+    EXPECT_NEAR(qGray(both.pixel(160, 60)), MediaFixtures::pictureGrey(10), 4.0);
+    EXPECT_NEAR(qGray(both.pixel(20, 60)), MediaFixtures::pictureGrey(4), 4.0);
+    EXPECT_NEAR(qGray(both.pixel(300, 60)), MediaFixtures::pictureGrey(4), 4.0);
 
     // Filling instead of fitting: the 4:3 picture covers the whole 16:9 output, cropped.
     Prefs::setValue(Prefs::kVideoFill, "fill");
@@ -143,14 +139,14 @@ TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
     ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"}, filled)
                   .status,
               0);
-    EXPECT_NEAR(qGray(frame(filled, 5).pixel(5, 90)), greyOf(2), 4.0);
+    EXPECT_NEAR(qGray(frame(filled, 5).pixel(5, 90)), MediaFixtures::pictureGrey(2), 4.0);
     Prefs::setValue(Prefs::kVideoFill, "fit");
     const QString fitted = folder + "/fitted";
     ASSERT_EQ(render("0 down 1\n", {"--seconds", "0.3", "--fps", "25", "--size", "320x180"}, fitted)
                   .status,
               0);
     EXPECT_EQ(qGray(frame(fitted, 5).pixel(5, 90)), 0);
-    EXPECT_NEAR(qGray(frame(fitted, 5).pixel(160, 90)), greyOf(2), 4.0);
+    EXPECT_NEAR(qGray(frame(fitted, 5).pixel(160, 90)), MediaFixtures::pictureGrey(2), 4.0);
 }
 
 // A movie cut short shows what it holds and the show goes on; a file that is no movie fails
@@ -176,7 +172,7 @@ TEST_F(Frames, DamagedMoviesFailAloneWithAMessage) {
     ASSERT_EQ(run.status, 0) << run.err.toStdString();
     EXPECT_TRUE(run.err.contains("fake.mp4")) << run.err.toStdString();
     // The good movie is on top and plays on: at 0.6 s its picture 13.
-    EXPECT_NEAR(qGray(frame(frames, 16).pixel(80, 60)), greyOf(13), 4.0);
+    EXPECT_NEAR(qGray(frame(frames, 16).pixel(80, 60)), MediaFixtures::pictureGrey(13), 4.0);
 }
 
 } // namespace

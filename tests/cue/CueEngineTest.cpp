@@ -314,7 +314,8 @@ TEST(Seek, MovieAndItsSoundResumeTogetherATenthOfASecondLater) {
     stage.video().draw(painter, picture.rect(), stage.device->hostTime());
     painter.end();
     const double due = std::floor(cue->video->progress() * cue->video->duration() * 25.0 + 1e-6);
-    EXPECT_NEAR(qGray(picture.pixel(80, 60)), 8.0 * due * 255.0 / 219.0, 4.0);
+    EXPECT_NEAR(qGray(picture.pixel(80, 60)), MediaFixtures::pictureGrey(static_cast<int>(due)),
+                4.0);
 }
 
 } // namespace

@@ -27,6 +27,11 @@ struct Video {
 // The container follows the file extension (wav, flac, mp3, m4a, ogg, opus, mp4, mkv, mov …);
 // `audioCodec` is an FFmpeg encoder name ("pcm_s16le", "flac", "aac", "libmp3lame", …).
 // Returns false (with nothing left behind) when this FFmpeg build cannot write it.
+// The RGB grey of picture n of a Video (what luma 16 + 8n, mod 216, decodes to).
+inline double pictureGrey(int n) {
+    return 8.0 * (n % 27) * 255.0 / 219.0;
+}
+
 bool write(const std::string& path, const std::string& audioCodec, const std::vector<Tone>& tracks,
            const Video* video = nullptr);
 

@@ -16,11 +16,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The grey of movie picture n (MediaFixtures), in RGB.
-double greyOf(int n) {
-    return (8.0 * n) * 255.0 / 219.0;
-}
-
 int greyAt(const QImage* picture) {
     return picture ? qGray(picture->pixel(picture->width() / 2, picture->height() / 2)) : -1;
 }
@@ -40,8 +35,8 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
             const auto began = std::chrono::steady_clock::now();
             picture = player.frameAt(seconds);
             EXPECT_LT(std::chrono::steady_clock::now() - began, 20ms); // never a decoder's wait
-            if (picture &&
-                std::abs(greyAt(picture) - greyOf(static_cast<int>(seconds * 25 + 1e-6) % 27)) < 4)
+            if (picture && std::abs(greyAt(picture) - MediaFixtures::pictureGrey(static_cast<int>(
+                                                          seconds * 25 + 1e-6))) < 4)
                 return true;
             std::this_thread::sleep_for(10ms);
         }
@@ -88,7 +83,7 @@ TEST(VideoOutput, ASecondStartOfAFileShowsAtOnceFromAPreparedPlayer) {
     QPainter painter(&target);
     output.draw(painter, target.rect(), HostTime::now() + HostTime::secondsToTicks(0.2));
     painter.end();
-    EXPECT_NEAR(qGray(target.pixel(80, 60)), greyOf(3), 4.0);
+    EXPECT_NEAR(qGray(target.pixel(80, 60)), MediaFixtures::pictureGrey(3), 4.0);
     output.resetPrepared();
     EXPECT_EQ(output.preparedCount(), 0u);
 }
