@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "audio/AtomicPeak.h"
 #include "audio/HostTime.h"
 #include "audio/VectorMath.h"
 
@@ -105,6 +106,7 @@ void Mixer::stop(std::int64_t id, double fade) {
         return;
     if (!voice->started) {
         voice->done = true;
+        voice->publish();
         return;
     }
     const float frames = static_cast<float>(std::max(fade, 0.005) * m_sampleRate);
@@ -142,9 +144,16 @@ void Mixer::seek(std::int64_t id, double seconds, std::uint64_t startHost) {
         voice->started = false;
         voice->startHost = startHost;
     }
+    voice->publish();
 }
 
 void Mixer::removeDone() {
+    // Done is final and published under the lock, so a voice seen done here is done under it.
+    const bool anyDone = std::any_of(m_voices.begin(), m_voices.end(), [](const auto& voice) {
+        return voice->shownDone.load(std::memory_order_acquire);
+    });
+    if (!anyDone)
+        return;
     // Room for every voice is made before the lock, so moving them out never allocates.
     if (m_retired.capacity() < m_voices.size())
         m_retired.reserve(m_voices.size());
@@ -164,29 +173,19 @@ void Mixer::removeDone() {
 }
 
 std::map<std::int64_t, VoiceStatus> Mixer::snapshot() {
-    // Sized outside the lock: the list's shape only changes on this thread, and each voice's
-    // channel count is immutable.
-    std::vector<std::int64_t> ids(m_voices.size());
-    std::vector<VoiceStatus> statuses(m_voices.size());
-    for (std::size_t i = 0; i < m_voices.size(); ++i)
-        statuses[i].levels.resize(static_cast<std::size_t>(m_voices[i]->clip->channelCount));
-
-    {
-        std::lock_guard guard(m_lock);
-        for (std::size_t i = 0; i < m_voices.size(); ++i) {
-            Voice& voice = *m_voices[i];
-            VoiceStatus& status = statuses[i];
-            ids[i] = voice.id;
-            status.progress = voice.position / static_cast<double>(voice.clip->frameCount);
-            status.done = voice.done;
-            std::copy_n(voice.peaks.begin(), status.levels.size(), status.levels.begin());
-            std::fill(voice.peaks.begin(), voice.peaks.end(), 0.0f);
-        }
-    }
-
+    // The list's shape and the voices' ids change only on this thread; everything the render
+    // thread changes is read from what it published.
     std::map<std::int64_t, VoiceStatus> result;
-    for (std::size_t i = 0; i < ids.size(); ++i)
-        result.emplace(ids[i], std::move(statuses[i]));
+    for (const auto& owner : m_voices) {
+        Voice& voice = *owner;
+        VoiceStatus status;
+        status.done = voice.shownDone.load(std::memory_order_acquire);
+        status.progress = voice.shownProgress.load(std::memory_order_relaxed);
+        status.levels.resize(static_cast<std::size_t>(voice.clip->channelCount));
+        for (std::size_t c = 0; c < status.levels.size(); ++c)
+            status.levels[c] = AtomicPeak::take(voice.peaks[c]);
+        result.emplace(voice.id, std::move(status));
+    }
     return result;
 }
 
@@ -212,11 +211,8 @@ void Mixer::setToneChannel(std::optional<std::int64_t> channel) {
 std::vector<float> Mixer::takeMeters(std::int64_t count) {
     std::vector<float> meters(
         static_cast<std::size_t>(std::clamp<std::int64_t>(count, 0, kMaxOutputs)));
-    std::lock_guard guard(m_lock);
-    for (std::size_t c = 0; c < meters.size(); ++c) {
-        meters[c] = m_meterPeaks[c];
-        m_meterPeaks[c] = 0.0f;
-    }
+    for (std::size_t c = 0; c < meters.size(); ++c)
+        meters[c] = AtomicPeak::take(m_meterPeaks[c]);
     return meters;
 }
 
@@ -321,7 +317,7 @@ void Mixer::render(std::int64_t n, const AudioTimeStamp& timestamp,
         if (m_muted[c])
             std::fill_n(out, n, 0.0f);
         else
-            m_meterPeaks[c] = std::max(m_meterPeaks[c], VectorMath::maxMagnitude(out, n));
+            AtomicPeak::raise(m_meterPeaks[c], VectorMath::maxMagnitude(out, n));
     }
 }
 
@@ -408,10 +404,10 @@ void Mixer::mixVoice(Voice& voice, std::int64_t offset, std::int64_t n, double s
 
         for (std::int64_t c = 0; c < clip.channelCount; ++c) {
             const float* samples = channels[c];
-            float peak = voice.peaks[static_cast<std::size_t>(c)];
+            float peak = 0.0f;
             for (std::int64_t j = 0; j < mixed; ++j)
                 peak = std::max(peak, level[j] * std::fabs(samples[index[j]]));
-            voice.peaks[static_cast<std::size_t>(c)] = peak;
+            AtomicPeak::raise(voice.peaks[static_cast<std::size_t>(c)], peak);
         }
     }
 
@@ -419,4 +415,5 @@ void Mixer::mixVoice(Voice& voice, std::int64_t offset, std::int64_t n, double s
     voice.env = env;
     voice.envStep = envStep;
     voice.done = done;
+    voice.publish();
 }

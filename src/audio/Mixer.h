@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -69,10 +70,13 @@ public:
     void seek(std::int64_t id, double seconds, std::uint64_t startHost);
 
     // Control thread. Drops every done voice (survivors keep their order). The voices, and
-    // possibly their clips, are freed on the calling thread after the lock is released.
+    // possibly their clips, are freed on the calling thread after the lock is released. Takes
+    // the lock only when some voice is done.
     void removeDone();
 
     // Control thread. Status of every voice, done ones included; resets the voices' peaks.
+    // Takes no lock: it reads what the render thread published, so the tick never holds up a
+    // block however many voices play.
     std::map<std::int64_t, VoiceStatus> snapshot();
 
     // Control thread. Outputs (0-based) to silence; all others are unmuted.
@@ -82,7 +86,7 @@ public:
     void setToneChannel(std::optional<std::int64_t> channel);
 
     // Control thread. Peak of each of the first `count` outputs (at most 64) since the last
-    // call, then resets them.
+    // call, then resets them. Takes no lock.
     std::vector<float> takeMeters(std::int64_t count);
 
     // Control thread (the engine, when the device starts).
@@ -120,7 +124,8 @@ private:
     double m_sampleRate = 48000.0;
     double m_latency = 0.0;
     float m_masterVolume = 1.0f;
-    std::array<float, kMaxOutputs> m_meterPeaks{};
+    // Raised by the render thread, taken by the control thread, without the lock.
+    std::array<std::atomic<float>, kMaxOutputs> m_meterPeaks{};
     std::array<bool, kMaxOutputs> m_muted{};
     std::int64_t m_toneChannel = -1;
     double m_tonePhase = 0.0;

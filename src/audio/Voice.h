@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -11,9 +12,12 @@
 // One playing clip inside the Mixer.
 //
 // Threading: built completely on the control thread before the mixer lock is taken, then owned
-// by Mixer::voices. Afterwards its mutable fields are read and written only under the mixer
-// lock (by the render thread for each block, by the control thread for each operation). It is
-// destroyed on the control thread, after Mixer::removeDone has taken it out of the list.
+// by Mixer::voices. Afterwards its plain mutable fields are read and written only under the
+// mixer lock (by the render thread for each block, by the control thread for each operation).
+// What the tick needs — progress, done and the peaks — is also published in atomics that the
+// control thread reads without the lock: a control thread preempted while holding the lock for
+// a status read of hundreds of voices would stall the render thread. It is destroyed on the
+// control thread, after Mixer::removeDone has taken it out of the list.
 class Voice {
 public:
     // startHost value of a voice that waits for Mixer::setStart.
@@ -38,6 +42,17 @@ public:
     std::uint64_t startHost = 0; // 0 = next block, kArmed = waits for setStart, else host time
     bool started = false;
     bool done = false;
-    // Per clip channel peak since the last snapshot; max(channelCount, 1) values.
-    std::vector<float> peaks;
+
+    // Under the lock, after position or done changed: makes them visible to lock-free readers.
+    void publish() noexcept;
+
+    // Published state, written under the lock (publish) and read by the control thread without
+    // it. `shownDone` is stored last with release order, so a reader that sees it also sees the
+    // final progress.
+    std::atomic<double> shownProgress{0.0};
+    std::atomic<bool> shownDone{false};
+    // Per clip channel peak since the last snapshot, max(channelCount, 1) values: raised by the
+    // render thread (AtomicPeak::raise), taken and zeroed by the control thread.
+    const std::unique_ptr<std::atomic<float>[]> peaks;
+    const std::size_t peakCount;
 };
