@@ -350,6 +350,33 @@ void Mixer::mixVoice(Voice& voice, std::int64_t offset, std::int64_t n, double s
 
     for (std::int64_t passStart = offset; passStart < n && !done; passStart += kChunk) {
         const std::int64_t passEnd = std::min(n, passStart + kChunk);
+        const std::int64_t length = passEnd - passStart;
+        // The usual case: the loader converts every clip to the device's rate, so a voice that
+        // is neither fading nor near its end reads whole frames at a constant gain. The general
+        // pass below would compute exactly these values (its fraction is 0, its gain the same
+        // product), frame by frame; here they are one scaled add per route.
+        if (step == 1.0 && envStep == 0.0f && position == std::floor(position) &&
+            position + static_cast<double>(length) < framesD) {
+            const auto first = static_cast<std::int64_t>(position);
+            const float passGain = mv * volume * env * env;
+            const float passLevel = env * env * volume;
+            for (std::size_t k = 0; k < routeCount; ++k) {
+                const std::int64_t o = voice.dst[k];
+                if (o >= outCount || !m_outs[o])
+                    continue;
+                float* out = m_outs[o] + passStart;
+                const float* samples = channels[voice.src[k]] + first;
+                for (std::int64_t j = 0; j < length; ++j)
+                    out[j] += passGain * samples[j];
+            }
+            // Scaling by a positive constant keeps the order of magnitudes, so this is the
+            // largest of the per-frame products.
+            for (std::int64_t c = 0; c < clip.channelCount; ++c)
+                AtomicPeak::raise(voice.peaks[static_cast<std::size_t>(c)],
+                                  passLevel * VectorMath::maxMagnitude(channels[c] + first, length));
+            position += static_cast<double>(length);
+            continue;
+        }
         std::int64_t mixed = 0;
         for (std::int64_t i = passStart; i < passEnd; ++i) {
             if (envStep != 0.0f) {

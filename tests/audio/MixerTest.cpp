@@ -54,6 +54,19 @@ TEST_F(MixerTest, ClipAtEngineRateIsCopiedFrameForFrame) {
     EXPECT_EQ(countNonZero({out[1].begin() + 1000, out[1].end()}), 0);
 }
 
+TEST_F(MixerTest, ClipAtEngineRateSoughtBetweenFramesIsInterpolatedThere) {
+    // Whole frames at the device's rate take a shortcut; half a frame further they must not.
+    auto clip = distinctClip(4000);
+    OfflineRenderer device(mixer, 1, 256, kRate);
+    const auto id = mixer.play(clip, {{0, 0}}, 0.5f, 0.0, false, false);
+    device.render(256);
+    mixer.seek(id, 1000.5 / kRate, 0);
+    const auto out = device.render(1024);
+    for (std::int64_t i = 0; i < 1024; ++i)
+        ASSERT_NEAR(out[0][i], 0.5 * interpolate(*clip, 0, 1000.5 + i, false), 1e-6)
+            << "frame " << i;
+}
+
 TEST_F(MixerTest, SlowerClipIsInterpolatedAtTheRateRatio) {
     // 44.1 kHz on a 48 kHz device: 0.91875 source frames per output frame.
     auto clip = distinctClip(4410, 44100.0);
