@@ -373,7 +373,8 @@ void Mixer::mixVoice(Voice& voice, std::int64_t offset, std::int64_t n, double s
             // largest of the per-frame products.
             for (std::int64_t c = 0; c < clip.channelCount; ++c)
                 AtomicPeak::raise(voice.peaks[static_cast<std::size_t>(c)],
-                                  passLevel * VectorMath::maxMagnitude(channels[c] + first, length));
+                                  passLevel *
+                                      VectorMath::maxMagnitude(channels[c] + first, length));
             position += static_cast<double>(length);
             continue;
         }

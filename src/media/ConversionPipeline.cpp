@@ -29,14 +29,36 @@ ConversionPipeline::ConversionPipeline(double inputRate, double outputRate,
     }
     for (auto& worker : m_workers)
         worker->thread = std::thread([this, w = worker.get()] { work(*w); });
-    m_pending.assign(outputs.size(), {});
+    m_pending = takePiece(2 * kPieceFrames);
     m_pendingDest.resize(outputs.size());
-    for (auto& channel : m_pending)
-        channel.reserve(2 * kPieceFrames);
 }
 
 ConversionPipeline::~ConversionPipeline() {
     stop();
+    // Pieces still queued go back to the pool through the mutex: drop them while it exists.
+    m_workers.clear();
+}
+
+std::unique_ptr<ConversionPipeline::Piece> ConversionPipeline::takePiece(std::size_t capacity) {
+    std::unique_ptr<Piece> piece;
+    {
+        std::lock_guard lock(m_mutex);
+        if (!m_free.empty()) {
+            piece = std::move(m_free.back());
+            m_free.pop_back();
+        }
+    }
+    if (!piece) {
+        piece = std::make_unique<Piece>();
+        piece->channels.resize(m_outputs.size());
+    }
+    piece->frames = 0;
+    if (piece->capacity < capacity) {
+        for (auto& channel : piece->channels)
+            channel = std::make_unique_for_overwrite<float[]>(capacity);
+        piece->capacity = capacity;
+    }
+    return piece;
 }
 
 void ConversionPipeline::stop() {
@@ -54,22 +76,32 @@ void ConversionPipeline::stop() {
 void ConversionPipeline::push(std::size_t frames, const Writer& write) {
     // Decoders deliver a few hundred to a few thousand frames at a time; the workers get
     // pieces of at least kPieceFrames so each hand-over is worth its synchronisation.
-    for (std::size_t c = 0; c < m_pending.size(); ++c) {
-        m_pending[c].resize(m_pendingFrames + frames);
-        m_pendingDest[c] = m_pending[c].data() + m_pendingFrames;
+    Piece& pending = *m_pending;
+    if (pending.frames + frames > pending.capacity) {
+        // A codec with very long frames: grow this piece, keeping what it holds.
+        const std::size_t capacity = 2 * (pending.frames + frames);
+        for (auto& channel : pending.channels) {
+            auto grown = std::make_unique_for_overwrite<float[]>(capacity);
+            std::copy_n(channel.get(), pending.frames, grown.get());
+            channel = std::move(grown);
+        }
+        pending.capacity = capacity;
     }
+    for (std::size_t c = 0; c < pending.channels.size(); ++c)
+        m_pendingDest[c] = pending.channels[c].get() + pending.frames;
     write(m_pendingDest.data());
-    m_pendingFrames += frames;
-    if (m_pendingFrames >= kPieceFrames)
+    pending.frames += frames;
+    if (pending.frames >= kPieceFrames)
         pushPending();
 }
 
 void ConversionPipeline::pushPending() {
-    auto piece = std::make_shared<const Piece>(std::move(m_pending));
-    m_pending.assign(m_outputs.size(), {});
-    for (auto& channel : m_pending)
-        channel.reserve(2 * kPieceFrames);
-    m_pendingFrames = 0;
+    // The last worker done with a piece hands it back for the decoder to fill again.
+    std::shared_ptr<const Piece> piece(m_pending.release(), [this](Piece* done) {
+        std::lock_guard lock(m_mutex);
+        m_free.emplace_back(done);
+    });
+    m_pending = takePiece(2 * kPieceFrames);
 
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] {
@@ -90,7 +122,7 @@ void ConversionPipeline::pushPending() {
 }
 
 void ConversionPipeline::finish() {
-    if (m_pendingFrames > 0)
+    if (m_pending->frames > 0)
         pushPending();
     {
         std::lock_guard lock(m_mutex);
@@ -126,8 +158,9 @@ void ConversionPipeline::work(Worker& worker) {
                 return;
             }
             for (int c = 0; c < worker.channelCount; ++c)
-                inputs[static_cast<std::size_t>(c)] = (*piece)[worker.firstChannel + c].data();
-            worker.converter->process(inputs.data(), (*piece)[0].size(), outputs);
+                inputs[static_cast<std::size_t>(c)] =
+                    piece->channels[worker.firstChannel + c].get();
+            worker.converter->process(inputs.data(), piece->frames, outputs);
         } catch (...) {
             std::lock_guard lock(m_mutex);
             if (!m_error)

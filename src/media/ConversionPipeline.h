@@ -39,9 +39,16 @@ public:
     void finish();
 
 private:
-    using Piece = std::vector<std::vector<float>>;
+    // A stretch of every channel. Pieces are recycled, so the decoding thread neither maps and
+    // faults in a fresh block nor zero-fills it for every piece.
+    struct Piece {
+        std::vector<std::unique_ptr<float[]>> channels;
+        std::size_t frames = 0;
+        std::size_t capacity = 0;
+    };
     struct Worker;
 
+    std::unique_ptr<Piece> takePiece(std::size_t capacity);
     void pushPending();
     void work(Worker& worker);
     void stop();
@@ -51,11 +58,12 @@ private:
 
     std::vector<SampleBuffer>& m_outputs;
     std::vector<std::unique_ptr<Worker>> m_workers;
-    Piece m_pending;
+    std::unique_ptr<Piece> m_pending;
     std::vector<float*> m_pendingDest;
-    std::size_t m_pendingFrames = 0;
 
     std::mutex m_mutex;
+    // Pieces every worker has finished with, guarded by m_mutex.
+    std::vector<std::unique_ptr<Piece>> m_free;
     std::condition_variable m_changed;
     std::exception_ptr m_error;
     bool m_stopping = false;
