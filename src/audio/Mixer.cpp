@@ -276,6 +276,8 @@ void Mixer::render(std::int64_t n, const AudioTimeStamp& timestamp,
     const double sr = m_sampleRate;
     const float mv = m_masterVolume;
     const double secondsPerTick = HostTime::ticksToSeconds();
+    if (hostValid)
+        advanceDeviceClock(blockHost, static_cast<double>(n) / sr);
 
     for (auto& owner : m_voices) {
         Voice& voice = *owner;
@@ -318,6 +320,48 @@ void Mixer::render(std::int64_t n, const AudioTimeStamp& timestamp,
             std::fill_n(out, n, 0.0f);
         else
             AtomicPeak::raise(m_meterPeaks[c], VectorMath::maxMagnitude(out, n));
+    }
+}
+
+void Mixer::advanceDeviceClock(std::uint64_t blockHost, double blockLength) noexcept {
+    // A block normally begins where the previous one ended by the device's count; one that
+    // comes much later or earlier (the device stopped, or another took over) begins where
+    // host time says, so the clock neither stands still nor jumps back.
+    constexpr double kGap = 0.1;
+    const double secondsPerTick = HostTime::ticksToSeconds();
+    double seconds = static_cast<double>(blockHost) * secondsPerTick;
+    if (m_lastBlockLength >= 0.0) {
+        const double sinceLast =
+            static_cast<double>(static_cast<std::int64_t>(blockHost - m_lastBlockHost)) *
+            secondsPerTick;
+        seconds = std::fabs(sinceLast - m_lastBlockLength) < kGap
+                      ? m_lastBlockSeconds + m_lastBlockLength
+                      : m_lastBlockSeconds + sinceLast;
+    }
+    m_lastBlockHost = blockHost;
+    m_lastBlockSeconds = seconds;
+    m_lastBlockLength = blockLength;
+
+    const std::uint32_t sequence = m_clockSequence.load(std::memory_order_relaxed);
+    m_clockSequence.store(sequence + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    m_clockHost.store(blockHost, std::memory_order_relaxed);
+    m_clockSeconds.store(seconds, std::memory_order_relaxed);
+    m_clockSequence.store(sequence + 2, std::memory_order_release);
+}
+
+double Mixer::deviceSeconds(std::uint64_t hostTime) const {
+    const double secondsPerTick = HostTime::ticksToSeconds();
+    for (;;) {
+        const std::uint32_t before = m_clockSequence.load(std::memory_order_acquire);
+        if (before == 0)
+            return static_cast<double>(hostTime) * secondsPerTick;
+        const std::uint64_t host = m_clockHost.load(std::memory_order_relaxed);
+        const double seconds = m_clockSeconds.load(std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if ((before & 1u) == 0 && m_clockSequence.load(std::memory_order_relaxed) == before)
+            return seconds +
+                   static_cast<double>(static_cast<std::int64_t>(hostTime - host)) * secondsPerTick;
     }
 }
 

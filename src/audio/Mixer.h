@@ -98,6 +98,14 @@ public:
     // Control thread.
     std::size_t voiceCount() const;
 
+    // Any thread, lock-free. The audio device's own clock, in seconds, at a host time: what the
+    // device's sample count says at its latest block, carried on at the host's pace from there.
+    // Pictures of a movie run on it so that they stay with the movie's sound, which the device
+    // plays at its own rate, however far its crystal is from the host's. Before the first block
+    // and across a gap between blocks (a device restarted) it goes on from host time, so it
+    // never jumps.
+    double deviceSeconds(std::uint64_t hostTime) const;
+
     // Render thread only. Zeroes every buffer of the list, then mixes one block of frameCount
     // frames into the first 64. A null buffer, or one smaller than the block, is never fed.
     void render(std::int64_t frameCount, const AudioTimeStamp& timestamp,
@@ -112,6 +120,7 @@ private:
     static constexpr std::int64_t kChunk = 1024;
 
     Voice* find(std::int64_t id); // under the lock
+    void advanceDeviceClock(std::uint64_t blockHost, double blockLength) noexcept;
     void mixVoice(Voice& voice, std::int64_t offset, std::int64_t frameCount, double rate,
                   float master, int outCount) noexcept;
 
@@ -132,6 +141,16 @@ private:
 
     // Control thread only: voices taken out by removeDone, freed once the lock is released.
     std::vector<std::unique_ptr<Voice>> m_retired;
+
+    // The device clock of the latest block, published by the render thread as a sequence lock
+    // (odd while being written); 0 before the first block.
+    std::atomic<std::uint32_t> m_clockSequence{0};
+    std::atomic<std::uint64_t> m_clockHost{0};
+    std::atomic<double> m_clockSeconds{0.0};
+    // Render thread only: the previous block's host time, device clock and length in seconds.
+    std::uint64_t m_lastBlockHost = 0;
+    double m_lastBlockSeconds = 0.0;
+    double m_lastBlockLength = -1.0; // < 0: no block yet
 
     // Render thread only, outside the lock.
     std::array<float*, kMaxOutputs> m_outs{};

@@ -6,9 +6,10 @@
 #include "audio/Mixer.h"
 
 OfflineRenderer::OfflineRenderer(Mixer& mixer, int channels, std::int64_t blockFrames,
-                                 double sampleRate, std::uint64_t startHost)
+                                 double sampleRate, std::uint64_t startHost, double ppm)
     : m_mixer(mixer), m_blockFrames(std::max<std::int64_t>(blockFrames, 1)),
-      m_sampleRate(sampleRate), m_startHost(startHost) {
+      m_sampleRate(sampleRate), m_framesPerHostSecond(sampleRate * (1.0 + ppm * 1e-6)),
+      m_startHost(startHost) {
     const int count = std::max(channels, 0);
     m_channels.assign(static_cast<std::size_t>(count),
                       std::vector<float>(static_cast<std::size_t>(m_blockFrames), 0.0f));
@@ -19,7 +20,8 @@ OfflineRenderer::OfflineRenderer(Mixer& mixer, int channels, std::int64_t blockF
 }
 
 std::uint64_t OfflineRenderer::hostTimeAtFrame(std::int64_t frame) const {
-    return m_startHost + HostTime::secondsToTicks(static_cast<double>(frame) / m_sampleRate);
+    return m_startHost +
+           HostTime::secondsToTicks(static_cast<double>(frame) / m_framesPerHostSecond);
 }
 
 std::uint64_t OfflineRenderer::hostTime() const {

@@ -16,9 +16,11 @@ class Mixer;
 // Lifetime: must not outlive the mixer.
 class OfflineRenderer {
 public:
-    // Sets the mixer's sample rate and a latency of 0, as a device would when it starts.
+    // Sets the mixer's sample rate and a latency of 0, as a device would when it starts. With
+    // `ppm` the device's sample clock runs that many parts per million faster than the host's
+    // (negative: slower), as a real sound card's crystal does.
     OfflineRenderer(Mixer& mixer, int channels, std::int64_t blockFrames, double sampleRate,
-                    std::uint64_t startHost = 1'000'000'000ull);
+                    std::uint64_t startHost = 1'000'000'000ull, double ppm = 0.0);
 
     // Host time (HostTime ticks) of the next block's first frame.
     std::uint64_t hostTime() const;
@@ -38,11 +40,14 @@ public:
     int channelCount() const { return static_cast<int>(m_channels.size()); }
     std::int64_t blockFrames() const { return m_blockFrames; }
     double sampleRate() const { return m_sampleRate; }
+    // Device frames per second of host time: the rate, off by the clock's ppm.
+    double framesPerHostSecond() const { return m_framesPerHostSecond; }
 
 private:
     Mixer& m_mixer;
     std::int64_t m_blockFrames;
     double m_sampleRate;
+    double m_framesPerHostSecond;
     std::uint64_t m_startHost;
     std::int64_t m_framesRendered = 0;
     std::vector<std::vector<float>> m_channels;

@@ -131,6 +131,7 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
     double fps = 30.0;
     QSize size(640, 360);
     std::optional<QString> screen;
+    double ppm = 0.0;
     for (qsizetype i = 0; i < args.size(); ++i) {
         const QString& arg = args[i];
         if (arg == "--allow-long") {
@@ -160,6 +161,8 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
             size = parseSize(value, ok);
         else if (arg == "--output")
             screen = value;
+        else if (arg == "--device-ppm")
+            ppm = value.toDouble(&ok);
         else if (show.isEmpty() && !arg.startsWith("--")) {
             show = arg;
             continue;
@@ -171,7 +174,7 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         if (!ok || value.isEmpty() || rate < 8000 || rate > 384000 || channels < 1 ||
             channels > 64 || block < 1 || block > 65536 ||
             (seconds && !(std::isfinite(*seconds) && *seconds >= 0)) ||
-            !(fps >= 1.0 && fps <= 240.0)) {
+            !(fps >= 1.0 && fps <= 240.0) || !(ppm >= -1000.0 && ppm <= 1000.0)) {
             err << "引数の値が正しくありません: " << arg << " " << value << "\n";
             return 2;
         }
@@ -213,7 +216,7 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
                    .arg(end);
         return 2;
     }
-    ShowRenderer renderer(rate, channels, block);
+    ShowRenderer renderer(rate, channels, block, ppm);
     try {
         renderer.open(show);
     } catch (const DocumentError& error) {

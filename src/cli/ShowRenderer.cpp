@@ -18,14 +18,14 @@ constexpr std::uint64_t kStartHost = 1'000'000'000;
 
 } // namespace
 
-ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames)
-    : m_rate(sampleRate) {
+ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames, double devicePpm)
+    : m_rate(sampleRate), m_framesPerHostSecond(sampleRate * (1.0 + devicePpm * 1e-6)) {
     auto video = std::make_unique<CompositedVideoOutput>(
         [this] { return m_device ? m_device->hostTime() : kStartHost; }, false);
     m_model = std::make_unique<AppModel>(std::move(video));
     m_model->setOffline(true);
     m_device = std::make_unique<OfflineRenderer>(m_model->mixer(), channels, blockFrames,
-                                                 sampleRate, kStartHost);
+                                                 sampleRate, kStartHost, devicePpm);
     m_model->cueEngine().setOutputChannelCount(channels);
 }
 
@@ -86,15 +86,18 @@ bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, W
     std::int64_t nextTick = 0;
     std::int64_t nextFrame = 0;
     const std::int64_t frameCount =
-        frames ? static_cast<std::int64_t>(std::ceil(seconds * frames->fps - 1e-9)) : 0;
+        frames ? static_cast<std::int64_t>(
+                     std::ceil(seconds * m_rate / m_framesPerHostSecond * frames->fps - 1e-9))
+               : 0;
     std::vector<const float*> channels(static_cast<std::size_t>(m_device->channelCount()));
     while (m_device->framesRendered() < total) {
         const std::int64_t start = m_device->framesRendered();
         // Exact comparisons in frames: an event at t is due when t × rate ≤ the block's start.
         while (nextEvent < events.size() &&
-               events[nextEvent].seconds * m_rate <= static_cast<double>(start))
+               events[nextEvent].seconds * m_framesPerHostSecond <= static_cast<double>(start))
             apply(events[nextEvent++]);
-        while (static_cast<double>(nextTick) * m_rate / 30.0 <= static_cast<double>(start)) {
+        while (static_cast<double>(nextTick) * m_framesPerHostSecond / 30.0 <=
+               static_cast<double>(start)) {
             video.poll();
             m_model->tick();
             ++nextTick;
@@ -102,7 +105,8 @@ bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, W
         // A picture is drawn with the state of the block it falls in, at its own time.
         const std::int64_t end = start + m_device->blockFrames();
         while (nextFrame < frameCount &&
-               static_cast<double>(nextFrame) * m_rate / frames->fps < static_cast<double>(end)) {
+               static_cast<double>(nextFrame) * m_framesPerHostSecond / frames->fps <
+                   static_cast<double>(end)) {
             if (!writeFrame(*frames, nextFrame++))
                 return false;
         }

@@ -24,13 +24,15 @@ struct FrameOptions {
 
 // Plays a show without a device, on a simulated clock, for `vorlin render`: the real model,
 // cue engine and mixer; the headless video output on the same clock; the 30 Hz tick run between
-// blocks. Simulated time starts at host time 1 s. Before each block every event due by the
+// blocks. Simulated time starts at host time 1 s. Script times, ticks and pictures are on the
+// host clock; the WAV holds the device's frames. Before each block every event due by the
 // block's start is applied in order, then every due tick runs, then the block is rendered with
 // its start as host time and no latency. The same input gives the same output, bit for bit.
 // Main thread.
 class ShowRenderer {
 public:
-    ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames);
+    // `devicePpm`: the simulated device's sample clock runs that many ppm off the host's.
+    ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames, double devicePpm = 0.0);
 
     // Opens the show and waits until every key's media has loaded. Throws DocumentError.
     void open(const QString& path);
@@ -48,6 +50,9 @@ private:
     bool writeFrame(const FrameOptions& frames, std::int64_t index);
 
     int m_rate;
+    // Device frames per second of host time (the rate, off by the device's ppm): script times,
+    // ticks and pictures are host times.
+    double m_framesPerHostSecond;
     std::unique_ptr<AppModel> m_model;
     std::unique_ptr<OfflineRenderer> m_device;
 };

@@ -30,6 +30,9 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
     connect(&m_session, &ShowSession::assignmentsChanged, this, &AppModel::assignmentsChanged);
     connect(&m_editor, &ShowEditor::assignmentsChanged, this, &AppModel::assignmentsChanged);
     m_audio.onConfigurationChange = [this] { restartAudio(); };
+    // Movie pictures follow the device that plays their sound.
+    m_video->setAudioClock(
+        [mixer = &m_audio.mixer()](std::uint64_t host) { return mixer->deviceSeconds(host); });
     // A press on an empty key selects it only when the keyboard draws that key.
     m_engine->setLayoutKeys([](KeyCode code) { return KeyboardLayout::labels().count(code) > 0; });
     connect(&m_media, &MediaLoader::missingFiles, this, [this](const QStringList& names) {

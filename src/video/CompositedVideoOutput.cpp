@@ -43,25 +43,34 @@ bool showsOn(const OutputSet& outputs, const std::optional<QString>& output) {
 
 class CompositedVideoOutput::Movie : public VideoCue {
 public:
-    Movie(Clock clock, double length) : m_clock(std::move(clock)), m_length(length) {}
+    Movie(Clock clock, AudioClock audio, double length)
+        : m_clock(std::move(clock)), m_audio(std::move(audio)), m_length(length) {}
 
     double progress() const override {
         if (!started || m_length <= 0.0)
             return 0.0;
-        const auto now = m_clock();
-        const double elapsed =
-            now > startHost ? static_cast<double>(now - startHost) * HostTime::ticksToSeconds()
-                            : 0.0;
-        return std::clamp(elapsed / m_length, 0.0, 1.0);
+        return std::clamp(elapsed(m_clock()) / m_length, 0.0, 1.0);
     }
     double duration() const override { return m_length; }
 
-    Clock m_clock; // a copy: a cue may outlive its output
+    // Seconds of the movie played at host time `now` (negative before its start), counted on
+    // the audio clock.
+    double elapsed(std::uint64_t now) const { return m_audio(now) - startAudio; }
+    // Starts (or resumes at `seconds`) at host time `host`.
+    void startAt(std::uint64_t host, double seconds) {
+        startHost = host;
+        startAudio = m_audio(host) - seconds;
+    }
+
+    // Copies: a cue may outlive its output.
+    Clock m_clock;
+    AudioClock m_audio;
     double m_length;
     bool failed = false;
     bool holdAtEnd = false;
     bool endReported = false;
-    std::uint64_t startHost = 0;
+    std::uint64_t startHost = 0; // when the first picture came up: fades count from here
+    double startAudio = 0.0;     // the audio clock at the movie's time 0
     double fadeIn = 0.0;
     std::uint64_t finishAt = 0; // set while stopping with a fade
     double fadeOut = 0.0;
@@ -74,6 +83,9 @@ public:
 
 CompositedVideoOutput::CompositedVideoOutput(Clock clock, bool autoPoll, QObject* parent)
     : QObject(parent), m_clock(clock ? std::move(clock) : Clock(&HostTime::now)),
+      m_audioClock([](std::uint64_t host) {
+          return static_cast<double>(host) * HostTime::ticksToSeconds();
+      }),
       m_look(CompositorLook::fromPreferences()),
       m_wait(autoPoll ? MoviePlayer::Wait::never : MoviePlayer::Wait::forPicture) {
     if (autoPoll) {
@@ -86,9 +98,14 @@ CompositedVideoOutput::CompositedVideoOutput(Clock clock, bool autoPoll, QObject
 
 CompositedVideoOutput::~CompositedVideoOutput() = default;
 
+void CompositedVideoOutput::setAudioClock(AudioClock clock) {
+    if (clock)
+        m_audioClock = std::move(clock);
+}
+
 std::shared_ptr<VideoCue> CompositedVideoOutput::play(MovieStart start) {
     show();
-    auto movie = std::make_shared<Movie>(m_clock, std::max(start.duration, 0.0));
+    auto movie = std::make_shared<Movie>(m_clock, m_audioClock, std::max(start.duration, 0.0));
     // A file the loader found no picture in, or one gone since, fails as a player's would.
     movie->failed = !(start.duration >= 0.0) || !QFileInfo(start.path).isFile();
     movie->loop = start.loop;
@@ -304,7 +321,10 @@ bool CompositedVideoOutput::seek(VideoCue& cue, double seconds, std::uint64_t ho
     Movie* movie = movieFor(cue);
     if (!movie || !movie->started || movie->finished)
         return false;
-    movie->startHost = hostTime - std::min(hostTime, HostTime::secondsToTicks(seconds));
+    // The fades keep counting from the first picture; the pictures from the new place.
+    const std::uint64_t shown = movie->startHost;
+    movie->startAt(hostTime, seconds);
+    movie->startHost = shown;
     movie->endReported = false;
     return true;
 }
@@ -329,17 +349,17 @@ void CompositedVideoOutput::poll() {
         }
         if (!movie->started) {
             movie->started = true;
-            movie->startHost = now + kStartDelay;
+            movie->startAt(now + kStartDelay, 0.0);
             if (movie->onStart)
                 movie->onStart(movie->startHost);
             continue;
         }
-        const std::uint64_t length = HostTime::secondsToTicks(movie->duration());
-        if (now < movie->startHost + length || movie->endReported)
+        const double length = movie->duration();
+        if (movie->elapsed(now) < length || movie->endReported)
             continue;
-        if (movie->loop && length > 0) {
-            while (now >= movie->startHost + length)
-                movie->startHost += length;
+        if (movie->loop && length > 0.0) {
+            while (movie->elapsed(now) >= length)
+                movie->startAudio += length;
         } else if (movie->holdAtEnd) {
             movie->endReported = true;
             if (movie->onEnd)
@@ -369,9 +389,9 @@ void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint
     for (const auto& movie : m_movies) {
         if (movie->finished || !movie->started || !showsOn(movie->outputs, output))
             continue;
-        double elapsed = secondsBetween(movie->startHost, now);
-        if (elapsed < 0.0)
+        if (now < movie->startHost)
             continue;
+        double elapsed = std::max(movie->elapsed(now), 0.0);
         const double length = movie->duration();
         if (movie->loop && length > 0.0)
             elapsed = std::fmod(elapsed, length);

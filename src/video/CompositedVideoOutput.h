@@ -26,7 +26,8 @@
 // unplugged and come back with it.
 //
 // The clock is the monotonic host clock and a timer polls it, or, for offline renders, a
-// simulated clock that the caller advances and polls itself. Main thread.
+// simulated clock that the caller advances and polls itself. Fades run on that clock; a movie's
+// pictures run on the audio clock (setAudioClock), the one its sound plays by. Main thread.
 class OutputSurface;
 
 class CompositedVideoOutput : public QObject, public VideoOutput {
@@ -68,6 +69,7 @@ public:
     void draw(QPainter& painter, const QRect& area, std::uint64_t now,
               const std::optional<QString>& output = std::nullopt) override;
     bool hasPictures() const override { return !m_movies.empty() || !m_images.empty(); }
+    void setAudioClock(AudioClock clock) override;
     // The video preferences, read when the output is made.
     void setLook(const CompositorLook& look) { m_look = look; }
 
@@ -96,6 +98,7 @@ private:
     void remove(VideoCue& cue);
 
     Clock m_clock;
+    AudioClock m_audioClock;
     QTimer m_timer;
     bool m_autoPoll = false;
     bool m_showing = false;

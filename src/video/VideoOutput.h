@@ -57,4 +57,10 @@ public:
                       const std::optional<QString>& output = std::nullopt) = 0;
     // Whether any picture is up (anything to draw besides the background).
     virtual bool hasPictures() const = 0;
+
+    // The audio device's clock in seconds at a host time. Movies started from now on run on
+    // it, so their pictures stay with their sound, which the device plays at its own rate.
+    // Without one, movies run on host time.
+    using AudioClock = std::function<double(std::uint64_t hostTime)>;
+    virtual void setAudioClock(AudioClock clock) = 0;
 };

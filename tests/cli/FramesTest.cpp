@@ -149,6 +149,49 @@ TEST_F(Frames, FadesLayersAndFitAsAnOutputShowsThem) {
     EXPECT_NEAR(qGray(frame(fitted, 5).pixel(160, 90)), MediaFixtures::pictureGrey(2), 4.0);
 }
 
+// A sound card's crystal is never the host's: over an hour at 100 ppm fast the sound is 0.36 s
+// (9 pictures) ahead of host time. The pictures run on the device's clock and stay with it.
+TEST_F(Frames, AnHourLongMovieStaysWithItsSoundOnADeviceClockThatRunsFast) {
+    constexpr double kHour = 3600.0;
+    const MediaFixtures::Video video{32, 24, 0.0, kHour};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("hour.mkv"), "pcm_s16le",
+                                     {{1, 8000, kHour, 1000.0, 0.5}}, &video));
+    makeShow({movie("hour.mkv")});
+    const QString frames = folder + "/hour";
+    const TypedCommand run =
+        render("0 down 0\n",
+               {"--seconds", "3600", "--rate", "8000", "--channels", "1", "--block", "4096",
+                "--fps", "1", "--size", "32x24", "--device-ppm", "100"},
+               frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+
+    // The sound: released at host 0.08 s, which the fast device reaches at its frame
+    // 0.08 × 8000 × 1.0001; from there it plays the movie's sound at the device's rate.
+    QFile wav(folder + "/out.wav");
+    ASSERT_TRUE(wav.open(QIODevice::ReadOnly));
+    const QByteArray head = wav.read(4096);
+    const qsizetype data = head.indexOf("data") + 8;
+    wav.seek(data);
+    const QByteArray start = wav.read(8000 * 4);
+    qsizetype first = 0;
+    while (first * 4 < start.size() &&
+           *reinterpret_cast<const float*>(start.constData() + first * 4) == 0.0f)
+        ++first;
+    EXPECT_NEAR(first, 0.08 * 8000 * 1.0001, 1.0);
+    EXPECT_EQ(wav.size() - data, static_cast<qint64>(kHour * 8000 * 4));
+
+    // What the sound plays at host time t, in pictures: (t − 0.08) × 1.0001 × 25. The last
+    // pictures show exactly that, not the host clock's (t − 0.08) × 25.
+    for (int t : {3590, 3597}) {
+        const double soundPicture = (t - 0.08) * 1.0001 * 25.0;
+        const double hostPicture = (t - 0.08) * 25.0;
+        ASSERT_GT(soundPicture - hostPicture, 8.0);
+        const int due = static_cast<int>(std::floor(soundPicture));
+        const double grey = qGray(frame(frames, t + 1).pixel(16, 12));
+        EXPECT_NEAR(grey, MediaFixtures::pictureGrey(due), 4.0) << "at " << t << " s";
+    }
+}
+
 // A movie cut short shows what it holds and the show goes on; a file that is no movie fails
 // with the engine's message; neither stops the pictures of the others.
 TEST_F(Frames, DamagedMoviesFailAloneWithAMessage) {
