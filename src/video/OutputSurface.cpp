@@ -1,7 +1,11 @@
 #include "video/OutputSurface.h"
 
 #include <QCloseEvent>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
+#include <QOpenGLPaintDevice>
 #include <QPainter>
+#include <QPlatformSurfaceEvent>
 #include <QScreen>
 #include <QSettings>
 
@@ -13,8 +17,9 @@ QString frameKey(int instance) {
 
 } // namespace
 
-OutputSurface::OutputSurface(QString id, Draw draw)
-    : QOpenGLWindow(QOpenGLWindow::NoPartialUpdate), m_id(std::move(id)), m_draw(std::move(draw)) {}
+OutputSurface::OutputSurface(QString id, Draw draw) : m_id(std::move(id)), m_draw(std::move(draw)) {
+    setSurfaceType(QSurface::OpenGLSurface);
+}
 
 std::unique_ptr<OutputSurface> OutputSurface::window(int instanceNumber, Draw draw) {
     std::unique_ptr<OutputSurface> surface(
@@ -43,14 +48,29 @@ std::unique_ptr<OutputSurface> OutputSurface::display(const QString& id, QScreen
 }
 
 void OutputSurface::cover(QScreen* screen) {
-    if (this->screen() != screen)
+    if (this->screen() != screen) {
+        // A context belongs to its display's screen: a new one is made on the next.
+        releaseGL();
         setScreen(screen);
+    }
     if (geometry() != screen->geometry())
         setGeometry(screen->geometry());
 }
 
 OutputSurface::~OutputSurface() {
     rememberFrame();
+    releaseGL();
+}
+
+void OutputSurface::releaseGL() {
+    if (!m_context)
+        return;
+    if (handle() && m_context->makeCurrent(this)) {
+        m_device.reset();
+        m_context->doneCurrent();
+    }
+    m_device.reset();
+    m_context.reset();
 }
 
 void OutputSurface::rememberFrame() {
@@ -58,18 +78,78 @@ void OutputSurface::rememberFrame() {
         QSettings().setValue(frameKey(m_instance), geometry());
 }
 
-void OutputSurface::paintGL() {
-    QPainter painter(this);
-    const bool moving = m_draw(painter, QRect(QPoint(0, 0), size()), m_id);
+bool OutputSurface::paint(bool& moving) {
+    if (!isExposed())
+        return false;
+    if (!m_context) {
+        m_context = std::make_unique<QOpenGLContext>();
+        m_context->setFormat(requestedFormat());
+        m_context->setScreen(screen());
+        if (!m_context->create()) {
+            m_context.reset();
+            return false;
+        }
+    }
+    if (!m_context->makeCurrent(this))
+        return false;
+    const qreal ratio = devicePixelRatio();
+    const QSize pixels = size() * ratio;
+    if (!m_device)
+        m_device = std::make_unique<QOpenGLPaintDevice>();
+    m_device->setSize(pixels);
+    m_device->setDevicePixelRatio(ratio);
+    m_context->functions()->glViewport(0, 0, pixels.width(), pixels.height());
+    QPainter painter(m_device.get());
+    moving = m_draw(painter, QRect(QPoint(0, 0), size()), m_id);
     painter.end();
+    return true;
+}
+
+void OutputSurface::render() {
+    bool moving = false;
+    if (!paint(moving))
+        return;
+    // Paced by the display: the swap waits for its refresh.
+    m_context->swapBuffers(this);
     if (moving)
-        update(); // the next frame, at the next refresh
+        requestUpdate(); // the next frame, at the next refresh
+}
+
+QImage OutputSurface::grabFramebuffer() {
+    bool moving = false;
+    if (!paint(moving))
+        return {};
+    const QSize pixels = size() * devicePixelRatio();
+    QImage image(pixels, QImage::Format_RGBA8888);
+    m_context->functions()->glReadPixels(0, 0, pixels.width(), pixels.height(), GL_RGBA,
+                                         GL_UNSIGNED_BYTE, image.bits());
+    m_context->swapBuffers(this);
+    // OpenGL's rows run bottom-up.
+    return image.mirrored();
+}
+
+void OutputSurface::exposeEvent(QExposeEvent*) {
+    if (isExposed())
+        render();
 }
 
 bool OutputSurface::event(QEvent* event) {
-    if (event->type() == QEvent::Close) {
+    switch (event->type()) {
+    case QEvent::UpdateRequest:
+        render();
+        return true;
+    case QEvent::Close:
         rememberFrame();
         emit closedByHand(m_id);
+        break;
+    case QEvent::PlatformSurface:
+        // The window is about to lose its native surface: let the context go first.
+        if (static_cast<QPlatformSurfaceEvent*>(event)->surfaceEventType() ==
+            QPlatformSurfaceEvent::SurfaceAboutToBeDestroyed)
+            releaseGL();
+        break;
+    default:
+        break;
     }
-    return QOpenGLWindow::event(event);
+    return QWindow::event(event);
 }

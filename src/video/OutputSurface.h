@@ -1,18 +1,26 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
-#include <QOpenGLWindow>
+#include <QImage>
 #include <QString>
+#include <QWindow>
 
+class QOpenGLContext;
+class QOpenGLPaintDevice;
 class QScreen;
 
 // One place pictures are shown: the movable window ("映像出力 #n") or a whole display. It draws
 // the composited scene of its output with OpenGL at the display's refresh while pictures move,
 // and once when they stop. A display surface has no frame, covers exactly its display, stays
 // above every other window on every desktop, never takes the keyboard (key presses stay with
-// the main window) and is not hidden when another program is in front. Main thread.
-class OutputSurface : public QOpenGLWindow {
+// the main window) and is not hidden when another program is in front.
+//
+// It owns its OpenGL context and releases it while its window still exists: a context made
+// current on a window that is already gone crashes Mesa's GLX on a second X screen, which is
+// what QOpenGLWindow's own teardown does. Main thread.
+class OutputSurface : public QWindow {
     Q_OBJECT
 public:
     // Paints what output `id` shows into the area; returns whether pictures are up (then the
@@ -29,21 +37,30 @@ public:
     // A display surface: exactly that display's area (again after a change of resolution).
     void cover(QScreen* screen);
     // The pictures changed: draw again at the next refresh.
-    void wake() { update(); }
+    void wake() { requestUpdate(); }
+    // Draws a frame and reads back what OpenGL drew (for checks and screenshots); null when the
+    // surface is not on screen.
+    QImage grabFramebuffer();
 
 signals:
     // The operator closed the window (the output is no longer wanted).
     void closedByHand(const QString& id);
 
 protected:
-    void paintGL() override;
     bool event(QEvent* event) override;
+    void exposeEvent(QExposeEvent* event) override;
 
 private:
     OutputSurface(QString id, Draw draw);
     void rememberFrame();
+    // Draws the scene into the back buffer; false when there is nowhere to draw.
+    bool paint(bool& moving);
+    void render();
+    void releaseGL();
 
     QString m_id;
     Draw m_draw;
     int m_instance = 0; // the window's, for its remembered frame
+    std::unique_ptr<QOpenGLContext> m_context;
+    std::unique_ptr<QOpenGLPaintDevice> m_device;
 };

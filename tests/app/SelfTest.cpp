@@ -16,7 +16,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
-#include <QOpenGLWindow>
+#include <QMenu>
 #include <QPixmap>
 #include <QScreen>
 #include <QTableWidget>
@@ -36,6 +36,8 @@
 #include "cue/AppModel.h"
 #include "model/KeyPalette.h"
 #include "model/KeyboardLayout.h"
+#include "video/OutputSurface.h"
+#include "video/ScreenList.h"
 
 namespace SelfTest {
 namespace {
@@ -268,27 +270,42 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
 
 // The output window from the menu: a window of its own showing the pictures of the keys, while
 // the keys stay with the main window; the same menu entry closes it.
-void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
-                       const QString& folder, Log& log) {
+constexpr KeyCode kMovieKey = 6; // Z
+
+// A 4:3 movie of 4 s on the Z key.
+bool assignMovie(AppModel& model, const QString& folder, Log& log) {
     const MediaFixtures::Video video{160, 120, 0.0, 4.0};
     const std::string movie = (folder + "/movie.mp4").toStdString();
-    if (!MediaFixtures::write(movie, "aac", {{1, 48000, 4.0, 440.0, 0.2}}, &video))
-        return log.check(false, "a movie could be written");
-    constexpr KeyCode kMovieKey = 6; // Z
+    QDir().mkpath(folder);
+    if (!MediaFixtures::write(movie, "aac", {{1, 48000, 4.0, 440.0, 0.2}}, &video)) {
+        log.check(false, "a movie could be written");
+        return false;
+    }
     model.editor().assign(QString::fromStdString(movie), kMovieKey);
     waitForMedia(model);
-    QAction* toggle = nullptr;
+    return true;
+}
+
+QAction* menuAction(MainWindow& window, const QString& text) {
     for (QAction* action : window.findChildren<QAction*>())
-        if (action->text() == QStringLiteral("映像出力を開く／閉じる"))
-            toggle = action;
+        if (action->text() == text)
+            return action;
+    return nullptr;
+}
+
+void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
+                       const QString& folder, Log& log) {
+    if (!assignMovie(model, folder, log))
+        return;
+    QAction* toggle = menuAction(window, QStringLiteral("映像出力を開く／閉じる"));
     if (!toggle)
         return log.check(false, "the menu has 映像出力を開く／閉じる");
     toggle->trigger();
     waitFor(400);
-    QOpenGLWindow* output = nullptr;
+    OutputSurface* output = nullptr;
     for (QWindow* candidate : QGuiApplication::topLevelWindows())
         if (candidate->title() == QStringLiteral("映像出力 #1") && candidate->isExposed())
-            output = dynamic_cast<QOpenGLWindow*>(candidate);
+            output = dynamic_cast<OutputSurface*>(candidate);
     log.check(output != nullptr, "the menu opens the window 映像出力 #1");
     log.check(model.status().text() == QStringLiteral("映像出力は開いています"),
               "the status line says the output is open");
@@ -316,6 +333,71 @@ void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
     log.check(!model.video().isShowing() && gone, "the same entry closes it");
 }
 
+// Two displays: the operator chooses the second in 再生 › 映像の出力先; a surface covers exactly
+// that display without a frame, the keys stay with the main window, and the movie a key starts
+// is drawn there.
+void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& shot,
+                         const QString& folder, Log& log) {
+    const QList<QScreen*> screens = QGuiApplication::screens();
+    if (screens.size() < 2)
+        return log.check(false, QString("Qt sees two displays (it sees %1)").arg(screens.size()));
+    if (!assignMovie(model, folder, log))
+        return;
+    QMenu* choices = nullptr;
+    for (QMenu* menu : window.findChildren<QMenu*>())
+        if (menu->title() == QStringLiteral("映像の出力先"))
+            choices = menu;
+    if (!choices)
+        return log.check(false, "the menu has 映像の出力先");
+    emit choices->aboutToShow(); // as opening the menu does: it lists the displays attached now
+    QAction* second = nullptr;
+    for (QAction* action : choices->actions())
+        if (action->text().startsWith(QStringLiteral("2: ")))
+            second = action;
+    if (!second)
+        return log.check(false, "the output menu lists a display 2");
+    log.check(!second->text().contains(QStringLiteral("※操作画面")),
+              "display 2 is not marked as the main window's");
+    second->trigger();
+    waitFor(500);
+    QScreen* target = ScreenList::qtScreens().value(1);
+    OutputSurface* surface = nullptr;
+    for (QWindow* candidate : QGuiApplication::topLevelWindows())
+        if (candidate->screen() == target && candidate->isExposed())
+            surface = dynamic_cast<OutputSurface*>(candidate);
+    log.check(surface != nullptr, "choosing display 2 opens a surface on it");
+    if (!surface)
+        return;
+    log.check(surface->geometry() == target->geometry(),
+              QString("the surface covers display 2 exactly (%1,%2 %3×%4)")
+                  .arg(surface->geometry().x())
+                  .arg(surface->geometry().y())
+                  .arg(surface->geometry().width())
+                  .arg(surface->geometry().height()));
+    log.check(surface->flags().testFlag(Qt::FramelessWindowHint) &&
+                  surface->flags().testFlag(Qt::WindowDoesNotAcceptFocus) &&
+                  surface->flags().testFlag(Qt::WindowStaysOnTopHint),
+              "the surface has no frame, stays on top and takes no focus");
+    press(window, kMovieKey, true);
+    press(window, kMovieKey, false);
+    log.check(model.isRunning(kMovieKey), "a key press on the main window starts the movie");
+    log.check(QGuiApplication::focusWindow() != surface,
+              "the display surface leaves the keys alone");
+    waitFor(700);
+    const QImage frame = surface->grabFramebuffer();
+    frame.save(QFileInfo(shot).dir().filePath("display-surface.png"));
+    const QPoint middle(frame.width() / 2, frame.height() / 2);
+    log.check(!frame.isNull() && qGray(frame.pixel(middle)) > 20,
+              QString("display 2 shows the movie (grey %1 in the middle)")
+                  .arg(frame.isNull() ? -1 : qGray(frame.pixel(middle))));
+    second->trigger(); // unchecked: the display is no longer wanted
+    waitFor(300);
+    bool gone = true;
+    for (QWindow* candidate : QGuiApplication::topLevelWindows())
+        gone = gone && !(candidate->screen() == target && candidate->isVisible());
+    log.check(gone, "unchoosing display 2 closes its surface");
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -330,6 +412,9 @@ int run(AppModel& model, MainWindow& window) {
         checkOutputWindow(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
                           log);
     }
+    if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_DISPLAYS"))
+        checkDisplaySurface(model, window, qEnvironmentVariable("VORLIN_SELFTEST_DISPLAYS"), folder,
+                            log);
     model.stopAll(true);
     std::printf("selftest: %d passed, %d failed\n", log.passed, log.failed);
     return log.failed == 0 && log.passed > 0 ? 0 : 1;
