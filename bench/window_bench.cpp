@@ -22,6 +22,7 @@
 
 #include "QtBenchMain.h"
 #include "TempDir.h"
+#include "VirtualDisplay.h"
 #include "audio/WavWriter.h"
 #include "cue/AppModel.h"
 
@@ -41,28 +42,6 @@ double cpuSeconds(pid_t pid) {
     fields >> user >> system;
     return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
-
-class VirtualDisplay {
-public:
-    VirtualDisplay() {
-        for (int n = 150; n < 200 && m_name.isEmpty(); ++n)
-            if (!QFile::exists(QString("/tmp/.X11-unix/X%1").arg(n)) &&
-                !QFile::exists(QString("/tmp/.X%1-lock").arg(n)))
-                m_name = QString(":%1").arg(n);
-        m_server.start("Xvfb", {m_name, "-screen", "0", "1920x1200x24", "-nolisten", "tcp"});
-        for (int i = 0; i < 50 && !QFile::exists("/tmp/.X11-unix/X" + m_name.mid(1)); ++i)
-            std::this_thread::sleep_for(100ms);
-    }
-    ~VirtualDisplay() {
-        m_server.terminate();
-        m_server.waitForFinished(3000);
-    }
-    const QString& name() const { return m_name; }
-
-private:
-    QString m_name;
-    QProcess m_server;
-};
 
 // A show with one looping stereo tone on the A key.
 QString makeShow(const std::string& folder) {

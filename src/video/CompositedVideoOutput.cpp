@@ -232,6 +232,9 @@ void CompositedVideoOutput::rebuildOutputs() {
         this->draw(painter, area, HostTime::now(), id);
         return hasPictures();
     };
+    const auto key = [this](const QString& id) {
+        return OutputSurface::Scene{sceneKey(HostTime::now(), id), hasPictures()};
+    };
     const QList<QScreen*> qtScreens = ScreenList::qtScreens();
     for (const auto& surface : m_surfaces) {
         if (const auto index = screens.find(surface->id());
@@ -244,9 +247,9 @@ void CompositedVideoOutput::rebuildOutputs() {
             continue;
         std::unique_ptr<OutputSurface> surface;
         if (id == QStringLiteral("window"))
-            surface = OutputSurface::window(*m_surfacesFor, draw);
+            surface = OutputSurface::window(*m_surfacesFor, draw, key);
         else if (const auto index = screens.find(id); index && *index < qtScreens.size())
-            surface = OutputSurface::display(id, qtScreens[*index], draw);
+            surface = OutputSurface::display(id, qtScreens[*index], draw, key);
         if (!surface)
             continue;
         // Closing the window by hand: it is no longer wanted. Queued: the surface is the sender.
@@ -383,8 +386,8 @@ void CompositedVideoOutput::poll() {
         m_timer.stop();
 }
 
-void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,
-                                 const std::optional<QString>& output) {
+std::vector<CompositorLayer> CompositedVideoOutput::compose(std::uint64_t now,
+                                                            const std::optional<QString>& output) {
     std::vector<CompositorLayer> layers;
     for (const auto& movie : m_movies) {
         if (movie->finished || !movie->started || !showsOn(movie->outputs, output))
@@ -412,5 +415,25 @@ void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint
             {&image.picture, image.cue->z,
              opacityAt(image.shownAt, image.fadeIn, image.finishAt, image.fadeOut, now)});
     }
-    Compositor::draw(painter, area, std::move(layers), m_look);
+    return layers;
+}
+
+void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,
+                                 const std::optional<QString>& output) {
+    Compositor::draw(painter, area, compose(now, output), m_look);
+}
+
+std::uint64_t CompositedVideoOutput::sceneKey(std::uint64_t now, const QString& output) {
+    // FNV-1a over what decides the pixels.
+    std::uint64_t key = 1469598103934665603ull;
+    const auto mix = [&key](std::uint64_t value) { key = (key ^ value) * 1099511628211ull; };
+    mix(static_cast<std::uint64_t>(m_look.fit));
+    mix(m_look.background.rgba());
+    for (const CompositorLayer& layer : compose(now, output)) {
+        mix(layer.picture ? static_cast<std::uint64_t>(layer.picture->cacheKey()) : 0);
+        mix(static_cast<std::uint64_t>(std::llround(layer.depth)));
+        // A thousandth of opacity is below what eight bits per channel show.
+        mix(static_cast<std::uint64_t>(std::llround(layer.opacity * 1000.0)));
+    }
+    return key;
 }

@@ -68,6 +68,9 @@ public:
 
     void draw(QPainter& painter, const QRect& area, std::uint64_t now,
               const std::optional<QString>& output = std::nullopt) override;
+    // What `output` shows at `now` in a number: the same number, the same picture (which
+    // pictures, where, how opaque). A surface whose scene has not changed need not draw again.
+    std::uint64_t sceneKey(std::uint64_t now, const QString& output);
     bool hasPictures() const override { return !m_movies.empty() || !m_images.empty(); }
     void setAudioClock(AudioClock clock) override;
     // The video preferences, read when the output is made.
@@ -95,6 +98,8 @@ private:
     // Makes the surfaces match the wanted outputs and the displays attached now.
     void rebuildOutputs();
     Movie* movieFor(VideoCue& cue);
+    // The layers `output` (none: the monitor view) shows at `now`, movies decoded to it.
+    std::vector<CompositorLayer> compose(std::uint64_t now, const std::optional<QString>& output);
     void remove(VideoCue& cue);
 
     Clock m_clock;

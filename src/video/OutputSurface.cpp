@@ -17,13 +17,14 @@ QString frameKey(int instance) {
 
 } // namespace
 
-OutputSurface::OutputSurface(QString id, Draw draw) : m_id(std::move(id)), m_draw(std::move(draw)) {
+OutputSurface::OutputSurface(QString id, Draw draw, SceneKey key)
+    : m_id(std::move(id)), m_draw(std::move(draw)), m_sceneKey(std::move(key)) {
     setSurfaceType(QSurface::OpenGLSurface);
 }
 
-std::unique_ptr<OutputSurface> OutputSurface::window(int instanceNumber, Draw draw) {
+std::unique_ptr<OutputSurface> OutputSurface::window(int instanceNumber, Draw draw, SceneKey key) {
     std::unique_ptr<OutputSurface> surface(
-        new OutputSurface(QStringLiteral("window"), std::move(draw)));
+        new OutputSurface(QStringLiteral("window"), std::move(draw), std::move(key)));
     surface->m_instance = instanceNumber;
     surface->setTitle(QStringLiteral("映像出力 #%1").arg(instanceNumber));
     const QRect frame =
@@ -34,9 +35,9 @@ std::unique_ptr<OutputSurface> OutputSurface::window(int instanceNumber, Draw dr
     return surface;
 }
 
-std::unique_ptr<OutputSurface> OutputSurface::display(const QString& id, QScreen* screen,
-                                                      Draw draw) {
-    std::unique_ptr<OutputSurface> surface(new OutputSurface(id, std::move(draw)));
+std::unique_ptr<OutputSurface> OutputSurface::display(const QString& id, QScreen* screen, Draw draw,
+                                                      SceneKey key) {
+    std::unique_ptr<OutputSurface> surface(new OutputSurface(id, std::move(draw), std::move(key)));
     // Above everything and on every desktop: a window the window manager does not manage (X11)
     // is stacked over all others and belongs to no desktop; it never takes the keyboard.
     surface->setFlags(Qt::Window | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
@@ -63,6 +64,7 @@ OutputSurface::~OutputSurface() {
 }
 
 void OutputSurface::releaseGL() {
+    m_drawnKey.reset();
     if (!m_context)
         return;
     if (handle() && m_context->makeCurrent(this)) {
@@ -106,11 +108,21 @@ bool OutputSurface::paint(bool& moving) {
 }
 
 void OutputSurface::render() {
+    if (m_sceneKey && isExposed()) {
+        const Scene scene = m_sceneKey(m_id);
+        if (scene.key == m_drawnKey) {
+            if (scene.moving)
+                requestUpdate(); // pictures are up, none has changed: look again next refresh
+            return;
+        }
+        m_drawnKey = scene.key;
+    }
     bool moving = false;
     if (!paint(moving))
         return;
     // Paced by the display: the swap waits for its refresh.
     m_context->swapBuffers(this);
+    ++m_framesDrawn;
     if (moving)
         requestUpdate(); // the next frame, at the next refresh
 }
@@ -129,6 +141,7 @@ QImage OutputSurface::grabFramebuffer() {
 }
 
 void OutputSurface::exposeEvent(QExposeEvent*) {
+    m_drawnKey.reset(); // what was on screen may be gone
     if (isExposed())
         render();
 }

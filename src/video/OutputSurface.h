@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include <QImage>
 #include <QString>
@@ -26,11 +27,21 @@ public:
     // Paints what output `id` shows into the area; returns whether pictures are up (then the
     // next refresh is drawn too).
     using Draw = std::function<bool(QPainter& painter, const QRect& area, const QString& id)>;
+    // A number for what output `id` would show now, and whether pictures are up (so the next
+    // refresh must be looked at too). While the number stays the same the refresh is left as
+    // it is and the CPU goes to decoding: a 30 fps movie needs 30 draws a second, not the
+    // display's 60 or more. None: every refresh is drawn.
+    struct Scene {
+        std::uint64_t key = 0;
+        bool moving = false;
+    };
+    using SceneKey = std::function<Scene(const QString& id)>;
 
     // The movable window, its frame remembered per instance.
-    static std::unique_ptr<OutputSurface> window(int instanceNumber, Draw draw);
+    static std::unique_ptr<OutputSurface> window(int instanceNumber, Draw draw, SceneKey key = {});
     // A display, covered whole.
-    static std::unique_ptr<OutputSurface> display(const QString& id, QScreen* screen, Draw draw);
+    static std::unique_ptr<OutputSurface> display(const QString& id, QScreen* screen, Draw draw,
+                                                  SceneKey key = {});
     ~OutputSurface() override;
 
     const QString& id() const { return m_id; }
@@ -41,6 +52,8 @@ public:
     // Draws a frame and reads back what OpenGL drew (for checks and screenshots); null when the
     // surface is not on screen.
     QImage grabFramebuffer();
+    // Frames drawn and swapped so far.
+    std::int64_t framesDrawn() const { return m_framesDrawn; }
 
 signals:
     // The operator closed the window (the output is no longer wanted).
@@ -51,7 +64,7 @@ protected:
     void exposeEvent(QExposeEvent* event) override;
 
 private:
-    OutputSurface(QString id, Draw draw);
+    OutputSurface(QString id, Draw draw, SceneKey key);
     void rememberFrame();
     // Draws the scene into the back buffer; false when there is nowhere to draw.
     bool paint(bool& moving);
@@ -60,6 +73,9 @@ private:
 
     QString m_id;
     Draw m_draw;
+    SceneKey m_sceneKey;
+    std::optional<std::uint64_t> m_drawnKey; // the scene on screen; none: draw the next refresh
+    std::int64_t m_framesDrawn = 0;
     int m_instance = 0; // the window's, for its remembered frame
     std::unique_ptr<QOpenGLContext> m_context;
     std::unique_ptr<QOpenGLPaintDevice> m_device;

@@ -383,7 +383,14 @@ void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& sho
     log.check(model.isRunning(kMovieKey), "a key press on the main window starts the movie");
     log.check(QGuiApplication::focusWindow() != surface,
               "the display surface leaves the keys alone");
-    waitFor(700);
+    waitFor(500);
+    // A 25 fps movie: a frame per new picture, not one per refresh of the display.
+    const std::int64_t before = surface->framesDrawn();
+    waitFor(1000);
+    const std::int64_t frames = surface->framesDrawn() - before;
+    log.check(frames >= 20 && frames <= 30,
+              QString("the surface draws each new picture and nothing more (%1 frames in 1 s)")
+                  .arg(frames));
     const QImage frame = surface->grabFramebuffer();
     frame.save(QFileInfo(shot).dir().filePath("display-surface.png"));
     const QPoint middle(frame.width() / 2, frame.height() / 2);

@@ -109,8 +109,8 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
         out.codec->width = video->width;
         out.codec->height = video->height;
         out.codec->pix_fmt = AV_PIX_FMT_YUV420P;
-        out.codec->time_base = AVRational{1, 25};
-        out.codec->gop_size = 25;
+        out.codec->time_base = AVRational{1, video->fps};
+        out.codec->gop_size = video->fps;
         if (globalHeader)
             out.codec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         if (avcodec_open2(out.codec, codec, nullptr) < 0)
@@ -124,7 +124,7 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
         out.frame->width = video->width;
         out.frame->height = video->height;
         av_frame_get_buffer(out.frame, 0);
-        out.total = static_cast<std::int64_t>(video->seconds * 25);
+        out.total = static_cast<std::int64_t>(video->seconds * video->fps);
         outs.push_back(out);
     }
     for (const Tone& tone : tracks) {

@@ -15,13 +15,14 @@ struct Tone {
     double noise = 0.0; // amplitude of white noise added (repeatable), for realistic payloads
 };
 
-// 25 pictures a second, each a flat grey that tells its number n: luma 16 + 8n (mod 216), so
-// about 9.3 n in RGB.
+// `fps` pictures a second (25 unless said), each a flat grey that tells its number n: luma
+// 16 + 8n (mod 216), so about 9.3 n in RGB.
 struct Video {
     int width = 320;
     int height = 240;
     double rotation = 0.0; // degrees, stored as a display matrix
     double seconds = 1.0;
+    int fps = 25;
 };
 
 // The container follows the file extension (wav, flac, mp3, m4a, ogg, opus, mp4, mkv, mov …);
