@@ -108,3 +108,60 @@ TEST(Compositor, FitFillAndStretchPlaceA4To3PictureInA16To9Output) {
     EXPECT_NEAR(mixed.red(), 128, 2);
     EXPECT_NEAR(mixed.blue(), 128, 2);
 }
+
+// The three ways a movie ends, on a simulated clock (1 s movie, started at 1.08 s): a loop
+// starts again and never reports an end, its fade-in counted once; a movie held at its end
+// keeps its last picture and reports the end once; a stop with a fade takes the picture down
+// linearly and then finishes the cue.
+TEST(VideoOutput, LoopHoldAtEndAndStopWithAFade) {
+    TempDir dir;
+    const MediaFixtures::Video video{160, 120, 0.0, 1.0};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mkv"), "pcm_s16le", {}, &video));
+    std::uint64_t now = HostTime::secondsToTicks(1.0);
+    CompositedVideoOutput output([&] { return now; }, false);
+    const auto at = [&](double seconds) {
+        now = HostTime::secondsToTicks(seconds);
+        output.poll();
+        QImage target(160, 120, QImage::Format_RGB32);
+        QPainter painter(&target);
+        output.draw(painter, target.rect(), now);
+        painter.end();
+        return qGray(target.pixel(80, 60));
+    };
+    int loopEnds = 0, heldEnds = 0;
+    MovieStart looped;
+    looped.path = QString::fromStdString(dir.file("movie.mkv"));
+    looped.duration = 1.0;
+    looped.loop = true;
+    looped.fadeIn = 0.5;
+    looped.onEnd = [&] { ++loopEnds; };
+    const auto loop = output.play(looped);
+    at(1.0); // started: its time 0 is at 1.08 s
+    EXPECT_NEAR(at(1.08 + 0.25 + 0.001), MediaFixtures::pictureGrey(6) * 0.5, 4.0);
+    // Round again: picture 10 at full opacity (the fade-in is not played again).
+    EXPECT_NEAR(at(1.08 + 1.4 + 0.001), MediaFixtures::pictureGrey(10), 4.0);
+    EXPECT_NEAR(at(1.08 + 3.2 + 0.001), MediaFixtures::pictureGrey(5), 4.0);
+    EXPECT_EQ(loopEnds, 0);
+    EXPECT_FALSE(loop->finished);
+    output.finish(*loop);
+
+    MovieStart held = looped;
+    held.loop = false;
+    held.fadeIn = 0.0;
+    held.holdAtEnd = true;
+    held.onEnd = [&] { ++heldEnds; };
+    const auto hold = output.play(held);
+    at(10.0); // its time 0 at 10.08 s
+    EXPECT_NEAR(at(10.08 + 0.5 + 0.001), MediaFixtures::pictureGrey(12), 4.0);
+    for (double t : {11.2, 11.5, 12.0})
+        EXPECT_NEAR(at(t), MediaFixtures::pictureGrey(24), 4.0) << t; // the last picture stays
+    EXPECT_EQ(heldEnds, 1);
+    EXPECT_FALSE(hold->finished);
+
+    output.stop(*hold, 1.0); // at 12 s: half down at 12.5, gone at 13
+    EXPECT_NEAR(at(12.5), MediaFixtures::pictureGrey(24) * 0.5, 4.0);
+    EXPECT_FALSE(hold->finished);
+    EXPECT_EQ(at(13.01), 0);
+    EXPECT_TRUE(hold->finished);
+    EXPECT_EQ(output.movieCount(), 0u);
+}
