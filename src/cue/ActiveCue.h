@@ -26,6 +26,7 @@ struct ActiveCue {
     const KeyAssignment assignment;
     std::optional<std::int64_t> voiceID;
     std::shared_ptr<VideoCue> video;
+    std::shared_ptr<ImageCue> image; // a still picture: up until stopped
     // Set by any stop; a stopping cue no longer counts as running. There is no way back.
     bool stopping = false;
 };

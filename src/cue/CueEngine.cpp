@@ -87,7 +87,14 @@ void CueEngine::handleKey(KeyCode code, bool down, bool shift, bool isRepeat) {
         return;
     }
     if (a.isDeck()) {
-        // A running deck steps to its next item; without decks there is nothing to step yet.
+        // A running deck steps to its next item. A single picture has none after it: the press
+        // steps past the end and ends it, or, with slideLoop, comes round to the same picture.
+        if (a.isImage() && isRunning(code)) {
+            if (!a.slideLoop)
+                stopKey(code, a.fadeOut);
+            return;
+        }
+        // Other decks: nothing to step yet.
         startKey(code, 0);
         return;
     }
@@ -146,11 +153,30 @@ void CueEngine::startKey(KeyCode code, std::int64_t deckIndex) {
     auto cue = std::make_shared<ActiveCue>(m_nextCueID++, code, a.displayName(),
                                            m_document.currentPageID(), a);
     startMedia(cue, a, *info);
-    if (cue->voiceID || cue->video)
+    if (cue->voiceID || cue->video || cue->image)
         m_cues.push_back(cue);
 }
 
+// Where a picture of key `a` goes and at what depth; each picture started is above the ones
+// before it on its layer.
+CueEngine::Placement CueEngine::place(const KeyAssignment& a) {
+    m_visualSequence += 1.0;
+    if (!m_video.isShowing())
+        m_video.show();
+    Placement placement;
+    if (a.screens)
+        placement.outputs = QSet<QString>(a.screens->begin(), a.screens->end());
+    placement.z = static_cast<double>(a.layer) * 1'000'000.0 + m_visualSequence;
+    return placement;
+}
+
 void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info) {
+    if (info.picture) {
+        const Placement placement = place(a);
+        cue->image = m_video.showImage([picture = info.picture] { return *picture; }, a.fadeIn,
+                                       placement.z, placement.outputs);
+        return;
+    }
     const bool wantVideo = info.probe.hasVideo && a.showVideo;
     if (info.clip) {
         const RouteList routes = Routing::routes(a.matrix, a.outputMap.toStdString(),
@@ -167,13 +193,7 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     }
     if (!wantVideo)
         return;
-    m_visualSequence += 1.0;
-    if (!m_video.isShowing())
-        m_video.show();
-    OutputSet outputs;
-    if (a.screens)
-        outputs = QSet<QString>(a.screens->begin(), a.screens->end());
-    const double z = static_cast<double>(a.layer) * 1'000'000.0 + m_visualSequence;
+    const Placement placement = place(a);
     QPointer<CueEngine> self(this);
     const std::optional<std::int64_t> voice = cue->voiceID;
     const QString name = a.displayName();
@@ -195,8 +215,8 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     movie.loop = a.loop;
     movie.playerAudio = info.audioViaPlayer;
     movie.volume = static_cast<float>(a.volume);
-    movie.z = z;
-    movie.outputs = outputs;
+    movie.z = placement.z;
+    movie.outputs = placement.outputs;
     movie.onStart = onStart;
     movie.onFail = onFail;
     cue->video = m_video.play(std::move(movie));
@@ -208,6 +228,8 @@ void CueEngine::stop(ActiveCue& cue, double fade) {
         m_mixer.stop(*cue.voiceID, fade);
     if (cue.video)
         m_video.stop(*cue.video, fade);
+    if (cue.image)
+        m_video.stop(*cue.image, fade);
 }
 
 void CueEngine::stopKey(KeyCode code, double fade) {
@@ -305,11 +327,14 @@ void CueEngine::tick() {
                 voice = &found->second;
         }
         const bool voiceDone = !voice || voice->done;
-        if (voiceDone && (!cue->video || cue->video->finished))
+        if (voiceDone && (!cue->video || cue->video->finished) &&
+            (!cue->image || cue->image->finished))
             continue;
         kept.push_back(cue);
 
-        const double cueProgress = cue->video ? cue->video->progress() : voice->progress;
+        const double cueProgress = cue->video ? cue->video->progress()
+                                   : voice    ? voice->progress
+                                              : 0.0; // a picture stands until it is stopped
         const bool onPage = cue->page == currentPage;
         if (!cue->stopping)
             playingPages.insert(cue->page);
@@ -325,7 +350,8 @@ void CueEngine::tick() {
         row.name = cue->name;
         row.progress = cueProgress;
         row.stopping = cue->stopping;
-        row.hasVideo = cue->video && !cue->video->finished;
+        row.hasVideo =
+            (cue->video && !cue->video->finished) || (cue->image && !cue->image->finished);
         if (!onPage)
             row.pageName = m_document.pageName(cue->page).value_or(kDeletedPage);
         if (const auto target = seekTarget(*cue)) {

@@ -82,6 +82,11 @@ signals:
 private:
     void select(KeyCode code);
     void applyNextMaterialRule(KeyCode code, const KeyAssignment& starting);
+    struct Placement {
+        double z = 0.0;
+        OutputSet outputs;
+    };
+    Placement place(const KeyAssignment& a);
     void startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info);
 
     // What a seek of the cue acts on: its voice and/or movie, and the length in seconds.

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <optional>
 
+#include <QImage>
 #include <QString>
 
 #include "audio/AudioClip.h"
@@ -10,14 +12,15 @@
 #include "model/KeyAssignment.h"
 
 // Load state of one entry of the media table (by media key).
-// Decks (slide files, images, lists) get their `deck` with the deck builder; until then such
-// entries carry an error and never a deck.
+// A still picture is decoded (upright) when it loads; decks (slide files, lists) get their
+// `deck` with the deck builder; until then such entries carry an error and never a deck.
 struct MediaInfo {
     bool loading = false;
     QString progressText;
     MediaProbe probe;
-    AudioClipPtr clip;           // decoded audio when the mixer plays it
-    bool audioViaPlayer = false; // the sound is played by the video player
+    AudioClipPtr clip;                     // decoded audio when the mixer plays it
+    std::shared_ptr<const QImage> picture; // a still picture, decoded
+    bool audioViaPlayer = false;           // the sound is played by the video player
     std::optional<QString> error;
     // Loaded, but with something the operator should know (damaged samples silenced).
     std::optional<QString> warning;

@@ -7,6 +7,8 @@
 #include <QPointer>
 #include <QThreadPool>
 
+#include "video/PictureFile.h"
+
 namespace {
 
 const QString kLoading = QStringLiteral("読み込み中…");
@@ -18,6 +20,15 @@ MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFl
     if (!QFileInfo(path).isFile()) {
         missing = true;
         info.error = QStringLiteral("ファイルが見つかりません");
+        return info;
+    }
+    if (KeyAssignment(path, 0).isImage()) {
+        QString error;
+        QImage picture = PictureFile::read(path, error);
+        if (picture.isNull())
+            info.error = error;
+        else
+            info.picture = std::make_shared<const QImage>(std::move(picture));
         return info;
     }
     const std::string file = path.toStdString();
@@ -49,9 +60,8 @@ MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFl
 std::optional<QString> notYetPlayable(const KeyAssignment& a) {
     if (a.sources && !a.sources->isEmpty())
         return QStringLiteral("リスト（押すたび次へ）の再生にはまだ対応していません");
-    if (a.isImage())
-        return QStringLiteral("画像の表示にはまだ対応していません");
-    if (a.isDeck())
+    // A single picture is a deck of one; until decks play it is shown as an image cue.
+    if (a.isDeck() && !a.isImage())
         return QStringLiteral("スライドの再生にはまだ対応していません");
     return std::nullopt;
 }

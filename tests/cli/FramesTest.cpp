@@ -3,6 +3,7 @@
 
 #include <QFile>
 #include <QImage>
+#include <QImageWriter>
 
 #include "MediaFixtures.h"
 #include "TempDir.h"
@@ -190,6 +191,49 @@ TEST_F(Frames, AnHourLongMovieStaysWithItsSoundOnADeviceClockThatRunsFast) {
         const double grey = qGray(frame(frames, t + 1).pixel(16, 12));
         EXPECT_NEAR(grey, MediaFixtures::pictureGrey(due), 4.0) << "at " << t << " s";
     }
+}
+
+// Still pictures on keys: turned upright as the file says, faded in, taken down by a second
+// press; a file that is no picture is named on the terminal and the others show.
+TEST_F(Frames, StillPicturesShowUprightFadeAndGoAndANonPictureSaysSo) {
+    QImage flat(160, 120, QImage::Format_RGB32);
+    flat.fill(QColor(200, 200, 200));
+    ASSERT_TRUE(flat.save(folder + "/flat.png"));
+    // A photo held sideways: stored 40×20, red left and blue right, marked "turn 90° clockwise".
+    QImage stored(40, 20, QImage::Format_RGB32);
+    stored.fill(Qt::blue);
+    for (int y = 0; y < 20; ++y)
+        for (int x = 0; x < 20; ++x)
+            stored.setPixel(x, y, qRgb(255, 0, 0));
+    QImageWriter writer(folder + "/sideways.jpg");
+    writer.setTransformation(QImageIOHandler::TransformationRotate90);
+    ASSERT_TRUE(writer.write(stored));
+    QFile fake(folder + "/fake.png");
+    ASSERT_TRUE(fake.open(QIODevice::WriteOnly));
+    fake.write("not a picture at all");
+    fake.close();
+
+    KeyAssignment faded = movie("flat.png");
+    faded.fadeIn = 1.0;
+    faded.fadeOut = 0.0;
+    makeShow({faded, movie("sideways.jpg"), movie("fake.png")});
+    const QString frames = folder + "/pictures";
+    const TypedCommand run =
+        render("0 down 0\n0 down 2\n1.5 down 0\n2 down 1\n",
+               {"--seconds", "2.5", "--fps", "10", "--size", "160x120"}, frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains("fake.png")) << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains(QStringLiteral("画像として読めません"))) << run.err.toStdString();
+    EXPECT_NEAR(qGray(frame(frames, 6).pixel(80, 60)), 100, 4); // half-way through its fade-in
+    EXPECT_NEAR(qGray(frame(frames, 13).pixel(80, 60)), 200, 4);
+    EXPECT_EQ(qGray(frame(frames, 17).pixel(80, 60)), 0); // pressed again at 1.5 s: gone
+    // Upright: 20×40, red above blue, fitted in the middle of 160×120.
+    const QImage upright = frame(frames, 23);
+    EXPECT_GT(qRed(upright.pixel(70, 30)), 180);
+    EXPECT_LT(qBlue(upright.pixel(70, 30)), 80);
+    EXPECT_GT(qBlue(upright.pixel(70, 90)), 180);
+    EXPECT_LT(qRed(upright.pixel(70, 90)), 80);
+    EXPECT_EQ(qGray(upright.pixel(20, 60)), 0); // beside the portrait picture: background
 }
 
 // A movie cut short shows what it holds and the show goes on; a file that is no movie fails

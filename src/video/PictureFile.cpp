@@ -1,0 +1,25 @@
+#include "video/PictureFile.h"
+
+#include <QImageReader>
+
+namespace PictureFile {
+
+QImage read(const QString& path, QString& error) {
+    QImageReader reader(path);
+    reader.setAutoTransform(true);
+    if (!reader.canRead()) {
+        error = QStringLiteral("画像として読めません");
+        return {};
+    }
+    const QSize size = reader.size();
+    if (size.isValid() && (size.width() > kLargestSide || size.height() > kLargestSide))
+        reader.setScaledSize(size.scaled(kLargestSide, kLargestSide, Qt::KeepAspectRatio));
+    QImage image = reader.read();
+    if (image.isNull()) {
+        error = QStringLiteral("画像を読み込めません（%1）").arg(reader.errorString());
+        return {};
+    }
+    return image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+}
+
+} // namespace PictureFile
