@@ -1,9 +1,9 @@
 #include <cmath>
 #include <gtest/gtest.h>
 
+#include <QBuffer>
 #include <QFile>
 #include <QImage>
-#include <QImageWriter>
 
 #include "MediaFixtures.h"
 #include "TempDir.h"
@@ -205,9 +205,23 @@ TEST_F(Frames, StillPicturesShowUprightFadeAndGoAndANonPictureSaysSo) {
     for (int y = 0; y < 20; ++y)
         for (int x = 0; x < 20; ++x)
             stored.setPixel(x, y, qRgb(255, 0, 0));
-    QImageWriter writer(folder + "/sideways.jpg");
-    writer.setTransformation(QImageIOHandler::TransformationRotate90);
-    ASSERT_TRUE(writer.write(stored));
+    // Qt's writer would turn the pixels themselves: the tag goes in by hand, as a camera writes
+    // it (an EXIF block right after the start marker, Orientation = 6).
+    QByteArray jpeg;
+    QBuffer buffer(&jpeg);
+    buffer.open(QIODevice::WriteOnly);
+    ASSERT_TRUE(stored.save(&buffer, "JPG", 95));
+    const char exif[] = "\xFF\xE1\x00\x22"
+                        "Exif\0\0"
+                        "MM\x00\x2A\x00\x00\x00\x08"
+                        "\x00\x01"
+                        "\x01\x12\x00\x03\x00\x00\x00\x01\x00\x06\x00\x00"
+                        "\x00\x00\x00\x00";
+    jpeg.insert(2, QByteArray(exif, sizeof exif - 1));
+    QFile sideways(folder + "/sideways.jpg");
+    ASSERT_TRUE(sideways.open(QIODevice::WriteOnly));
+    sideways.write(jpeg);
+    sideways.close();
     QFile fake(folder + "/fake.png");
     ASSERT_TRUE(fake.open(QIODevice::WriteOnly));
     fake.write("not a picture at all");
