@@ -16,12 +16,10 @@ std::vector<std::int64_t> column(const RouteList& routes, std::int64_t Route::*f
 
 Voice::Voice(AudioClipPtr voiceClip, const RouteList& routes)
     : clip(std::move(voiceClip)), src(column(routes, &Route::source)),
-      dst(column(routes, &Route::output)), peaks(new std::atomic<float>[static_cast<std::size_t>(
-                                               std::max<std::int64_t>(clip->channelCount, 1))]),
-      peakCount(static_cast<std::size_t>(std::max<std::int64_t>(clip->channelCount, 1))) {
-    for (std::size_t c = 0; c < peakCount; ++c)
-        peaks[c].store(0.0f, std::memory_order_relaxed);
-}
+      dst(column(routes, &Route::output)),
+      // Value-initialised: every peak starts at zero.
+      peaks(std::make_unique<std::atomic<float>[]>(
+          static_cast<std::size_t>(std::max<std::int64_t>(clip->channelCount, 1)))) {}
 
 void Voice::publish() noexcept {
     shownProgress.store(position / static_cast<double>(clip->frameCount),

@@ -54,5 +54,4 @@ public:
     // Per clip channel peak since the last snapshot, max(channelCount, 1) values: raised by the
     // render thread (AtomicPeak::raise), taken and zeroed by the control thread.
     const std::unique_ptr<std::atomic<float>[]> peaks;
-    const std::size_t peakCount;
 };
