@@ -64,8 +64,7 @@ void BM_MovieOnAnOutput(benchmark::State& state) {
         drawn.reserve(20000);
         auto surface = OutputSurface::window(
             1,
-            [&](QPainter& painter, const QRect& area, const QString& id) {
-                const std::uint64_t now = HostTime::now();
+            [&](QPainter& painter, const QRect& area, const QString& id, std::uint64_t now) {
                 output.draw(painter, area, now, id);
                 painter.beginNativePainting();
                 auto* gl = QOpenGLContext::currentContext()->functions();
@@ -77,9 +76,9 @@ void BM_MovieOnAnOutput(benchmark::State& state) {
                                  pixel[1], pixel[2]});
                 return true; // keep drawing every refresh, pictures or not
             },
-            [&](const QString& id) {
+            [&](const QString& id, std::uint64_t now) {
                 // Looked at every refresh: this surface is not one the output wakes.
-                return OutputSurface::Scene{output.sceneKey(HostTime::now(), id), true};
+                return OutputSurface::Scene{output.sceneKey(now, id), true};
             });
         output.prepare(QString::fromStdString(path));
         QEventLoop loop;

@@ -228,12 +228,13 @@ void CompositedVideoOutput::rebuildOutputs() {
     std::erase_if(m_surfaces, [&](const std::unique_ptr<OutputSurface>& surface) {
         return !wanted.contains(surface->id());
     });
-    const auto draw = [this](QPainter& painter, const QRect& area, const QString& id) {
-        this->draw(painter, area, HostTime::now(), id);
+    const auto draw = [this](QPainter& painter, const QRect& area, const QString& id,
+                             std::uint64_t now) {
+        this->draw(painter, area, now, id);
         return hasPictures();
     };
-    const auto key = [this](const QString& id) {
-        return OutputSurface::Scene{sceneKey(HostTime::now(), id), hasPictures()};
+    const auto key = [this](const QString& id, std::uint64_t now) {
+        return OutputSurface::Scene{sceneKey(now, id), hasPictures()};
     };
     const QList<QScreen*> qtScreens = ScreenList::qtScreens();
     for (const auto& surface : m_surfaces) {

@@ -9,6 +9,8 @@
 #include <QScreen>
 #include <QSettings>
 
+#include "audio/HostTime.h"
+
 namespace {
 
 QString frameKey(int instance) {
@@ -80,7 +82,7 @@ void OutputSurface::rememberFrame() {
         QSettings().setValue(frameKey(m_instance), geometry());
 }
 
-bool OutputSurface::paint(bool& moving) {
+bool OutputSurface::paint(std::uint64_t now, bool& moving) {
     if (!isExposed())
         return false;
     if (!m_context) {
@@ -102,14 +104,15 @@ bool OutputSurface::paint(bool& moving) {
     m_device->setDevicePixelRatio(ratio);
     m_context->functions()->glViewport(0, 0, pixels.width(), pixels.height());
     QPainter painter(m_device.get());
-    moving = m_draw(painter, QRect(QPoint(0, 0), size()), m_id);
+    moving = m_draw(painter, QRect(QPoint(0, 0), size()), m_id, now);
     painter.end();
     return true;
 }
 
 void OutputSurface::render() {
+    const std::uint64_t now = HostTime::now();
     if (m_sceneKey && isExposed()) {
-        const Scene scene = m_sceneKey(m_id);
+        const Scene scene = m_sceneKey(m_id, now);
         if (scene.key == m_drawnKey) {
             if (scene.moving)
                 requestUpdate(); // pictures are up, none has changed: look again next refresh
@@ -118,7 +121,7 @@ void OutputSurface::render() {
         m_drawnKey = scene.key;
     }
     bool moving = false;
-    if (!paint(moving))
+    if (!paint(now, moving))
         return;
     // Paced by the display: the swap waits for its refresh.
     m_context->swapBuffers(this);
@@ -129,7 +132,7 @@ void OutputSurface::render() {
 
 QImage OutputSurface::grabFramebuffer() {
     bool moving = false;
-    if (!paint(moving))
+    if (!paint(HostTime::now(), moving))
         return {};
     const QSize pixels = size() * devicePixelRatio();
     QImage image(pixels, QImage::Format_RGBA8888);

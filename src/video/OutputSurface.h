@@ -24,18 +24,20 @@ class QScreen;
 class OutputSurface : public QWindow {
     Q_OBJECT
 public:
-    // Paints what output `id` shows into the area; returns whether pictures are up (then the
-    // next refresh is drawn too).
-    using Draw = std::function<bool(QPainter& painter, const QRect& area, const QString& id)>;
-    // A number for what output `id` would show now, and whether pictures are up (so the next
+    // Paints what output `id` shows at host time `now` into the area; returns whether pictures
+    // are up (then the next refresh is drawn too).
+    using Draw = std::function<bool(QPainter& painter, const QRect& area, const QString& id,
+                                    std::uint64_t now)>;
+    // A number for what output `id` shows at `now`, and whether pictures are up (so the next
     // refresh must be looked at too). While the number stays the same the refresh is left as
     // it is and the CPU goes to decoding: a 30 fps movie needs 30 draws a second, not the
-    // display's 60 or more. None: every refresh is drawn.
+    // display's 60 or more. A refresh asks both with the same `now`, so the number is that of
+    // the picture drawn. None: every refresh is drawn.
     struct Scene {
         std::uint64_t key = 0;
         bool moving = false;
     };
-    using SceneKey = std::function<Scene(const QString& id)>;
+    using SceneKey = std::function<Scene(const QString& id, std::uint64_t now)>;
 
     // The movable window, its frame remembered per instance.
     static std::unique_ptr<OutputSurface> window(int instanceNumber, Draw draw, SceneKey key = {});
@@ -66,8 +68,8 @@ protected:
 private:
     OutputSurface(QString id, Draw draw, SceneKey key);
     void rememberFrame();
-    // Draws the scene into the back buffer; false when there is nowhere to draw.
-    bool paint(bool& moving);
+    // Draws the scene at `now` into the back buffer; false when there is nowhere to draw.
+    bool paint(std::uint64_t now, bool& moving);
     void render();
     void releaseGL();
 
