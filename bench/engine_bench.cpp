@@ -23,6 +23,7 @@
 
 #include "JackRecorder.h"
 #include "JackServer.h"
+#include "Median.h"
 #include "QtBenchMain.h"
 #include "cue/AppModel.h"
 #include "device/JackBackend.h"
@@ -146,12 +147,6 @@ private:
     jack_client_t* m_client = nullptr;
     std::vector<jack_port_t*> m_ports;
 };
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n == 0 ? 0.0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2.0;
-}
 
 // Keeps the model ticking (as the window would) for `seconds`; returns the xruns counted.
 std::int64_t window(AppModel& model, const XrunCounter& counter, double seconds) {

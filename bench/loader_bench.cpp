@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "MediaFixtures.h"
+#include "Median.h"
 #include "media/AudioLoader.h"
 
 extern char** environ;
@@ -70,12 +71,6 @@ long statusKilobytes(const char* field) {
             return std::strtol(line.c_str() + std::strlen(field), nullptr, 10);
     }
     return -1;
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const std::size_t n = values.size();
-    return n == 0 ? 0.0 : n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2.0;
 }
 
 // The loader and ffmpeg take turns (A, B, A, B…); each pair gives a ratio, and the medians are

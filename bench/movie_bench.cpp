@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <vector>
 
+#include "Median.h"
 #include "video/MoviePlayer.h"
 
 extern char** environ;
@@ -50,11 +51,6 @@ const std::string& fixture() {
 
 double seconds(const std::chrono::steady_clock::time_point& since) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
 }
 
 void BM_Decode1080p(benchmark::State& state) {

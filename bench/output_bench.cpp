@@ -26,6 +26,7 @@
 #include <QTimer>
 
 #include "MediaFixtures.h"
+#include "Median.h"
 #include "TempDir.h"
 #include "VirtualDisplay.h"
 #include "audio/HostTime.h"
@@ -43,11 +44,6 @@ struct Drawn {
     double took = 0.0; // seconds from the start of the draw to its pixels read back
     int red = 0, green = 0, blue = 0;
 };
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[v.size() / 2];
-}
 
 void BM_MovieOnAnOutput(benchmark::State& state) {
     TempDir dir;

@@ -20,6 +20,7 @@
 #include <QDir>
 #include <QProcess>
 
+#include "Median.h"
 #include "QtBenchMain.h"
 #include "TempDir.h"
 #include "VirtualDisplay.h"
@@ -94,11 +95,6 @@ double measure(const VirtualDisplay& display, const QString& show, const std::st
         vorlin.kill();
     vorlin.waitForFinished();
     return 100.0 * used / seconds;
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2.0;
 }
 
 void BM_Window(benchmark::State& state) {
