@@ -1,6 +1,8 @@
 #include "SelfTest.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <functional>
 
 #include <QAbstractButton>
 #include <QAction>
@@ -293,6 +295,32 @@ QAction* menuAction(MainWindow& window, const QString& text) {
     return nullptr;
 }
 
+// The output surface on screen that `is` picks, if there is one.
+OutputSurface* exposedSurface(const std::function<bool(QWindow*)>& is) {
+    for (QWindow* candidate : QGuiApplication::topLevelWindows())
+        if (is(candidate) && candidate->isExposed())
+            return dynamic_cast<OutputSurface*>(candidate);
+    return nullptr;
+}
+
+bool anyVisible(const std::function<bool(QWindow*)>& is) {
+    const QWindowList windows = QGuiApplication::topLevelWindows();
+    return std::any_of(windows.begin(), windows.end(),
+                       [&](QWindow* window) { return is(window) && window->isVisible(); });
+}
+
+// What OpenGL drew on `surface`, kept as `name` beside the screenshot; the movie (a grey well
+// above black) must be in the middle of it.
+QImage checkShowsMovie(OutputSurface& surface, const QString& shot, const QString& name,
+                       const QString& what, Log& log) {
+    const QImage frame = surface.grabFramebuffer();
+    frame.save(QFileInfo(shot).dir().filePath(name));
+    const int grey =
+        frame.isNull() ? -1 : qGray(frame.pixel(frame.width() / 2, frame.height() / 2));
+    log.check(grey > 20, QString("%1 shows the movie (grey %2 in the middle)").arg(what).arg(grey));
+    return frame;
+}
+
 void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
                        const QString& folder, Log& log) {
     if (!assignMovie(model, folder, log))
@@ -302,10 +330,10 @@ void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
         return log.check(false, "the menu has 映像出力を開く／閉じる");
     toggle->trigger();
     waitFor(400);
-    OutputSurface* output = nullptr;
-    for (QWindow* candidate : QGuiApplication::topLevelWindows())
-        if (candidate->title() == QStringLiteral("映像出力 #1") && candidate->isExposed())
-            output = dynamic_cast<OutputSurface*>(candidate);
+    const auto isOutputWindow = [](QWindow* window) {
+        return window->title() == QStringLiteral("映像出力 #1");
+    };
+    OutputSurface* output = exposedSurface(isOutputWindow);
     log.check(output != nullptr, "the menu opens the window 映像出力 #1");
     log.check(model.status().text() == QStringLiteral("映像出力は開いています"),
               "the status line says the output is open");
@@ -316,21 +344,14 @@ void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
     log.check(model.isRunning(kMovieKey), "a key press still reaches the show");
     log.check(QGuiApplication::focusWindow() != output, "the output window leaves the keys alone");
     waitFor(700);
-    const QImage frame = output->grabFramebuffer();
-    frame.save(QFileInfo(shot).dir().filePath("output-window.png"));
-    const QPoint middle(frame.width() / 2, frame.height() / 2);
-    log.check(!frame.isNull() && qGray(frame.pixel(middle)) > 20,
-              QString("the output window shows the movie (grey %1 in the middle)")
-                  .arg(frame.isNull() ? -1 : qGray(frame.pixel(middle))));
-    log.check(!frame.isNull() && qGray(frame.pixel(4, middle.y())) == 0,
+    const QImage frame =
+        checkShowsMovie(*output, shot, "output-window.png", "the output window", log);
+    log.check(!frame.isNull() && qGray(frame.pixel(4, frame.height() / 2)) == 0,
               "a 4:3 movie in the 16:9 window has black bars");
     toggle->trigger();
     waitFor(200);
-    bool gone = true;
-    for (QWindow* candidate : QGuiApplication::topLevelWindows())
-        gone = gone &&
-               !(candidate->title() == QStringLiteral("映像出力 #1") && candidate->isVisible());
-    log.check(!model.video().isShowing() && gone, "the same entry closes it");
+    log.check(!model.video().isShowing() && !anyVisible(isOutputWindow),
+              "the same entry closes it");
 }
 
 // Two displays: the operator chooses the second in 再生 › 映像の出力先; a surface covers exactly
@@ -361,10 +382,8 @@ void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& sho
     second->trigger();
     waitFor(500);
     QScreen* target = ScreenList::qtScreens().value(1);
-    OutputSurface* surface = nullptr;
-    for (QWindow* candidate : QGuiApplication::topLevelWindows())
-        if (candidate->screen() == target && candidate->isExposed())
-            surface = dynamic_cast<OutputSurface*>(candidate);
+    const auto onTarget = [target](QWindow* window) { return window->screen() == target; };
+    OutputSurface* surface = exposedSurface(onTarget);
     log.check(surface != nullptr, "choosing display 2 opens a surface on it");
     if (!surface)
         return;
@@ -391,18 +410,10 @@ void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& sho
     log.check(frames >= 20 && frames <= 30,
               QString("the surface draws each new picture and nothing more (%1 frames in 1 s)")
                   .arg(frames));
-    const QImage frame = surface->grabFramebuffer();
-    frame.save(QFileInfo(shot).dir().filePath("display-surface.png"));
-    const QPoint middle(frame.width() / 2, frame.height() / 2);
-    log.check(!frame.isNull() && qGray(frame.pixel(middle)) > 20,
-              QString("display 2 shows the movie (grey %1 in the middle)")
-                  .arg(frame.isNull() ? -1 : qGray(frame.pixel(middle))));
+    checkShowsMovie(*surface, shot, "display-surface.png", "display 2", log);
     second->trigger(); // unchecked: the display is no longer wanted
     waitFor(300);
-    bool gone = true;
-    for (QWindow* candidate : QGuiApplication::topLevelWindows())
-        gone = gone && !(candidate->screen() == target && candidate->isVisible());
-    log.check(gone, "unchoosing display 2 closes its surface");
+    log.check(!anyVisible(onTarget), "unchoosing display 2 closes its surface");
 }
 
 int run(AppModel& model, MainWindow& window) {

@@ -52,6 +52,10 @@ protected:
                                              frames} +
                                  options);
     }
+    bool writeFile(const QString& name, const QByteArray& bytes) {
+        QFile file(folder + "/" + name);
+        return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+    }
     QImage frame(const QString& frames, int number) {
         return QImage(frames + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
     }
@@ -218,14 +222,8 @@ TEST_F(Frames, StillPicturesShowUprightFadeAndGoAndANonPictureSaysSo) {
                         "\x01\x12\x00\x03\x00\x00\x00\x01\x00\x06\x00\x00"
                         "\x00\x00\x00\x00";
     jpeg.insert(2, QByteArray(exif, sizeof exif - 1));
-    QFile sideways(folder + "/sideways.jpg");
-    ASSERT_TRUE(sideways.open(QIODevice::WriteOnly));
-    sideways.write(jpeg);
-    sideways.close();
-    QFile fake(folder + "/fake.png");
-    ASSERT_TRUE(fake.open(QIODevice::WriteOnly));
-    fake.write("not a picture at all");
-    fake.close();
+    ASSERT_TRUE(writeFile("sideways.jpg", jpeg));
+    ASSERT_TRUE(writeFile("fake.png", "not a picture at all"));
 
     KeyAssignment faded = movie("flat.png");
     faded.fadeIn = 1.0;
@@ -258,10 +256,7 @@ TEST_F(Frames, DamagedMoviesFailAloneWithAMessage) {
                                      {{1, 48000, 1.0, 1000.0, 0.5}}, &video));
     QFile cut(folder + "/cut.mkv");
     ASSERT_TRUE(cut.resize(cut.size() / 2));
-    QFile fake(folder + "/fake.mp4");
-    ASSERT_TRUE(fake.open(QIODevice::WriteOnly));
-    fake.write(QByteArray(4096, 'x'));
-    fake.close();
+    ASSERT_TRUE(writeFile("fake.mp4", QByteArray(4096, 'x')));
     KeyAssignment good = movie("movie.mp4");
     good.layer = 9; // above the others (5)
     makeShow({movie("cut.mkv"), movie("fake.mp4"), good});
