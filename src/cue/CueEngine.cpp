@@ -171,9 +171,9 @@ CueEngine::Placement CueEngine::place(const KeyAssignment& a) {
 }
 
 void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info) {
-    if (info.picture) {
+    if (!info.picture.isNull()) {
         const Placement placement = place(a);
-        cue->image = m_video.showImage([picture = info.picture] { return *picture; }, a.fadeIn,
+        cue->image = m_video.showImage([picture = info.picture] { return picture; }, a.fadeIn,
                                        placement.z, placement.outputs);
         return;
     }

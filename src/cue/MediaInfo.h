@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <memory>
 #include <optional>
 
 #include <QImage>
@@ -18,9 +17,9 @@ struct MediaInfo {
     bool loading = false;
     QString progressText;
     MediaProbe probe;
-    AudioClipPtr clip;                     // decoded audio when the mixer plays it
-    std::shared_ptr<const QImage> picture; // a still picture, decoded
-    bool audioViaPlayer = false;           // the sound is played by the video player
+    AudioClipPtr clip;           // decoded audio when the mixer plays it
+    QImage picture;              // a still picture, decoded (null: none)
+    bool audioViaPlayer = false; // the sound is played by the video player
     std::optional<QString> error;
     // Loaded, but with something the operator should know (damaged samples silenced).
     std::optional<QString> warning;

@@ -14,21 +14,19 @@ namespace {
 const QString kLoading = QStringLiteral("読み込み中…");
 
 // What a single file becomes; runs on a pool thread.
-MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFlag* cancel,
-                   bool& missing) {
+MediaInfo loadFile(const QString& path, bool isPicture, double rate,
+                   const AudioLoader::CancelFlag* cancel, bool& missing) {
     MediaInfo info;
     if (!QFileInfo(path).isFile()) {
         missing = true;
         info.error = QStringLiteral("ファイルが見つかりません");
         return info;
     }
-    if (KeyAssignment(path, 0).isImage()) {
+    if (isPicture) {
         QString error;
-        QImage picture = PictureFile::read(path, error);
-        if (picture.isNull())
+        info.picture = PictureFile::read(path, error);
+        if (info.picture.isNull())
             info.error = error;
-        else
-            info.picture = std::make_shared<const QImage>(std::move(picture));
         return info;
     }
     const std::string file = path.toStdString();
@@ -101,11 +99,12 @@ void MediaLoader::loadMedia(const KeyAssignment& assignment, bool force) {
     emit mediaChanged(key);
 
     const QString path = assignment.path;
+    const bool isPicture = assignment.isImage();
     const double rate = m_targetRate();
     QPointer<MediaLoader> self(this);
-    QThreadPool::globalInstance()->start([self, key, path, rate, cancel, generation] {
+    QThreadPool::globalInstance()->start([self, key, path, isPicture, rate, cancel, generation] {
         bool missing = false;
-        MediaInfo info = loadFile(path, rate, cancel.get(), missing);
+        MediaInfo info = loadFile(path, isPicture, rate, cancel.get(), missing);
         QMetaObject::invokeMethod(
             QCoreApplication::instance(), // lives on the main thread, unlike a pool task
             [self, key, generation, info = std::move(info), missing]() mutable {
