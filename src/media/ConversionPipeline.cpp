@@ -29,7 +29,7 @@ ConversionPipeline::ConversionPipeline(double inputRate, double outputRate,
     }
     for (auto& worker : m_workers)
         worker->thread = std::thread([this, w = worker.get()] { work(*w); });
-    m_pending = takePiece(2 * kPieceFrames);
+    m_pending = takePiece();
     m_pendingDest.resize(outputs.size());
 }
 
@@ -39,7 +39,8 @@ ConversionPipeline::~ConversionPipeline() {
     m_workers.clear();
 }
 
-std::unique_ptr<ConversionPipeline::Piece> ConversionPipeline::takePiece(std::size_t capacity) {
+std::unique_ptr<ConversionPipeline::Piece> ConversionPipeline::takePiece() {
+    constexpr std::size_t capacity = 2 * kPieceFrames;
     std::unique_ptr<Piece> piece;
     {
         std::lock_guard lock(m_mutex);
@@ -101,7 +102,7 @@ void ConversionPipeline::pushPending() {
         std::lock_guard lock(m_mutex);
         m_free.emplace_back(done);
     });
-    m_pending = takePiece(2 * kPieceFrames);
+    m_pending = takePiece();
 
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] {

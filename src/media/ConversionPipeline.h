@@ -48,7 +48,8 @@ private:
     };
     struct Worker;
 
-    std::unique_ptr<Piece> takePiece(std::size_t capacity);
+    // A piece from the pool, or a new one, empty and with room for two pieces' frames.
+    std::unique_ptr<Piece> takePiece();
     void pushPending();
     void work(Worker& worker);
     void stop();

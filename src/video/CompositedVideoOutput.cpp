@@ -56,11 +56,8 @@ public:
     // Seconds of the movie played at host time `now` (negative before its start), counted on
     // the audio clock.
     double elapsed(std::uint64_t now) const { return m_audio(now) - startAudio; }
-    // Starts (or resumes at `seconds`) at host time `host`.
-    void startAt(std::uint64_t host, double seconds) {
-        startHost = host;
-        startAudio = m_audio(host) - seconds;
-    }
+    // Plays the movie's `seconds` at host time `host`, and on from there.
+    void playAt(std::uint64_t host, double seconds) { startAudio = m_audio(host) - seconds; }
 
     // Copies: a cue may outlive its output.
     Clock m_clock;
@@ -326,9 +323,7 @@ bool CompositedVideoOutput::seek(VideoCue& cue, double seconds, std::uint64_t ho
     if (!movie || !movie->started || movie->finished)
         return false;
     // The fades keep counting from the first picture; the pictures from the new place.
-    const std::uint64_t shown = movie->startHost;
-    movie->startAt(hostTime, seconds);
-    movie->startHost = shown;
+    movie->playAt(hostTime, seconds);
     movie->endReported = false;
     return true;
 }
@@ -353,7 +348,8 @@ void CompositedVideoOutput::poll() {
         }
         if (!movie->started) {
             movie->started = true;
-            movie->startAt(now + kStartDelay, 0.0);
+            movie->startHost = now + kStartDelay;
+            movie->playAt(movie->startHost, 0.0);
             if (movie->onStart)
                 movie->onStart(movie->startHost);
             continue;
