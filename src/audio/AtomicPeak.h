@@ -8,7 +8,6 @@
 namespace AtomicPeak {
 
 static_assert(std::atomic<float>::is_always_lock_free);
-static_assert(std::atomic<double>::is_always_lock_free);
 
 // Render thread. A take between the load and the exchange makes it retry against the zero, so
 // no peak is lost.

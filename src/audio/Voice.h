@@ -49,6 +49,7 @@ public:
     // Published state, written under the lock (publish) and read by the control thread without
     // it. `shownDone` is stored last with release order, so a reader that sees it also sees the
     // final progress.
+    static_assert(std::atomic<double>::is_always_lock_free); // read and written in real time
     std::atomic<double> shownProgress{0.0};
     std::atomic<bool> shownDone{false};
     // Per clip channel peak since the last snapshot, max(channelCount, 1) values: raised by the

@@ -19,7 +19,7 @@ constexpr std::uint64_t kStartHost = 1'000'000'000;
 } // namespace
 
 ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrames, double devicePpm)
-    : m_rate(sampleRate), m_framesPerHostSecond(sampleRate * (1.0 + devicePpm * 1e-6)) {
+    : m_rate(sampleRate) {
     auto video = std::make_unique<CompositedVideoOutput>(
         [this] { return m_device ? m_device->hostTime() : kStartHost; }, false);
     m_model = std::make_unique<AppModel>(std::move(video));
@@ -85,18 +85,20 @@ bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, W
     std::size_t nextEvent = 0;
     std::int64_t nextTick = 0;
     std::int64_t nextFrame = 0;
+    // Device frames per second of host time: script times, ticks and pictures are host times.
+    const double framesPerHostSecond = m_device->framesPerHostSecond();
     const std::int64_t frameCount =
         frames ? static_cast<std::int64_t>(
-                     std::ceil(seconds * m_rate / m_framesPerHostSecond * frames->fps - 1e-9))
+                     std::ceil(seconds * m_rate / framesPerHostSecond * frames->fps - 1e-9))
                : 0;
     std::vector<const float*> channels(static_cast<std::size_t>(m_device->channelCount()));
     while (m_device->framesRendered() < total) {
         const std::int64_t start = m_device->framesRendered();
         // Exact comparisons in frames: an event at t is due when t × rate ≤ the block's start.
         while (nextEvent < events.size() &&
-               events[nextEvent].seconds * m_framesPerHostSecond <= static_cast<double>(start))
+               events[nextEvent].seconds * framesPerHostSecond <= static_cast<double>(start))
             apply(events[nextEvent++]);
-        while (static_cast<double>(nextTick) * m_framesPerHostSecond / 30.0 <=
+        while (static_cast<double>(nextTick) * framesPerHostSecond / 30.0 <=
                static_cast<double>(start)) {
             video.poll();
             m_model->tick();
@@ -105,7 +107,7 @@ bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, W
         // A picture is drawn with the state of the block it falls in, at its own time.
         const std::int64_t end = start + m_device->blockFrames();
         while (nextFrame < frameCount &&
-               static_cast<double>(nextFrame) * m_framesPerHostSecond / frames->fps <
+               static_cast<double>(nextFrame) * framesPerHostSecond / frames->fps <
                    static_cast<double>(end)) {
             if (!writeFrame(*frames, nextFrame++))
                 return false;

@@ -50,9 +50,6 @@ private:
     bool writeFrame(const FrameOptions& frames, std::int64_t index);
 
     int m_rate;
-    // Device frames per second of host time (the rate, off by the device's ppm): script times,
-    // ticks and pictures are host times.
-    double m_framesPerHostSecond;
     std::unique_ptr<AppModel> m_model;
     std::unique_ptr<OfflineRenderer> m_device;
 };
