@@ -27,6 +27,9 @@ ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrame
     m_device = std::make_unique<OfflineRenderer>(m_model->mixer(), channels, blockFrames,
                                                  sampleRate, kStartHost, devicePpm);
     m_model->cueEngine().setOutputChannelCount(channels);
+    // Seeks and slide timing on the simulated clock; a slide shows the moment it is due.
+    m_model->cueEngine().setHostClock([this] { return m_device->hostTime(); });
+    m_model->cueEngine().setDecodePicturesInline(true);
 }
 
 void ShowRenderer::open(const QString& path) {
@@ -44,6 +47,14 @@ QStringList ShowRenderer::mediaProblems() const {
             problems << QStringLiteral("メディアを読み込めません: %1: %2").arg(name, *info.error);
         if (info.warning)
             problems << QStringLiteral("メディアに問題があります: %1: %2").arg(name, *info.warning);
+        if (info.deck) {
+            for (const auto& [file, failure] : info.deck->failures)
+                problems << QStringLiteral("メディアを読み込めません: %1: %2")
+                                .arg(info.deck->pathOf(file), failure);
+            for (const QString& file : info.deck->missing)
+                problems << QStringLiteral("メディアを読み込めません: %1: ファイルが見つかりません")
+                                .arg(info.deck->pathOf(file));
+        }
     }
     return problems;
 }

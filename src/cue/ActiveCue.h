@@ -7,6 +7,7 @@
 #include <QString>
 #include <QUuid>
 
+#include "cue/DeckCue.h"
 #include "model/KeyAssignment.h"
 #include "video/VideoCue.h"
 
@@ -26,7 +27,7 @@ struct ActiveCue {
     const KeyAssignment assignment;
     std::optional<std::int64_t> voiceID;
     std::shared_ptr<VideoCue> video;
-    std::shared_ptr<ImageCue> image; // a still picture: up until stopped
+    std::shared_ptr<DeckCue> deck; // a deck, list or picture key
     // Set by any stop; a stopping cue no longer counts as running. There is no way back.
     bool stopping = false;
 };

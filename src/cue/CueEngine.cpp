@@ -16,6 +16,12 @@ const QString kLoading = QStringLiteral("読み込み中です");
 const QString kNoRoute = QStringLiteral(": 出力先のチャンネルがありません（ルーティングを確認）");
 const QString kVideoFailed = QStringLiteral(": 映像を再生できません");
 const QString kDeletedPage = QStringLiteral("削除したページ");
+const QString kAllDisabled =
+    QStringLiteral(": 流す素材がありません（一覧ですべて無効になっています）");
+const QString kDisabledItem = QStringLiteral("無効にした素材は流せません");
+const QString kNoSound = QStringLiteral(": 音声を読み込めませんでした");
+// An image never advances by itself sooner than this after it was shown.
+constexpr double kShortestSlide = 0.3;
 
 void raiseTo(std::vector<float>& into, const std::vector<float>& levels) {
     if (into.size() < levels.size())
@@ -87,15 +93,13 @@ void CueEngine::handleKey(KeyCode code, bool down, bool shift, bool isRepeat) {
         return;
     }
     if (a.isDeck()) {
-        // A running deck steps to its next item. A single picture has none after it: the press
-        // steps past the end and ends it, or, with slideLoop, comes round to the same picture.
-        if (a.isImage() && isRunning(code)) {
-            if (!a.slideLoop)
-                stopKey(code, a.fadeOut);
-            return;
-        }
-        // Other decks: nothing to step yet.
-        startKey(code, 0);
+        // Whatever the mode: a running deck steps on (past its last item it ends, or with
+        // slideLoop comes round to the first), else the key starts at its first item.
+        const ActiveCuePtr running = newestRunning(code);
+        if (running && running->deck)
+            deckStep(running, 1);
+        else
+            startKey(code, 0);
         return;
     }
     switch (a.mode) {
@@ -132,7 +136,6 @@ void CueEngine::applyNextMaterialRule(KeyCode code, const KeyAssignment& startin
 }
 
 void CueEngine::startKey(KeyCode code, std::int64_t deckIndex) {
-    Q_UNUSED(deckIndex);
     const auto found = m_document.assignments.find(code);
     if (found == m_document.assignments.end())
         return;
@@ -152,9 +155,24 @@ void CueEngine::startKey(KeyCode code, std::int64_t deckIndex) {
     applyNextMaterialRule(code, a);
     auto cue = std::make_shared<ActiveCue>(m_nextCueID++, code, a.displayName(),
                                            m_document.currentPageID(), a);
-    startMedia(cue, a, *info);
-    if (cue->voiceID || cue->video || cue->image)
+    if (info->deck) {
+        cue->deck = std::make_shared<DeckCue>(info->deck);
+        if (enabledItems(*cue).empty()) {
+            m_status.show(a.displayName() + kAllDisabled);
+            return;
+        }
+        cue->deck->itemStarted = now();
         m_cues.push_back(cue);
+        deckGo(cue, deckIndex, a.fadeIn);
+        return;
+    }
+    startMedia(cue, a, *info);
+    if (cue->voiceID || cue->video)
+        m_cues.push_back(cue);
+}
+
+std::uint64_t CueEngine::now() const {
+    return m_hostClock ? m_hostClock() : HostTime::now();
 }
 
 // Where a picture of key `a` goes and at what depth; each picture started is above the ones
@@ -171,26 +189,10 @@ CueEngine::Placement CueEngine::place(const KeyAssignment& a) {
 }
 
 void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info) {
-    if (!info.picture.isNull()) {
-        const Placement placement = place(a);
-        cue->image = m_video.showImage([picture = info.picture] { return picture; }, a.fadeIn,
-                                       placement.z, placement.outputs);
-        return;
-    }
     const bool wantVideo = info.probe.hasVideo && a.showVideo;
-    if (info.clip) {
-        const RouteList routes = Routing::routes(a.matrix, a.outputMap.toStdString(),
-                                                 info.clip->channelCount, m_outputChannels);
-        if (routes.empty())
-            m_status.show(a.displayName() + kNoRoute);
-        if (info.clip->frameCount >= 2 && !routes.empty()) {
-            // A movie's sound waits, armed, for the host time at which its picture starts.
-            const std::int64_t voice = m_mixer.play(info.clip, routes, static_cast<float>(a.volume),
-                                                    a.fadeIn, a.loop, wantVideo);
-            if (voice > 0)
-                cue->voiceID = voice;
-        }
-    }
+    // A movie's sound waits, armed, for the host time at which its picture starts.
+    if (info.clip)
+        cue->voiceID = playClip(info.clip, a, a.volume, a.fadeIn, a.loop, wantVideo);
     if (!wantVideo)
         return;
     const Placement placement = place(a);
@@ -222,14 +224,209 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     cue->video = m_video.play(std::move(movie));
 }
 
+std::optional<std::int64_t> CueEngine::playClip(const AudioClipPtr& clip, const KeyAssignment& a,
+                                                double volume, double fadeIn, bool loop,
+                                                bool deferred) {
+    const RouteList routes =
+        Routing::routes(a.matrix, a.outputMap.toStdString(), clip->channelCount, m_outputChannels);
+    if (routes.empty())
+        m_status.show(a.displayName() + kNoRoute);
+    if (clip->frameCount < 2 || routes.empty())
+        return std::nullopt;
+    const std::int64_t voice =
+        m_mixer.play(clip, routes, static_cast<float>(volume), fadeIn, loop, deferred);
+    return voice > 0 ? std::optional<std::int64_t>(voice) : std::nullopt;
+}
+
+std::vector<DeckItem> CueEngine::enabledItems(const ActiveCue& cue) {
+    return Deck::enabledOnly(cue.deck->deck->itemsFor(cue.assignment));
+}
+
+std::vector<DeckItem> CueEngine::deckItems(KeyCode code) const {
+    const auto found = m_document.assignments.find(code);
+    if (found == m_document.assignments.end())
+        return {};
+    const MediaInfo* info = mediaFor(m_media, found->second);
+    return info && info->deck ? info->deck->itemsFor(found->second) : std::vector<DeckItem>{};
+}
+
+std::vector<DeckItem> CueEngine::enabledDeckItems(KeyCode code) const {
+    return Deck::enabledOnly(deckItems(code));
+}
+
+void CueEngine::deckStep(const ActiveCuePtr& cue, std::int64_t delta) {
+    if (!cue->deck)
+        return;
+    const std::vector<DeckItem> items = enabledItems(*cue);
+    // By id: the list may have been edited since the item was shown.
+    std::int64_t current = cue->deck->index;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (items[i].id == cue->deck->itemID)
+            current = static_cast<std::int64_t>(i);
+    }
+    const std::int64_t target = std::max<std::int64_t>(current + delta, 0);
+    const double fade = target < static_cast<std::int64_t>(items.size())
+                            ? items[static_cast<std::size_t>(target)].transition.value_or(
+                                  cue->assignment.slideTransition)
+                            : cue->assignment.fadeOut;
+    deckGo(cue, target, fade);
+}
+
+void CueEngine::deckJump(KeyCode code, const QString& itemID) {
+    const std::vector<DeckItem> items = enabledDeckItems(code);
+    const auto item =
+        std::find_if(items.begin(), items.end(), [&](const DeckItem& i) { return i.id == itemID; });
+    if (item == items.end()) {
+        m_status.show(kDisabledItem);
+        return;
+    }
+    const auto index = static_cast<std::int64_t>(item - items.begin());
+    const ActiveCuePtr running = newestRunning(code);
+    if (running && running->deck)
+        deckGo(running, index, item->transition.value_or(running->assignment.slideTransition));
+    else
+        startKey(code, index);
+}
+
+void CueEngine::deckGo(const ActiveCuePtr& cue, std::int64_t index, double fade) {
+    DeckCue* deck = cue->deck.get();
+    if (!deck || cue->stopping)
+        return;
+    const KeyAssignment& a = cue->assignment;
+    const std::vector<DeckItem> items = enabledItems(*cue);
+    const auto count = static_cast<std::int64_t>(items.size());
+    index = std::max<std::int64_t>(index, 0);
+    if (index >= count) {
+        // Past the last item the cue ends, unless the deck goes round.
+        if (count == 0 || !a.slideLoop) {
+            stop(*cue, a.fadeOut);
+            return;
+        }
+        index = 0;
+    }
+    const DeckItem& item = items[static_cast<std::size_t>(index)];
+    if (deck->voiceID) {
+        m_mixer.stop(*deck->voiceID, fade);
+        deck->voiceID.reset();
+    }
+    const auto failure = deck->deck->failures.find(item.file);
+    if (item.kind == DeckItem::Kind::audio) {
+        // Whatever picture stands stays up under the sound.
+        const auto clip = deck->deck->clips.find(item.file);
+        if (clip == deck->deck->clips.end())
+            m_status.show(item.title + kNoSound);
+        else
+            deck->voiceID = playClip(clip->second, a, a.volume * item.volume, fade,
+                                     item.endAction == DeckItem::EndAction::loop, false);
+    } else {
+        // The new picture cross-fades with the one it replaces.
+        if (deck->image)
+            m_video.stop(*deck->image, fade);
+        if (deck->video)
+            m_video.stop(*deck->video, fade);
+        deck->image.reset();
+        deck->video.reset();
+        const Placement placement = place(a);
+        // A missing file was named when the deck loaded: it shows nothing.
+        if (failure != deck->deck->failures.end())
+            m_status.show(item.title + QStringLiteral(": ") + failure->second);
+        else if (!deck->deck->missing.contains(item.file) && item.kind == DeckItem::Kind::image)
+            deckShowPicture(cue, item, fade, placement);
+        else if (!deck->deck->missing.contains(item.file))
+            deckPlayMovie(cue, item, fade, placement);
+    }
+    deck->index = index;
+    deck->itemID = item.id;
+    deck->itemStarted = now();
+    // The next picture is decoded ahead, so stepping to it shows it at once.
+    if (!m_inlinePictures && index + 1 < count) {
+        const DeckItem& next = items[static_cast<std::size_t>(index + 1)];
+        if (next.kind == DeckItem::Kind::image && !deck->deck->failures.count(next.file))
+            deck->deck->fetchPicture(next.file, this, [](const QImage&) {});
+    }
+}
+
+void CueEngine::deckShowPicture(const ActiveCuePtr& cue, const DeckItem& item, double fade,
+                                const Placement& placement) {
+    DeckCue& deck = *cue->deck;
+    QImage picture =
+        m_inlinePictures ? deck.deck->picture(item.file) : deck.deck->cachedPicture(item.file);
+    if (!picture.isNull()) {
+        deck.image =
+            m_video.showImage([picture] { return picture; }, fade, placement.z, placement.outputs);
+        return;
+    }
+    // Decoded off the main thread, then faded in, unless the deck has moved on meanwhile.
+    std::weak_ptr<ActiveCue> weak = cue;
+    deck.deck->fetchPicture(
+        item.file, this, [this, weak, id = item.id, fade, placement](const QImage& decoded) {
+            const ActiveCuePtr shown = weak.lock();
+            if (!shown || shown->stopping || !shown->deck || shown->deck->itemID != id ||
+                decoded.isNull())
+                return;
+            shown->deck->image = m_video.showImage([decoded] { return decoded; }, fade, placement.z,
+                                                   placement.outputs);
+        });
+}
+
+void CueEngine::deckPlayMovie(const ActiveCuePtr& cue, const DeckItem& item, double fade,
+                              const Placement& placement) {
+    DeckCue& deck = *cue->deck;
+    const KeyAssignment& a = cue->assignment;
+    const double volume = a.volume * item.volume;
+    const bool loop = item.endAction == DeckItem::EndAction::loop;
+    if (const auto clip = deck.deck->clips.find(item.file); clip != deck.deck->clips.end())
+        deck.voiceID = playClip(clip->second, a, volume, fade, loop, true);
+    QPointer<CueEngine> self(this);
+    std::weak_ptr<ActiveCue> weak = cue;
+    const std::optional<std::int64_t> voice = deck.voiceID;
+    const QString title = item.title;
+    MovieStart movie;
+    movie.path = deck.deck->pathOf(item.file);
+    const auto probe = deck.deck->probes.find(item.file);
+    movie.duration =
+        probe != deck.deck->probes.end() && probe->second.hasVideo ? probe->second.duration : -1.0;
+    movie.fadeIn = fade;
+    movie.loop = loop;
+    movie.volume = static_cast<float>(volume);
+    movie.z = placement.z;
+    movie.outputs = placement.outputs;
+    // The last picture stays until the next item cross-fades over it, or for good with "hold".
+    movie.holdAtEnd = !loop;
+    movie.onStart = [self, voice](std::uint64_t hostTime) {
+        if (self && voice)
+            self->m_mixer.setStart(*voice, hostTime);
+    };
+    movie.onFail = [self, voice, title] {
+        if (!self)
+            return;
+        if (voice)
+            self->m_mixer.setStart(*voice, 0);
+        self->m_status.show(title + kVideoFailed);
+    };
+    movie.onEnd = [self, weak, id = item.id, next = item.endAction == DeckItem::EndAction::next] {
+        const ActiveCuePtr ended = weak.lock();
+        // Only if the deck still shows that item: a press may have moved it on meanwhile.
+        if (self && ended && next && ended->deck && ended->deck->itemID == id)
+            self->deckStep(ended, 1);
+    };
+    deck.video = m_video.play(std::move(movie));
+}
+
 void CueEngine::stop(ActiveCue& cue, double fade) {
     cue.stopping = true;
     if (cue.voiceID)
         m_mixer.stop(*cue.voiceID, fade);
     if (cue.video)
         m_video.stop(*cue.video, fade);
-    if (cue.image)
-        m_video.stop(*cue.image, fade);
+    if (cue.deck) {
+        if (cue.deck->voiceID)
+            m_mixer.stop(*cue.deck->voiceID, fade);
+        if (cue.deck->image)
+            m_video.stop(*cue.deck->image, fade);
+        if (cue.deck->video)
+            m_video.stop(*cue.deck->video, fade);
+    }
 }
 
 void CueEngine::stopKey(KeyCode code, double fade) {
@@ -272,6 +469,32 @@ void CueEngine::togglePlayback(KeyCode code) {
 }
 
 std::optional<CueEngine::SeekTarget> CueEngine::seekTarget(const ActiveCue& cue) const {
+    if (cue.deck) {
+        // The current sound or movie of a deck; a picture has no position.
+        const DeckCue& deck = *cue.deck;
+        const auto items = deck.deck->itemsFor(cue.assignment);
+        const auto item = std::find_if(items.begin(), items.end(),
+                                       [&](const DeckItem& i) { return i.id == deck.itemID; });
+        if (item == items.end() || item->kind == DeckItem::Kind::image)
+            return std::nullopt;
+        SeekTarget target{deck.voiceID, deck.video, 0.0};
+        const auto clip = deck.deck->clips.find(item->file);
+        const auto probe = deck.deck->probes.find(item->file);
+        if (item->kind == DeckItem::Kind::audio) {
+            if (!deck.voiceID || clip == deck.deck->clips.end())
+                return std::nullopt;
+            target.video.reset();
+            target.duration =
+                static_cast<double>(clip->second->frameCount) / clip->second->sampleRate;
+        } else {
+            if (!deck.video)
+                return std::nullopt;
+            target.duration = probe != deck.deck->probes.end() && probe->second.duration > 0.0
+                                  ? probe->second.duration
+                                  : deck.video->duration();
+        }
+        return target;
+    }
     if (!cue.voiceID && !cue.video)
         return std::nullopt;
     SeekTarget target{cue.voiceID, cue.video, 0.0};
@@ -300,42 +523,104 @@ void CueEngine::seek(std::int64_t cueID, double fraction) {
             m_mixer.seek(*target->voiceID, seconds, 0);
         return;
     }
-    const std::uint64_t now = m_hostClock ? m_hostClock() : HostTime::now();
-    const std::uint64_t resume = now + HostTime::secondsToTicks(0.1);
+    const std::uint64_t resume = now() + HostTime::secondsToTicks(0.1);
     if (m_video.seek(*target->video, seconds, resume) && target->voiceID)
         m_mixer.seek(*target->voiceID, seconds, resume);
+}
+
+void CueEngine::deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot) {
+    const std::uint64_t time = now();
+    const auto cues = m_cues; // a step may stop a cue
+    for (const auto& cue : cues) {
+        if (cue->stopping || !cue->deck || !cue->deck->itemID)
+            continue;
+        const DeckCue& deck = *cue->deck;
+        const auto items = deck.deck->itemsFor(cue->assignment);
+        const auto item = std::find_if(items.begin(), items.end(),
+                                       [&](const DeckItem& i) { return i.id == deck.itemID; });
+        if (item == items.end())
+            continue;
+        const KeyAssignment& a = cue->assignment;
+        if (item->kind == DeckItem::Kind::image) {
+            const double interval =
+                item->advanceAfter.value_or(a.slideAuto ? a.slideInterval : 0.0);
+            const double elapsed =
+                time > deck.itemStarted
+                    ? static_cast<double>(time - deck.itemStarted) * HostTime::ticksToSeconds()
+                    : 0.0;
+            if (interval > 0.0 && elapsed >= std::max(interval, kShortestSlide))
+                deckStep(cue, 1);
+        } else if (item->kind == DeckItem::Kind::audio &&
+                   item->endAction == DeckItem::EndAction::next && deck.voiceID) {
+            const auto voice = snapshot.find(*deck.voiceID);
+            if (voice != snapshot.end() && voice->second.done)
+                deckStep(cue, 1);
+        }
+        // A movie's end comes from the video output (deckPlayMovie).
+    }
 }
 
 void CueEngine::tick() {
     m_live.countTick();
     const auto snapshot = m_mixer.snapshot();
     const QUuid currentPage = m_document.currentPageID();
+    deckTiming(snapshot);
 
     std::map<KeyCode, double> progress;
+    std::map<KeyCode, QString> slidePosition;
+    std::map<KeyCode, QString> deckCurrent;
     LiveState::KeyLevels levels;
     std::set<QUuid> playingPages;
     std::vector<CueRow> rows;
     rows.reserve(m_cues.size());
 
+    const auto statusOf = [&](const std::optional<std::int64_t>& id) -> const VoiceStatus* {
+        if (!id)
+            return nullptr;
+        const auto found = snapshot.find(*id);
+        return found == snapshot.end() ? nullptr : &found->second;
+    };
     std::vector<ActiveCuePtr> kept;
     kept.reserve(m_cues.size());
     for (const auto& cue : m_cues) {
-        const VoiceStatus* voice = nullptr;
-        if (cue->voiceID) {
-            const auto found = snapshot.find(*cue->voiceID);
-            if (found != snapshot.end())
-                voice = &found->second;
-        }
+        const DeckCue* deck = cue->deck.get();
+        const VoiceStatus* voice = statusOf(deck ? deck->voiceID : cue->voiceID);
         const bool voiceDone = !voice || voice->done;
-        if (voiceDone && (!cue->video || cue->video->finished) &&
-            (!cue->image || cue->image->finished))
+        const auto finished = [](const auto& picture) { return !picture || picture->finished; };
+        if (deck) {
+            // A deck waits on its last item until it is stopped.
+            if (cue->stopping && voiceDone && finished(deck->image) && finished(deck->video))
+                continue;
+        } else if (voiceDone && finished(cue->video)) {
             continue;
+        }
         kept.push_back(cue);
 
-        const double cueProgress = cue->video ? cue->video->progress()
-                                   : voice    ? voice->progress
-                                              : 0.0; // a picture stands until it is stopped
         const bool onPage = cue->page == currentPage;
+        CueRow row;
+        double cueProgress = 0.0;
+        if (deck) {
+            const auto items = deck->deck->itemsFor(cue->assignment);
+            const auto enabled = Deck::enabledOnly(items);
+            const auto count = static_cast<std::int64_t>(enabled.size());
+            cueProgress = static_cast<double>(deck->index + 1) /
+                          static_cast<double>(std::max<std::int64_t>(count, 1));
+            row.slideText = QString::number(deck->index + 1) + '/' + QString::number(count);
+            const auto item = std::find_if(items.begin(), items.end(),
+                                           [&](const DeckItem& i) { return i.id == deck->itemID; });
+            if (item != items.end())
+                row.itemName = item->title;
+            if (onPage) {
+                slidePosition[cue->key] = *row.slideText;
+                if (!cue->stopping && deck->itemID)
+                    deckCurrent[cue->key] = *deck->itemID;
+            }
+            row.hasVideo =
+                (deck->video && !deck->video->finished) || (deck->image && !deck->image->finished);
+        } else {
+            cueProgress = cue->video ? cue->video->progress() : voice ? voice->progress : 0.0;
+            row.hasVideo = cue->video && !cue->video->finished;
+        }
         if (!cue->stopping)
             playingPages.insert(cue->page);
         if (onPage) {
@@ -344,20 +629,17 @@ void CueEngine::tick() {
             if (voice)
                 raiseTo(levels[cue->key], voice->levels);
         }
-        CueRow row;
         row.id = cue->id;
         row.key = cue->key;
         row.name = cue->name;
         row.progress = cueProgress;
         row.stopping = cue->stopping;
-        row.hasVideo =
-            (cue->video && !cue->video->finished) || (cue->image && !cue->image->finished);
         if (!onPage)
             row.pageName = m_document.pageName(cue->page).value_or(kDeletedPage);
         if (const auto target = seekTarget(*cue)) {
             row.duration = target->duration;
-            if (voice && target->voiceID)
-                row.position = voice->progress;
+            if (const VoiceStatus* sought = statusOf(target->voiceID))
+                row.position = sought->progress;
             else if (target->video && !target->video->finished)
                 row.position = target->video->progress();
         }
@@ -384,6 +666,8 @@ void CueEngine::tick() {
     m_mixer.removeDone();
 
     m_live.setProgress(std::move(progress));
+    m_live.setSlidePosition(std::move(slidePosition));
+    m_live.setDeckCurrent(std::move(deckCurrent));
     m_live.setCues(std::move(rows));
 
     const auto count = std::min<std::int64_t>(std::max<std::int64_t>(m_outputChannels, 8), 64);

@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QString>
 
+#include "audio/VoiceStatus.h"
 #include "cue/ActiveCue.h"
 #include "cue/LiveState.h"
 #include "cue/MediaInfo.h"
@@ -21,9 +22,9 @@ class VideoOutput;
 // starting audio as mixer voices routed to the outputs and pictures on the video output, and the
 // 30 Hz tick that finishes cues and publishes the live state.
 //
-// Deck keys (slide decks, images, lists) go through deckStep/deckGo once decks exist; until
-// the media table can hold a deck, a deck key starts like any other key and its media entry
-// carries the load error that says why it cannot play.
+// Deck keys (slide decks, pictures, lists) play one item at a time: a press steps to the next
+// enabled item (deckStep), the tick advances pictures by their timing and sounds at their end,
+// a movie's end steps on, and the deck panel jumps (deckJump); deckGo shows the item.
 //
 // Threading: main thread only. The only cross-thread state is inside the Mixer, whose every
 // call takes its own lock; the engine never holds that lock across two calls. Media callbacks
@@ -61,8 +62,18 @@ public:
     // Moves a running cue to `fraction` (0…0.999) of its duration. A movie and its sound
     // resume together 0.1 s from now; a stopping cue, or one with nothing to seek, is left.
     void seek(std::int64_t cueID, double fraction);
-    // Host clock for seeks (the device's simulated clock in offline runs).
+    // Host clock for seeks and deck timing (the device's simulated clock in offline runs).
     void setHostClock(std::function<std::uint64_t()> clock) { m_hostClock = std::move(clock); }
+    // Offline runs decode a slide picture the moment it is shown, so every render of a show
+    // shows it at the same time; live, it is decoded on a pool thread and shown when ready.
+    void setDecodePicturesInline(bool inlineDecode) { m_inlinePictures = inlineDecode; }
+
+    // The deck panel's "play from here": the item of the key's running deck, or the key started
+    // there. A disabled item is refused with a message.
+    void deckJump(KeyCode code, const QString& itemID);
+    // The key's items as it defines them, and those that play (current page; none: not loaded).
+    std::vector<DeckItem> deckItems(KeyCode code) const;
+    std::vector<DeckItem> enabledDeckItems(KeyCode code) const;
 
     const std::vector<ActiveCuePtr>& cues() const { return m_cues; }
     std::int64_t nextCueID() const { return m_nextCueID; }
@@ -88,6 +99,19 @@ private:
     };
     Placement place(const KeyAssignment& a);
     void startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info);
+    std::uint64_t now() const;
+
+    // Decks: the items a running cue plays, stepping and showing one.
+    static std::vector<DeckItem> enabledItems(const ActiveCue& cue);
+    void deckStep(const ActiveCuePtr& cue, std::int64_t delta);
+    void deckGo(const ActiveCuePtr& cue, std::int64_t index, double fade);
+    void deckShowPicture(const ActiveCuePtr& cue, const DeckItem& item, double fade,
+                         const Placement& placement);
+    void deckPlayMovie(const ActiveCuePtr& cue, const DeckItem& item, double fade,
+                       const Placement& placement);
+    std::optional<std::int64_t> playClip(const AudioClipPtr& clip, const KeyAssignment& a,
+                                         double volume, double fadeIn, bool loop, bool deferred);
+    void deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot);
 
     // What a seek of the cue acts on: its voice and/or movie, and the length in seconds.
     struct SeekTarget {
@@ -106,6 +130,7 @@ private:
     std::function<bool(KeyCode)> m_isLayoutKey;
     std::function<void()> m_beep;
     std::function<std::uint64_t()> m_hostClock;
+    bool m_inlinePictures = false;
 
     std::vector<ActiveCuePtr> m_cues; // start order
     std::int64_t m_nextCueID = 1;

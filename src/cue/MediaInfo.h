@@ -3,22 +3,21 @@
 #include <map>
 #include <optional>
 
-#include <QImage>
 #include <QString>
 
 #include "audio/AudioClip.h"
+#include "deck/Deck.h"
 #include "media/MediaProbe.h"
 #include "model/KeyAssignment.h"
 
 // Load state of one entry of the media table (by media key).
-// A still picture is decoded (upright) when it loads; decks (slide files, lists) get their
-// `deck` with the deck builder; until then such entries carry an error and never a deck.
+// Slide files, lists and single pictures load as a `deck` (a picture is a deck of one).
 struct MediaInfo {
     bool loading = false;
     QString progressText;
     MediaProbe probe;
     AudioClipPtr clip;           // decoded audio when the mixer plays it
-    QImage picture;              // a still picture, decoded (null: none)
+    DeckPtr deck;                // slides, a list of files or a picture, item by item
     bool audioViaPlayer = false; // the sound is played by the video player
     std::optional<QString> error;
     // Loaded, but with something the operator should know (damaged samples silenced).

@@ -7,26 +7,23 @@
 #include <QPointer>
 #include <QThreadPool>
 
-#include "video/PictureFile.h"
+#include "deck/DeckBuilder.h"
+#include "deck/DeckError.h"
 
 namespace {
 
 const QString kLoading = QStringLiteral("読み込み中…");
+const QString kBuildingSlides = QStringLiteral("スライドを展開中…（初回のみ）");
+const QString kLoadingList = QStringLiteral("素材を読み込み中…");
+const QString kNotFound = QStringLiteral("ファイルが見つかりません");
 
-// What a single file becomes; runs on a pool thread.
-MediaInfo loadFile(const QString& path, bool isPicture, double rate,
-                   const AudioLoader::CancelFlag* cancel, bool& missing) {
+// What a single sound or movie file becomes; runs on a pool thread.
+MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFlag* cancel,
+                   QStringList& missing) {
     MediaInfo info;
     if (!QFileInfo(path).isFile()) {
-        missing = true;
-        info.error = QStringLiteral("ファイルが見つかりません");
-        return info;
-    }
-    if (isPicture) {
-        QString error;
-        info.picture = PictureFile::read(path, error);
-        if (info.picture.isNull())
-            info.error = error;
+        missing << QFileInfo(path).fileName();
+        info.error = kNotFound;
         return info;
     }
     const std::string file = path.toStdString();
@@ -55,13 +52,43 @@ MediaInfo loadFile(const QString& path, bool isPicture, double rate,
     return info;
 }
 
-std::optional<QString> notYetPlayable(const KeyAssignment& a) {
-    if (a.sources && !a.sources->isEmpty())
-        return QStringLiteral("リスト（押すたび次へ）の再生にはまだ対応していません");
-    // A single picture is a deck of one; until decks play it is shown as an image cue.
-    if (a.isDeck() && !a.isImage())
-        return QStringLiteral("スライドの再生にはまだ対応していません");
-    return std::nullopt;
+// What a slide file, a list or a picture becomes: a deck with its sound decoded; runs on a pool
+// thread.
+MediaInfo loadDeck(const KeyAssignment& a, double rate, const AudioLoader::CancelFlag* cancel,
+                   const DeckBuilder::Progress& progress, QStringList& missing) {
+    MediaInfo info;
+    const bool slides = !(a.sources && !a.sources->isEmpty()) && DeckBuilder::isSlideFile(a.path);
+    const QStringList files =
+        slides ? QStringList{a.path} : a.listSources().value_or(QStringList{a.path});
+    for (const QString& file : files) {
+        if (!QFileInfo(file).isFile())
+            missing << QFileInfo(file).fileName();
+    }
+    if (missing.size() == files.size()) {
+        info.error = kNotFound; // nothing of it is there
+        return info;
+    }
+    try {
+        std::shared_ptr<Deck> deck = slides
+                                         ? DeckBuilder::buildSlides(a.path, false, progress, cancel)
+                                         : DeckBuilder::buildList(files, cancel);
+        DeckBuilder::loadMedia(*deck, rate, cancel);
+        if (files.size() == 1 && !slides) {
+            // A key of one picture: a picture that is none is the key's error, and the first
+            // press should find it decoded.
+            const QString& file = deck->manifest.items.front().file;
+            if (const auto failed = deck->failures.find(file); failed != deck->failures.end()) {
+                info.error = failed->second;
+                return info;
+            }
+            if (deck->manifest.items.front().kind == DeckItem::Kind::image)
+                deck->picture(file);
+        }
+        info.deck = std::move(deck);
+    } catch (const DeckError& error) {
+        info.error = error.message();
+    }
+    return info;
 }
 
 } // namespace
@@ -80,43 +107,56 @@ void MediaLoader::loadMedia(const KeyAssignment& assignment, bool force) {
     const QString key = assignment.mediaKey();
     if (!force && m_table.count(key))
         return;
-    if (const auto reason = notYetPlayable(assignment)) {
-        MediaInfo info;
-        info.error = *reason;
-        m_table[key] = info;
-        emit mediaChanged(key);
-        return;
-    }
     if (auto running = m_running.find(key); running != m_running.end())
         *running->second.cancel = true;
+    const bool isDeck = assignment.isDeck();
     MediaInfo placeholder;
     placeholder.loading = true;
-    placeholder.progressText = kLoading;
+    const bool slides = isDeck && !assignment.sources && DeckBuilder::isSlideFile(assignment.path);
+    placeholder.progressText = !isDeck ? kLoading : slides ? kBuildingSlides : kLoadingList;
     m_table[key] = placeholder;
     const std::uint64_t generation = ++m_generation;
     auto cancel = std::make_shared<AudioLoader::CancelFlag>(false);
     m_running[key] = {generation, cancel};
     emit mediaChanged(key);
 
-    const QString path = assignment.path;
-    const bool isPicture = assignment.isImage();
     const double rate = m_targetRate();
     QPointer<MediaLoader> self(this);
-    QThreadPool::globalInstance()->start([self, key, path, isPicture, rate, cancel, generation] {
-        bool missing = false;
-        MediaInfo info = loadFile(path, isPicture, rate, cancel.get(), missing);
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(), // lives on the main thread, unlike a pool task
-            [self, key, generation, info = std::move(info), missing]() mutable {
+    QThreadPool::globalInstance()->start([self, key, assignment, isDeck, rate, cancel, generation] {
+        // Results and progress go through the application object, which lives on the main
+        // thread (a pool task has no event loop of its own).
+        const auto toMain = [](auto call) {
+            QMetaObject::invokeMethod(QCoreApplication::instance(), std::move(call),
+                                      Qt::QueuedConnection);
+        };
+        const DeckBuilder::Progress progress = [&](const QString& text) {
+            toMain([self, key, generation, text] {
                 if (self)
-                    self->finished(key, generation, std::move(info), missing);
-            },
-            Qt::QueuedConnection);
+                    self->progressed(key, generation, text);
+            });
+        };
+        QStringList missing;
+        MediaInfo info = isDeck ? loadDeck(assignment, rate, cancel.get(), progress, missing)
+                                : loadFile(assignment.path, rate, cancel.get(), missing);
+        toMain([self, key, generation, info = std::move(info), missing]() mutable {
+            if (self)
+                self->finished(key, generation, std::move(info), missing);
+        });
     });
 }
 
+void MediaLoader::progressed(const QString& key, std::uint64_t generation, const QString& text) {
+    const auto running = m_running.find(key);
+    const auto entry = m_table.find(key);
+    if (running == m_running.end() || running->second.generation != generation ||
+        entry == m_table.end())
+        return;
+    entry->second.progressText = text;
+    emit mediaChanged(key);
+}
+
 void MediaLoader::finished(const QString& key, std::uint64_t generation, MediaInfo info,
-                           bool missing) {
+                           QStringList missing) {
     const auto running = m_running.find(key);
     if (running == m_running.end() || running->second.generation != generation)
         return; // released or reloaded meanwhile
@@ -125,8 +165,8 @@ void MediaLoader::finished(const QString& key, std::uint64_t generation, MediaIn
     if (m_table.count(key))
         m_table[key] = std::move(info);
     emit mediaChanged(key);
-    if (missing)
-        emit missingFiles({QFileInfo(key).fileName()});
+    if (!missing.isEmpty())
+        emit missingFiles(missing);
     if (warning)
         emit damaged(QFileInfo(key).fileName() + QStringLiteral(": ") + *warning);
 }

@@ -17,8 +17,8 @@
 // Qt's thread pool and stores the result under its media key; drops what
 // no key uses any more (freeing the decoded audio and cancelling a load still running).
 //
-// Slide files, images and lists become decks with the deck builder; until then their entry
-// carries a load error that says so.
+// Slide files, pictures and lists become decks with the deck builder (a slide file's pictures
+// are rendered once and kept in the deck cache); their entry shows the build's progress.
 //
 // Threading: main thread; the work runs on pool threads and its result comes back through a
 // queued call. A result for an entry released or reloaded meanwhile is dropped.
@@ -59,7 +59,9 @@ private:
         std::shared_ptr<AudioLoader::CancelFlag> cancel;
     };
 
-    void finished(const QString& key, std::uint64_t generation, MediaInfo info, bool missing);
+    void finished(const QString& key, std::uint64_t generation, MediaInfo info,
+                  QStringList missing);
+    void progressed(const QString& key, std::uint64_t generation, const QString& text);
 
     ShowDocument& m_document;
     MediaTable m_table;

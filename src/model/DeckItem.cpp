@@ -1,5 +1,7 @@
 #include "model/DeckItem.h"
 
+#include <map>
+
 #include "model/JsonRead.h"
 #include "model/ValueRanges.h"
 
@@ -50,4 +52,18 @@ DeckItem DeckItem::fromJson(const QJsonObject& o) {
     item.endAction =
         parse<EndAction>(kEndActions, JsonRead::string(o, "endAction", "next"), "endAction");
     return item;
+}
+
+std::vector<DeckItem> DeckItem::merge(const std::vector<DeckItem>& saved,
+                                      const std::vector<DeckItem>& fresh) {
+    std::map<QString, const DeckItem*> byID;
+    for (const DeckItem& item : saved)
+        byID.emplace(item.id, &item);
+    std::vector<DeckItem> merged;
+    merged.reserve(fresh.size());
+    for (const DeckItem& item : fresh) {
+        const auto found = byID.find(item.id);
+        merged.push_back(found == byID.end() ? item : *found->second);
+    }
+    return merged;
 }

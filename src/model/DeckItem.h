@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include <QJsonObject>
 #include <QString>
@@ -28,4 +29,10 @@ struct DeckItem {
     // "file" and throws DocumentError otherwise.
     QJsonObject toJson() const;
     static DeckItem fromJson(const QJsonObject& object);
+
+    // After a rebuild: the fresh items in their order, each replaced by the saved item with the
+    // same id when there is one (the operator's settings survive); saved items no longer built
+    // are dropped.
+    static std::vector<DeckItem> merge(const std::vector<DeckItem>& saved,
+                                       const std::vector<DeckItem>& fresh);
 };

@@ -48,6 +48,8 @@ std::optional<QStringList> KeyAssignment::listSources() const {
 bool KeyAssignment::isDeck() const {
     if (deckItems && !deckItems->empty())
         return true;
+    if (sources && !sources->isEmpty())
+        return true; // a list steps one file per press
     if (isImage())
         return true;
     const QString extension = QFileInfo(path).suffix().toLower();

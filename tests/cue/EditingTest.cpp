@@ -208,6 +208,9 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     std::weak_ptr<const AudioClip> clip = info.clip;
 
     editor().assign(file("gone.wav"), kS);
+    QFile notAPdf(file("deck.pdf"));
+    ASSERT_TRUE(notAPdf.open(QIODevice::WriteOnly) && notAPdf.write("%PDF-1.4 nothing else") > 0);
+    notAPdf.close();
     editor().assign(file("deck.pdf"), kD);
     editor().assignList({tone, tone}, kF);
     while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
@@ -216,8 +219,11 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
               QString("ファイルが見つかりません"));
     EXPECT_EQ(stage.model.status().text(), "見つからないファイルがあります: gone.wav");
     EXPECT_EQ(stage.model.media().table().at(file("deck.pdf")).error,
-              QString("スライドの再生にはまだ対応していません"));
-    EXPECT_TRUE(stage.model.media().table().at("list:" + tone + "\n" + tone).error);
+              QString("スライドを読み込めません"));
+    const MediaInfo& list = stage.model.media().table().at("list:" + tone + "\n" + tone);
+    ASSERT_TRUE(list.deck);
+    EXPECT_EQ(list.deck->manifest.items.size(), 2u);
+    EXPECT_EQ(list.deck->clips.at(tone)->channelCount, 2); // one file, decoded once
 
     editor().clear(kA);
     EXPECT_EQ(stage.model.media().table().count(tone), 0u);

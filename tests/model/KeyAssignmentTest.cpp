@@ -83,6 +83,9 @@ TEST(KeyAssignment, ImagesAndSlideFilesAreDecks) {
     KeyAssignment withItems("/show/song.wav", 0);
     withItems.deckItems = std::vector<DeckItem>{DeckItem{}};
     EXPECT_TRUE(withItems.isDeck());
+    KeyAssignment list("/show/a.wav", 0);
+    list.sources = QStringList{"/show/a.wav", "/show/b.wav"};
+    EXPECT_TRUE(list.isDeck());
 }
 
 TEST(KeyAssignment, EnumerationsReadOnlyTheirOwnNames) {

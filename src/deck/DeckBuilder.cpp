@@ -1,0 +1,157 @@
+#include "deck/DeckBuilder.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QImageReader>
+#include <QJsonDocument>
+#include <QSaveFile>
+
+#include "deck/DeckCache.h"
+#include "deck/DeckError.h"
+#include "deck/PdfPages.h"
+#include "media/AudioLoader.h"
+#include "model/DocumentError.h"
+
+namespace DeckBuilder {
+
+namespace {
+
+const QString kManifest = QStringLiteral("manifest.json");
+
+void checkCancel(const CancelFlag* cancel) {
+    if (cancel && cancel->load())
+        throw DeckError(DeckError::kCancelled);
+}
+
+// The manifest in `folder` when it reads and carries `stamp`.
+std::optional<DeckManifest> reusable(const QString& folder, const QString& stamp) {
+    QFile file(folder + '/' + kManifest);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QJsonDocument json = QJsonDocument::fromJson(file.readAll());
+    if (!json.isObject())
+        return std::nullopt;
+    try {
+        DeckManifest manifest = DeckManifest::fromJson(json.object());
+        if (manifest.stamp == stamp)
+            return manifest;
+    } catch (const DocumentError&) {
+    }
+    return std::nullopt;
+}
+
+void writeManifest(const QString& folder, const DeckManifest& manifest) {
+    QSaveFile file(folder + '/' + kManifest);
+    if (!file.open(QIODevice::WriteOnly) ||
+        file.write(QJsonDocument(manifest.toJson()).toJson(QJsonDocument::Indented)) < 0 ||
+        !file.commit())
+        throw DeckError(DeckError::kNoFolder);
+}
+
+DeckItem slideItem(int slide) {
+    DeckItem item;
+    item.id = QStringLiteral("s") + QString::number(slide);
+    item.kind = DeckItem::Kind::image;
+    item.file = PdfPages::fileName(slide);
+    item.slide = slide;
+    item.title = QStringLiteral("スライド ") + QString::number(slide);
+    return item;
+}
+
+bool isPicture(const QString& path) {
+    return KeyAssignment(path, 0).isImage();
+}
+
+} // namespace
+
+bool isSlideFile(const QString& path) {
+    const QString extension = QFileInfo(path).suffix().toLower();
+    return extension == "pdf" || extension == "pptx" || extension == "ppt" || extension == "key";
+}
+
+std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progress& progress,
+                                  const CancelFlag* cancel) {
+    if (QFileInfo(source).suffix().toLower() != "pdf")
+        throw DeckError(
+            QStringLiteral("スライドの変換にはまだ対応していません（PDF にすると使えます）"));
+    const QString engine = QStringLiteral("pdf");
+    const QString stamp = DeckCache::stamp(source, engine);
+    const QString folder = DeckCache::folderFor(source, stamp);
+    if (!force) {
+        if (auto manifest = reusable(folder, stamp))
+            return std::make_shared<Deck>(folder, std::move(*manifest));
+    }
+    QDir dir(folder);
+    if (dir.exists() && !dir.removeRecursively())
+        throw DeckError(DeckError::kNoFolder);
+    if (!QDir().mkpath(folder))
+        throw DeckError(DeckError::kNoFolder);
+    checkCancel(cancel);
+
+    DeckManifest manifest;
+    manifest.stamp = stamp;
+    manifest.engine = engine;
+    manifest.slideCount = PdfPages::render(source, folder, progress, cancel);
+    for (int slide = 1; slide <= manifest.slideCount; ++slide)
+        manifest.items.push_back(slideItem(slide));
+    writeManifest(folder, manifest);
+    return std::make_shared<Deck>(folder, std::move(manifest));
+}
+
+std::shared_ptr<Deck> buildList(const QStringList& files, const CancelFlag* cancel) {
+    DeckManifest manifest;
+    manifest.engine = Deck::kListEngine;
+    manifest.slideCount = files.size();
+    for (qsizetype i = 0; i < files.size(); ++i) {
+        checkCancel(cancel);
+        const QString& file = files[i];
+        DeckItem item;
+        item.id = QString::number(i);
+        item.file = file;
+        item.slide = i + 1;
+        item.title = QFileInfo(file).completeBaseName();
+        if (isPicture(file)) {
+            item.kind = DeckItem::Kind::image;
+        } else {
+            const MediaProbe probe = AudioLoader::probe(file.toStdString(), cancel);
+            item.kind = probe.hasVideo ? DeckItem::Kind::video : DeckItem::Kind::audio;
+        }
+        manifest.items.push_back(std::move(item));
+    }
+    return std::make_shared<Deck>(QString(), std::move(manifest));
+}
+
+void loadMedia(Deck& deck, double rate, const CancelFlag* cancel) {
+    for (const DeckItem& item : deck.manifest.items) {
+        checkCancel(cancel);
+        if (deck.missing.contains(item.file) || deck.probes.count(item.file) ||
+            deck.failures.count(item.file))
+            continue; // a file on two items is loaded once
+        const QString path = deck.pathOf(item.file);
+        if (item.kind == DeckItem::Kind::image) {
+            // Only the header: pictures are decoded when shown.
+            if (!QImageReader(path).canRead())
+                deck.failures[item.file] = QStringLiteral("画像として読めません");
+            continue;
+        }
+        const std::string file = path.toStdString();
+        const MediaProbe probe = AudioLoader::probe(file, cancel);
+        deck.probes[item.file] = probe;
+        if (!probe.hasAudio) {
+            if (!probe.hasVideo)
+                deck.failures[item.file] = QStringLiteral("再生できないファイルです");
+            continue;
+        }
+        try {
+            deck.clips[item.file] = AudioLoader::loadClip(file, rate, probe, cancel);
+        } catch (const LoadError& error) {
+            if (error.kind() == LoadError::Kind::cancelled)
+                throw DeckError(DeckError::kCancelled);
+            if (!probe.hasVideo) // a movie still shows without its sound
+                deck.failures[item.file] = QString::fromStdString(error.message());
+        }
+    }
+}
+
+} // namespace DeckBuilder

@@ -1,0 +1,122 @@
+#include "deck/PdfPages.h"
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <mutex>
+#include <poppler-qt6.h>
+#include <thread>
+#include <vector>
+
+#include <QImageWriter>
+
+#include "deck/DeckError.h"
+
+namespace PdfPages {
+
+namespace {
+
+// zlib level 3 of 9: a slide PNG is written three times faster than at the default level and
+// is a fifth larger; decks are a cache, their pictures read back once per show.
+constexpr int kPngQuality = 70;
+using DeckBuilder::kPageWidth;
+
+std::unique_ptr<Poppler::Document> open(const QString& pdf) {
+    std::unique_ptr<Poppler::Document> document = Poppler::Document::load(pdf);
+    if (!document || document->isLocked())
+        throw DeckError(DeckError::kUnreadable);
+    document->setRenderHint(Poppler::Document::Antialiasing, true);
+    document->setRenderHint(Poppler::Document::TextAntialiasing, true);
+    document->setPaperColor(Qt::white);
+    return document;
+}
+
+void writePage(Poppler::Document& document, int index, const QString& folder) {
+    const std::unique_ptr<Poppler::Page> page = document.page(index);
+    if (!page)
+        throw DeckError(DeckError::kUnreadable);
+    const QSizeF points = page->pageSizeF();
+    if (!(points.width() > 0.0) || !(points.height() > 0.0))
+        throw DeckError(DeckError::kEmptyPage);
+    const int height =
+        std::max(1, static_cast<int>(std::lround(kPageWidth * points.height() / points.width())));
+    const double xres = kPageWidth * 72.0 / points.width();
+    const double yres = height * 72.0 / points.height();
+    QImage picture = page->renderToImage(xres, yres, 0, 0, kPageWidth, height);
+    if (picture.isNull())
+        throw DeckError(DeckError::kNoImage);
+    // Slides are opaque: without an alpha channel the PNG is smaller and faster to write.
+    picture = picture.convertToFormat(QImage::Format_RGB888);
+    QImageWriter writer(folder + '/' + fileName(index + 1), "png");
+    writer.setQuality(kPngQuality);
+    if (!writer.write(picture))
+        throw DeckError(DeckError::kPngFailed);
+}
+
+} // namespace
+
+QString fileName(int page) {
+    return QStringLiteral("s%1.png").arg(page, 3, 10, QLatin1Char('0'));
+}
+
+int render(const QString& pdf, const QString& folder, const DeckBuilder::Progress& progress,
+           const DeckBuilder::CancelFlag* cancel) {
+    const std::unique_ptr<Poppler::Document> first = open(pdf);
+    const int pages = first->numPages();
+    if (pages <= 0)
+        throw DeckError(DeckError::kUnreadable);
+
+    const int workers =
+        std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, std::min(pages, 8));
+    std::mutex mutex; // guards the fields below
+    int next = 0, done = 0;
+    std::exception_ptr failure;
+    const auto work = [&](Poppler::Document& document) {
+        for (;;) {
+            int index = 0;
+            {
+                std::lock_guard lock(mutex);
+                if (failure || next >= pages)
+                    return;
+                if (cancel && cancel->load()) {
+                    failure = std::make_exception_ptr(DeckError(DeckError::kCancelled));
+                    return;
+                }
+                index = next++;
+            }
+            try {
+                writePage(document, index, folder);
+            } catch (...) {
+                std::lock_guard lock(mutex);
+                if (!failure)
+                    failure = std::current_exception();
+                return;
+            }
+            std::lock_guard lock(mutex);
+            ++done;
+            if (progress)
+                progress(QString::number(done) + '/' + QString::number(pages));
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int w = 1; w < workers; ++w) {
+        threads.emplace_back([&] {
+            try {
+                std::unique_ptr<Poppler::Document> own = open(pdf);
+                work(*own);
+            } catch (...) {
+                std::lock_guard lock(mutex);
+                if (!failure)
+                    failure = std::current_exception();
+            }
+        });
+    }
+    work(*first);
+    for (std::thread& thread : threads)
+        thread.join();
+    if (failure)
+        std::rethrow_exception(failure);
+    return pages;
+}
+
+} // namespace PdfPages
