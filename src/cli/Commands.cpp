@@ -13,6 +13,8 @@
 #include "audio/WavWriter.h"
 #include "cli/EventScript.h"
 #include "cli/ShowRenderer.h"
+#include "deck/DeckBuilder.h"
+#include "deck/DeckError.h"
 #include "device/AudioDeviceList.h"
 #include "media/AudioLoader.h"
 #include "model/DocumentError.h"
@@ -29,12 +31,15 @@ const QString kUsage = QStringLiteral(
     "         [--frames DIR [--fps 30] [--size 640x360] [--output window|画面名]]\n"
     "                         キーマップを画面なしで再生し、全出力を WAV に書き出します\n"
     "                         （--frames: 映像を 1 コマずつ PNG で書き出します）\n"
+    "  vorlin deck FILE [--force]\n"
+    "                         スライド（PDF）を展開し（済んでいれば再利用し）、一覧を JSON で\n"
+    "                         表示します（--force: 作り直します）\n"
     "  vorlin help            この説明を表示します\n");
 
 // The longest `render` writes without --allow-long: a whole show day.
 constexpr double kLongestRender = 24.0 * 3600.0;
 
-const QStringList kCommands{"devices", "probe", "render", "help", "--help", "-h"};
+const QStringList kCommands{"devices", "probe", "render", "deck", "help", "--help", "-h"};
 
 QJsonObject probeJson(const QString& file, const MediaProbe& probe) {
     return QJsonObject{
@@ -92,6 +97,8 @@ int run(const QStringList& args, QTextStream& out, QTextStream& err) {
         return devices(out);
     if (command == "render")
         return render(args.mid(1), out, err);
+    if (command == "deck")
+        return deck(args.mid(1), out, err);
     if (command == "help" || command == "--help" || command == "-h") {
         out << kUsage;
         return 0;
@@ -264,6 +271,39 @@ int probe(const QStringList& files, QTextStream& out, QTextStream& err) {
     }
     out << QJsonDocument(results).toJson(QJsonDocument::Indented);
     return status;
+}
+
+int deck(const QStringList& args, QTextStream& out, QTextStream& err) {
+    const bool force = args.contains(QStringLiteral("--force"));
+    QStringList files = args;
+    files.removeAll(QStringLiteral("--force"));
+    if (files.size() != 1 || files.first().startsWith('-')) {
+        err << "スライドのファイルを 1 つ指定してください\n" << kUsage;
+        return 2;
+    }
+    const QFileInfo source(files.first());
+    if (!source.isFile()) {
+        err << "ファイルが見つかりません: " << files.first() << "\n";
+        return 1;
+    }
+    if (!DeckBuilder::isSlideFile(source.fileName())) {
+        err << "スライドのファイルではありません: " << files.first() << "\n";
+        return 2;
+    }
+    try {
+        const auto built =
+            DeckBuilder::buildSlides(source.absoluteFilePath(), force, [&err](const QString& text) {
+                err << text << "\n";
+                err.flush();
+            });
+        out << QJsonDocument(
+                   QJsonObject{{"folder", built->folder}, {"manifest", built->manifest.toJson()}})
+                   .toJson(QJsonDocument::Indented);
+        return 0;
+    } catch (const DeckError& error) {
+        err << error.message() << ": " << files.first() << "\n";
+        return 1;
+    }
 }
 
 } // namespace Commands

@@ -38,4 +38,8 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err);
 // Exit status 1 when a file is missing or unreadable (its entry then carries "error").
 int probe(const QStringList& files, QTextStream& out, QTextStream& err);
 
+// `vorlin deck FILE [--force]`: builds the slide file's deck in the deck cache, or finds it
+// built, and prints its folder and manifest as JSON. Exit status 1 when it cannot be built.
+int deck(const QStringList& args, QTextStream& out, QTextStream& err);
+
 } // namespace Commands
