@@ -6,8 +6,10 @@
 #include <QImage>
 
 #include "MediaFixtures.h"
+#include "PdfFixture.h"
 #include "TempDir.h"
 #include "TypedCommand.h"
+#include "WavFiles.h"
 #include "cue/AppModel.h"
 #include "model/Prefs.h"
 
@@ -269,6 +271,95 @@ TEST_F(Frames, DamagedMoviesFailAloneWithAMessage) {
     EXPECT_TRUE(run.err.contains("fake.mp4")) << run.err.toStdString();
     // The good movie is on top and plays on: at 0.6 s its picture 13.
     EXPECT_NEAR(qGray(frame(frames, 16).pixel(80, 60)), MediaFixtures::pictureGrey(13), 4.0);
+}
+
+// A list of a sound, a picture and a movie: one item a press, each replacing the one before, and
+// a fourth press ends the list.
+TEST_F(Frames, AListPlaysOneFileAPressAndAFourthPressEndsIt) {
+    constantWav(folder + "/level.wav", 0.25f, 2.0);
+    QImage green(160, 120, QImage::Format_RGB32);
+    green.fill(QColor(0, 200, 0));
+    ASSERT_TRUE(green.save(folder + "/green.png"));
+    KeyAssignment list = movie("level.wav");
+    list.sources = QStringList{folder + "/level.wav", folder + "/green.png", folder + "/movie.mp4"};
+    list.slideTransition = 0.0;
+    makeShow({list});
+    const QString frames = folder + "/list";
+    const TypedCommand run = render("0 down 0\n1 down 0\n2 down 0\n2.5 down 0\n",
+                                    {"--seconds", "3", "--fps", "10", "--size", "160x120"}, frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    const auto out = readWav(folder + "/out.wav", 2);
+    const auto at = [&](double seconds) {
+        return out[0][static_cast<std::size_t>(seconds * 48000)];
+    };
+    EXPECT_FLOAT_EQ(at(0.5), 0.25f); // the sound, with nothing on the outputs
+    EXPECT_EQ(qGray(frame(frames, 6).pixel(80, 60)), 0);
+    EXPECT_EQ(at(1.5), 0.0f); // the picture replaced it
+    EXPECT_EQ(frame(frames, 16).pixel(80, 60), qRgb(0, 200, 0));
+    // The movie from 2.08 s: at 2.3 s its picture 5, and its sound.
+    EXPECT_NEAR(qGray(frame(frames, 24).pixel(80, 60)), MediaFixtures::pictureGrey(5), 10.0);
+    float loudest = 0.0f;
+    for (double t = 2.2; t < 2.4; t += 1.0 / 48000.0)
+        loudest = std::max(loudest, std::abs(at(t)));
+    EXPECT_GT(loudest, 0.4f);
+    // Pressed past its last item: gone, sound and picture.
+    EXPECT_EQ(qGray(frame(frames, 28).pixel(80, 60)), 0);
+    for (double t = 2.6; t < 2.99; t += 0.01)
+        ASSERT_EQ(at(t), 0.0f) << t;
+}
+
+// A slide switched off is never shown, whether reached by a press, the picture timer or the end
+// of a movie; a deck with slideLoop comes round, one without ends past its last item.
+TEST_F(Frames, SlidesSwitchedOffAreSkippedByPressTimerAndMovieEnd) {
+    ASSERT_TRUE(writePdf(folder + "/talk.pdf", {Qt::red, Qt::green, Qt::blue}));
+    DeckItem second;
+    second.id = "s2";
+    second.file = "s002.png";
+    second.slide = 2;
+    second.title = "スライド 2";
+    second.enabled = false;
+    KeyAssignment timed = movie("talk.pdf");
+    timed.deckItems = std::vector<DeckItem>{second}; // only the one changed: matched by id
+    timed.slideAuto = true;
+    timed.slideInterval = 0.5;
+    timed.slideLoop = true;
+    timed.slideTransition = 0.0;
+    KeyAssignment pressed = timed;
+    pressed.slideAuto = false;
+    pressed.slideLoop = false;
+    QImage red(160, 120, QImage::Format_RGB32), blue(160, 120, QImage::Format_RGB32);
+    red.fill(Qt::red);
+    blue.fill(Qt::blue);
+    ASSERT_TRUE(red.save(folder + "/red.png") && blue.save(folder + "/blue.png"));
+    KeyAssignment afterMovie = movie("movie.mp4");
+    afterMovie.sources =
+        QStringList{folder + "/movie.mp4", folder + "/red.png", folder + "/blue.png"};
+    DeckItem off;
+    off.id = "1";
+    off.file = "red.png";
+    off.enabled = false;
+    afterMovie.deckItems =
+        std::vector<DeckItem>{DeckItem{"0", DeckItem::Kind::video, "movie.mp4"}, off};
+    afterMovie.slideTransition = 0.0;
+    makeShow({timed, pressed, afterMovie});
+    const QString frames = folder + "/slides";
+    const TypedCommand run =
+        render("0 down 0\n1.4 down 0 shift\n"
+               "2 down 1\n2.3 down 1\n2.6 down 1\n"
+               "3 down 2\n",
+               {"--seconds", "4.6", "--fps", "10", "--size", "160x90"}, frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    const auto colour = [&](int number) { return frame(frames, number).pixel(80, 45); };
+    EXPECT_EQ(colour(4), qRgb(255, 0, 0));  // 0.3 s: the first slide
+    EXPECT_EQ(colour(9), qRgb(0, 0, 255));  // 0.8 s: the timer skipped the second
+    EXPECT_EQ(colour(14), qRgb(255, 0, 0)); // 1.3 s: round again
+    EXPECT_EQ(colour(17), qRgb(0, 0, 0));   // stopped at 1.4 s
+    EXPECT_EQ(colour(23), qRgb(255, 0, 0)); // 2.2 s
+    EXPECT_EQ(colour(26), qRgb(0, 0, 255)); // 2.5 s: the press skipped the second
+    EXPECT_EQ(colour(29), qRgb(0, 0, 0));   // 2.8 s: pressed past the end
+    EXPECT_NEAR(qGray(colour(36)), MediaFixtures::pictureGrey(10),
+                10.0);                      // 3.5 s: the movie, from 3.08 s
+    EXPECT_EQ(colour(45), qRgb(0, 0, 255)); // 4.4 s: after its end, past the switched-off red
 }
 
 } // namespace

@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include "CueStage.h"
+
+namespace {
+
+constexpr KeyCode kA = 0;
+
+// A list key of three sounds, each `seconds` long at its own constant level (0.1, 0.2, 0.3),
+// with the second switched off, put straight into the media table as the loader would.
+class DeckCues : public ::testing::Test {
+protected:
+    void SetUp() override {
+        QStringList files;
+        DeckManifest manifest;
+        manifest.engine = Deck::kListEngine;
+        for (int i = 0; i < 3; ++i) {
+            DeckItem item;
+            item.id = QString::number(i);
+            item.kind = DeckItem::Kind::audio;
+            item.file = QString("/show/%1.wav").arg(i);
+            item.title = QString("音 %1").arg(i);
+            manifest.items.push_back(item);
+            files << item.file;
+        }
+        auto deck = std::make_shared<Deck>(QString(), manifest);
+        for (int i = 0; i < 3; ++i)
+            deck->clips[files[i]] = std::make_shared<const AudioClip>(
+                std::vector<std::vector<float>>{std::vector<float>(
+                    static_cast<std::size_t>(kSeconds * 48000), 0.1f * static_cast<float>(i + 1))},
+                48000.0);
+        KeyAssignment a(files.first(), 0);
+        a.sources = files;
+        a.outputMap = "1";
+        a.slideTransition = 0.0;
+        a.fadeOut = 0.0;
+        std::vector<DeckItem> saved = manifest.items;
+        saved[1].enabled = false;
+        a.deckItems = saved;
+        MediaInfo info;
+        info.deck = deck;
+        stage.model.media().table()[a.mediaKey()] = info;
+        stage.doc().assignments[kA] = a;
+    }
+    float level() {
+        const auto out = stage.run(0.05);
+        return out[0].back();
+    }
+    static constexpr double kSeconds = 1.0;
+    CueStage stage;
+};
+
+TEST_F(DeckCues, AJumpStartsTheKeyThereOrMovesItAndASwitchedOffItemIsRefused) {
+    stage.engine().deckJump(kA, "2");
+    EXPECT_FLOAT_EQ(level(), 0.3f);
+    EXPECT_EQ(stage.model.live().cues().at(0).slideText, QString("2/2"));
+    EXPECT_EQ(stage.model.live().deckCurrent().at(kA), "2");
+    stage.engine().deckJump(kA, "1");
+    EXPECT_EQ(stage.model.status().text(), "無効にした素材は流せません");
+    EXPECT_FLOAT_EQ(level(), 0.3f);
+    stage.engine().deckJump(kA, "0");
+    EXPECT_FLOAT_EQ(level(), 0.1f);
+    ASSERT_EQ(stage.engine().cues().size(), 1u); // moved, not started again
+    EXPECT_EQ(stage.model.live().cues().at(0).itemName, QString("音 0"));
+}
+
+TEST_F(DeckCues, SoundsGoOnAtTheirEndPastTheSwitchedOffOneAndTheLastEndsTheList) {
+    stage.press(kA);
+    EXPECT_FLOAT_EQ(level(), 0.1f);
+    // A seek moves the sound of the current item, half-way from its length.
+    const std::int64_t cue = stage.engine().cues().at(0)->id;
+    stage.engine().seek(cue, 0.5);
+    stage.run(0.4);
+    EXPECT_FLOAT_EQ(level(), 0.1f);
+    stage.run(0.2); // past the first sound's end: on to the third
+    EXPECT_FLOAT_EQ(level(), 0.3f);
+    EXPECT_EQ(stage.model.live().cues().at(0).slideText, QString("2/2"));
+    stage.run(1.0);
+    EXPECT_FLOAT_EQ(level(), 0.0f);
+    EXPECT_TRUE(stage.engine().cues().empty()); // past the last item the list ended
+}
+
+TEST_F(DeckCues, EverythingSwitchedOffSaysSoAndStartsNothing) {
+    auto& a = stage.doc().assignments.at(kA);
+    for (DeckItem& item : *a.deckItems)
+        item.enabled = false;
+    stage.press(kA);
+    EXPECT_EQ(stage.model.status().text(),
+              a.displayName() + ": 流す素材がありません（一覧ですべて無効になっています）");
+    EXPECT_TRUE(stage.engine().cues().empty());
+    EXPECT_EQ(stage.engine().nextCueID(), 2); // the id was taken all the same
+}
+
+} // namespace
