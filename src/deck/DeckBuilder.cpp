@@ -67,7 +67,8 @@ bool isPicture(const QString& path) {
 
 bool isSlideFile(const QString& path) {
     const QString extension = QFileInfo(path).suffix().toLower();
-    return extension == "pdf" || extension == "pptx" || extension == "ppt" || extension == "key";
+    return extension == "pdf" || extension == "pptx" || extension == "ppt" || extension == "key" ||
+           extension == "odp";
 }
 
 std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progress& progress,

@@ -53,7 +53,8 @@ bool KeyAssignment::isDeck() const {
     if (isImage())
         return true;
     const QString extension = QFileInfo(path).suffix().toLower();
-    return extension == "pptx" || extension == "ppt" || extension == "key" || extension == "pdf";
+    return extension == "pptx" || extension == "ppt" || extension == "key" || extension == "pdf" ||
+           extension == "odp";
 }
 
 QString KeyAssignment::mediaKey() const {

@@ -55,7 +55,7 @@ struct KeyAssignment {
     bool isImage() const;
     // The files stepped through one per press: `sources`, or the image itself.
     std::optional<QStringList> listSources() const;
-    // Plays item by item: deck items, a list, an image, or a slide file (pptx, ppt, key, pdf).
+    // Plays item by item: deck items, a list, an image, or a slide file (pptx, ppt, key, odp, pdf).
     bool isDeck() const;
     // Key of the model's media table: "list:" + sources joined by line feeds, else the path.
     QString mediaKey() const;
