@@ -8,18 +8,15 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <spawn.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <QCoreApplication>
 #include <QPainter>
 #include <QPdfWriter>
 
 #include "Median.h"
+#include "Spawn.h"
 #include "deck/DeckBuilder.h"
-
-extern char** environ;
 
 namespace {
 
@@ -65,18 +62,8 @@ double seconds(const std::chrono::steady_clock::time_point& start) {
 double runReference(const QString& pdf) {
     const std::string input = pdf.toStdString();
     const std::string out = (folder() / "pdftoppm").string();
-    const char* argv[] = {"pdftoppm", "-png",        "-scale-to-x", "2560", "-scale-to-y",
-                          "-1",       input.c_str(), out.c_str(),   nullptr};
-    const auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, "pdftoppm", nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
-        0)
-        return -1.0;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        return -1.0;
-    return seconds(start);
+    return timedSpawn({"pdftoppm", "-png", "-scale-to-x", "2560", "-scale-to-y", "-1",
+                       input.c_str(), out.c_str()});
 }
 
 void BM_BuildFortySlides(benchmark::State& state) {

@@ -12,17 +12,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "MediaFixtures.h"
 #include "Median.h"
+#include "Spawn.h"
 #include "media/AudioLoader.h"
-
-extern char** environ;
 
 namespace {
 
@@ -43,24 +40,9 @@ const std::string& fixture() {
 }
 
 double runReference(const std::string& input) {
-    const char* argv[] = {"ffmpeg",   "-v",
-                          "error",    "-nostdin",
-                          "-threads", "0",
-                          "-i",       input.c_str(),
-                          "-af",      "aresample=48000:resampler=soxr:precision=28",
-                          "-f",       "f32le",
-                          "-y",       "/dev/null",
-                          nullptr};
-    const auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, "ffmpeg", nullptr, nullptr, const_cast<char* const*>(argv), environ) !=
-        0)
-        return -1.0;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        return -1.0;
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return timedSpawn({"ffmpeg", "-v", "error", "-nostdin", "-threads", "0", "-i", input.c_str(),
+                       "-af", "aresample=48000:resampler=soxr:precision=28", "-f", "f32le", "-y",
+                       "/dev/null"});
 }
 
 long statusKilobytes(const char* field) {

@@ -6,33 +6,17 @@
 #include <benchmark/benchmark.h>
 #include <chrono>
 #include <filesystem>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
 #include <vector>
 
 #include "Median.h"
+#include "Spawn.h"
 #include "video/MoviePlayer.h"
-
-extern char** environ;
 
 namespace {
 
 constexpr double kSeconds = 10.0;
 constexpr double kFps = 30.0;
-
-bool spawn(const std::vector<const char*>& args) {
-    std::vector<char*> argv;
-    for (const char* arg : args)
-        argv.push_back(const_cast<char*>(arg));
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-        return false;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 const std::string& fixture() {
     static const std::string path = [] {

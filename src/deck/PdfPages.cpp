@@ -16,8 +16,8 @@ namespace PdfPages {
 
 namespace {
 
-// zlib level 3 of 9: a slide PNG is written three times faster than at the default level and
-// is a fifth larger; decks are a cache, their pictures read back once per show.
+// A low zlib level (Qt maps quality 70 to level 2 of 9) for speed over size: a deck is a cache,
+// written once and read back a picture at a time during the show.
 constexpr int kPngQuality = 70;
 using DeckBuilder::kPageWidth;
 

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <chrono>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <vector>
+
+extern char** environ;
+
+// Runs a program found on PATH with `args` (args[0] is its name) and waits for it: whether it
+// exited with status 0. The benchmarks' references (ffmpeg, pdftoppm) and fixture makers.
+inline bool spawn(const std::vector<const char*>& args) {
+    std::vector<char*> argv;
+    for (const char* arg : args)
+        argv.push_back(const_cast<char*>(arg));
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+        return false;
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The same, timed: seconds from start to exit, or -1 when it failed.
+inline double timedSpawn(const std::vector<const char*>& args) {
+    const auto start = std::chrono::steady_clock::now();
+    if (!spawn(args))
+        return -1.0;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
