@@ -32,7 +32,8 @@ const QString kUsage = QStringLiteral(
     "                         キーマップを画面なしで再生し、全出力を WAV に書き出します\n"
     "                         （--frames: 映像を 1 コマずつ PNG で書き出します）\n"
     "  vorlin deck FILE [--force]\n"
-    "                         スライド（PDF）を展開し（済んでいれば再利用し）、一覧を JSON で\n"
+    "                         スライド（PDF・PowerPoint・Keynote・ODP）を展開し（済んでいれば\n"
+    "                         再利用し）、一覧を JSON で\n"
     "                         表示します（--force: 作り直します）\n"
     "  vorlin help            この説明を表示します\n");
 

@@ -1,15 +1,21 @@
 #include "deck/DeckBuilder.h"
 
+#include <algorithm>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
 #include <QJsonDocument>
+#include <QMimeDatabase>
 #include <QSaveFile>
 
 #include "deck/DeckCache.h"
 #include "deck/DeckError.h"
 #include "deck/PdfPages.h"
+#include "deck/SlideArchive.h"
+#include "deck/SlideConverter.h"
+#include "deck/SlideParts.h"
 #include "media/AudioLoader.h"
 #include "model/DocumentError.h"
 
@@ -63,6 +69,25 @@ bool isPicture(const QString& path) {
     return KeyAssignment(path, 0).isImage();
 }
 
+// What a file taken from a slide is, by its type: a movie, a sound, or nothing to play.
+std::optional<DeckItem::Kind> mediaKind(const QString& file) {
+    static const QMimeDatabase database;
+    const QMimeType type = database.mimeTypeForFile(file, QMimeDatabase::MatchExtension);
+    const auto is = [&](const char* prefix) {
+        if (type.name().startsWith(QLatin1String(prefix)))
+            return true;
+        const QStringList ancestors = type.allAncestors();
+        return std::any_of(ancestors.begin(), ancestors.end(), [&](const QString& name) {
+            return name.startsWith(QLatin1String(prefix));
+        });
+    };
+    if (is("video/"))
+        return DeckItem::Kind::video;
+    if (is("audio/"))
+        return DeckItem::Kind::audio;
+    return std::nullopt;
+}
+
 } // namespace
 
 bool isSlideFile(const QString& path) {
@@ -73,10 +98,11 @@ bool isSlideFile(const QString& path) {
 
 std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progress& progress,
                                   const CancelFlag* cancel) {
-    if (QFileInfo(source).suffix().toLower() != "pdf")
-        throw DeckError(
-            QStringLiteral("スライドの変換にはまだ対応していません（PDF にすると使えます）"));
-    const QString engine = QStringLiteral("pdf");
+    const QString extension = QFileInfo(source).suffix().toLower();
+    if (!isSlideFile(source))
+        throw DeckError(DeckError::kUnsupported);
+    const bool isPdf = extension == "pdf";
+    const QString engine = isPdf ? QStringLiteral("pdf") : QStringLiteral("libreoffice");
     const QString stamp = DeckCache::stamp(source, engine);
     const QString folder = DeckCache::folderFor(source, stamp);
     if (!force) {
@@ -90,12 +116,75 @@ std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progr
         throw DeckError(DeckError::kNoFolder);
     checkCancel(cancel);
 
+    // The PDF, and what the file itself says of its slides: hidden ones, movies and sounds.
+    QString pdf = source;
+    QStringList intermediate;
+    if (!isPdf) {
+        if (progress) {
+            progress(QStringLiteral("スライドを書き出し中…"));
+            progress(QStringLiteral("LibreOffice で変換中…"));
+        }
+        pdf = SlideConverter::convert(source, folder, "pdf", cancel);
+        intermediate << pdf;
+    }
+    std::vector<SlideParts::SlideMeta> slides;
+    QString mediaArchive = source;
+    if (extension == "pptx") {
+        slides = SlideParts::pptxSlides(source);
+    } else if (extension == "odp") {
+        slides = SlideParts::odpSlides(source);
+    } else if (!isPdf) {
+        // Other formats are read through an OpenDocument copy made by the same converter.
+        mediaArchive = SlideConverter::convert(source, folder, "odp", cancel);
+        intermediate << mediaArchive;
+        slides = SlideParts::odpSlides(mediaArchive);
+    }
+
     DeckManifest manifest;
     manifest.stamp = stamp;
     manifest.engine = engine;
-    manifest.slideCount = PdfPages::render(source, folder, progress, cancel);
-    for (int slide = 1; slide <= manifest.slideCount; ++slide)
-        manifest.items.push_back(slideItem(slide));
+    manifest.slideCount = PdfPages::render(pdf, folder, progress, cancel);
+    std::map<QString, QString> copies; // archive entry → file in the deck folder
+    for (int slide = 1; slide <= manifest.slideCount; ++slide) {
+        DeckItem image = slideItem(slide);
+        const auto meta = static_cast<std::size_t>(slide - 1) < slides.size()
+                              ? &slides[static_cast<std::size_t>(slide - 1)]
+                              : nullptr;
+        image.enabled = !(meta && meta->skipped);
+        manifest.items.push_back(image);
+        if (!meta)
+            continue;
+        int number = 0;
+        for (const QString& entry : meta->media) {
+            const auto kind = mediaKind(entry);
+            if (!kind)
+                continue;
+            ++number;
+            const QString id = QStringLiteral("s%1-m%2").arg(slide).arg(number);
+            // A file on two slides is copied once, under the first slide's name.
+            if (!copies.count(entry))
+                copies[entry] = id + '.' + QFileInfo(entry).suffix().toLower();
+            DeckItem item;
+            item.id = id;
+            item.kind = *kind;
+            item.file = copies[entry];
+            item.slide = slide;
+            item.title = QStringLiteral("スライド %1 の %2（%3）")
+                             .arg(slide)
+                             .arg(*kind == DeckItem::Kind::video ? QStringLiteral("映像")
+                                                                 : QStringLiteral("音声"),
+                                  QFileInfo(entry).completeBaseName());
+            item.enabled = image.enabled;
+            manifest.items.push_back(item);
+        }
+    }
+    std::map<QString, QString> targets;
+    for (const auto& [entry, file] : copies)
+        targets[entry] = folder + '/' + file;
+    if (!targets.empty())
+        SlideArchive::extract(mediaArchive, targets);
+    for (const QString& file : intermediate)
+        QFile::remove(file);
     writeManifest(folder, manifest);
     return std::make_shared<Deck>(folder, std::move(manifest));
 }

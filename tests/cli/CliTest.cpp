@@ -2,12 +2,14 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include "JackServer.h"
 #include "MediaFixtures.h"
+#include "PdfFixture.h"
 #include "TempDir.h"
 #include "TypedCommand.h"
 
@@ -105,6 +107,39 @@ TEST(DevicesCommand, ListsJackAlsaAndNullDevices) {
     EXPECT_EQ(devices.last().toObject()["uid"].toString(), QString("null"));
     for (const auto& device : devices)
         EXPECT_FALSE(device.toObject()["name"].toString().isEmpty());
+}
+
+} // namespace
+
+namespace {
+
+// `vorlin deck` as typed: a PDF becomes a deck in the cache, found again the second time; what
+// is no slide file, or is damaged, says so.
+TEST(DeckCommand, BuildsThenFindsADeckAndSaysWhatIsWrong) {
+    TempDir dir;
+    const QString pdf = QString::fromStdString(dir.file("talk.pdf"));
+    ASSERT_TRUE(writePdf(pdf, {Qt::red, Qt::blue}));
+    const TypedCommand built = TypedCommand::run({"deck", pdf});
+    ASSERT_EQ(built.status, 0) << built.err.toStdString();
+    EXPECT_TRUE(built.err.contains("2/2")) << built.err.toStdString(); // progress on stderr
+    const QJsonObject deck = QJsonDocument::fromJson(built.out.toUtf8()).object();
+    const QJsonArray items = deck["manifest"].toObject()["items"].toArray();
+    ASSERT_EQ(items.size(), 2);
+    EXPECT_EQ(items[1].toObject()["file"].toString(), "s002.png");
+    EXPECT_TRUE(QFileInfo(deck["folder"].toString() + "/s002.png").isFile());
+
+    const TypedCommand again = TypedCommand::run({"deck", pdf});
+    EXPECT_EQ(again.status, 0);
+    EXPECT_EQ(again.out, built.out);
+    EXPECT_FALSE(again.err.contains("2/2")); // nothing rendered again
+
+    const QString junk = QString::fromStdString(dir.file("junk.pdf"));
+    std::ofstream(junk.toStdString()) << "no pdf at all";
+    const TypedCommand damaged = TypedCommand::run({"deck", junk});
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_TRUE(damaged.err.contains("スライドを読み込めません"));
+    EXPECT_EQ(TypedCommand::run({"deck", QString::fromStdString(dir.file("song.wav"))}).status, 1);
+    EXPECT_EQ(TypedCommand::run({"deck"}).status, 2);
 }
 
 } // namespace

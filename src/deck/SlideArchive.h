@@ -1,0 +1,31 @@
+#pragma once
+
+#include <functional>
+#include <map>
+
+#include <QByteArray>
+#include <QString>
+
+// The zip container of a presentation (PPTX, ODP), read in process with libarchive. Entry names
+// are never used as paths on disk: parts are read into memory, and media are written only under
+// names the caller gives. An archive with an entry that points outside it (an absolute name, a
+// ".." step, a link) is refused as a whole, and so is an entry that expands far beyond its
+// compressed size (a zip bomb) or a part larger than any real slide needs. Any thread; throws
+// DeckError.
+namespace SlideArchive {
+
+// XML parts are small; anything larger is not a presentation's.
+constexpr qint64 kMaxPartBytes = 32ll << 20;
+// A movie on a slide may be long, but not this long.
+constexpr qint64 kMaxMediaBytes = 8ll << 30;
+// Deflate reaches about 1000:1 only on runs of one byte; real parts and media stay far below.
+constexpr qint64 kMaxExpansion = 200;
+
+// The entries `wanted` accepts (by their names in the archive), read whole.
+std::map<QString, QByteArray> readParts(const QString& archive,
+                                        const std::function<bool(const QString&)>& wanted);
+
+// Copies entries to files: `targets` maps an entry name to the file it becomes.
+void extract(const QString& archive, const std::map<QString, QString>& targets);
+
+} // namespace SlideArchive
