@@ -72,6 +72,7 @@ KeyFileSection::KeyFileSection(AppModel& model, QWidget* parent)
         {QStringLiteral("ファイルを追加…"), &ShowEditor::addFiles, 5, 2, 1},
         {QStringLiteral("名前を変更…"), &ShowEditor::renameKey, 5, 3, 1},
         {QStringLiteral("クリア"), &ShowEditor::clear, 6, 3, 1},
+        {QStringLiteral("一覧を開く"), &ShowEditor::openDeckTab, 7, 0, 4},
     };
     for (const Operation& operation : operations) {
         auto* button = unfocusable(new QPushButton(operation.text, this));
@@ -80,6 +81,8 @@ KeyFileSection::KeyFileSection(AppModel& model, QWidget* parent)
                 (m_model.editor().*run)(*code);
         });
         file->addWidget(button, operation.row, operation.column, 1, operation.span);
+        if (operation.run == &ShowEditor::openDeckTab)
+            m_openDeck = button;
     }
     m_copy = unfocusable(new QToolButton(this));
     m_copy->setText(QStringLiteral("ほかのページへコピー"));
@@ -111,7 +114,10 @@ void KeyFileSection::show(const KeyAssignment& a, const MediaInfo* media) {
                  << QString::number(probe.sourceSampleRate / 1000.0, 'g', 4) + " kHz";
         info << byteSize(probe.fileSize);
     }
+    if (media && media->deck)
+        info << QStringLiteral("%1 項目").arg(media->deck->manifest.items.size());
     m_info->setText(info.join(QStringLiteral(" · ")));
+    m_openDeck->setEnabled(a.isDeck()); // slides, lists and pictures have an item list
     QString state;
     QString stateStyle;
     if (!media || media->loading) {

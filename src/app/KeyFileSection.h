@@ -3,6 +3,7 @@
 #include "app/DetailSection.h"
 
 class QLabel;
+class QPushButton;
 class QLineEdit;
 class QToolButton;
 class WaveformView;
@@ -23,6 +24,7 @@ protected:
 private:
     void fillCopyMenu();
 
+    QPushButton* m_openDeck = nullptr;
     QLabel* m_keyLabel = nullptr;
     QLineEdit* m_title = nullptr;
     QLabel* m_file = nullptr;

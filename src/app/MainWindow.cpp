@@ -19,6 +19,7 @@
 #include <QVBoxLayout>
 
 #include "app/CueListView.h"
+#include "app/DeckPanel.h"
 #include "app/DetailPanel.h"
 #include "app/KeyboardView.h"
 #include "app/MeterPanel.h"
@@ -48,6 +49,9 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     middle->addWidget(m_pages);
     m_keyboard = new KeyboardView(m_model, central);
     middle->addWidget(m_keyboard, 1);
+    m_deckPanel = new DeckPanel(m_model, central);
+    m_deckPanel->hide();
+    middle->addWidget(m_deckPanel);
     // The monitor of every picture above the meters.
     auto* right = new QVBoxLayout;
     right->addWidget(new MonitorView(m_model, central));
@@ -71,6 +75,11 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     connect(&m_model.status(), &StatusLine::changed, this,
             [this](const QString& message) { statusBar()->showMessage(message); });
     connect(&m_model, &AppModel::assignmentsChanged, this, &MainWindow::updateTitle);
+    connect(&m_model, &AppModel::deckTabsChanged, this, [this] {
+        const bool open = !m_model.document().deckTabs.empty();
+        if (open != m_deckPanel->isVisible())
+            resizeForDeckPanel(open);
+    });
     m_model.session().onTitleChange = [this] { updateTitle(); };
 
     resize(1500, 920);
@@ -86,7 +95,7 @@ QTableWidget& MainWindow::cueList() {
 void MainWindow::setPageListShown(bool shown) {
     m_pages->setVisible(shown);
     QSettings().setValue(QStringLiteral("window/pageListShown"), shown);
-    updateMinWidth(shown);
+    updateMinWidth();
 }
 
 void MainWindow::updateTitle() {
@@ -188,8 +197,20 @@ void MainWindow::placeOnScreen() {
     setPageListShown(QSettings().value(QStringLiteral("window/pageListShown"), false).toBool());
 }
 
-void MainWindow::updateMinWidth(bool pageListShown, bool deckTabOpen) {
-    const int base = (pageListShown ? 1152 : 971) + (deckTabOpen ? 361 : 0);
+void MainWindow::resizeForDeckPanel(bool open) {
+    m_deckPanel->setVisible(open);
+    // The layout's minimum must follow the panel before the window can give its width back.
+    centralWidget()->layout()->activate();
+    if (!open)
+        updateMinWidth(); // the floor goes down first, or the width could not be given back
+    if (!isMaximized() && !isFullScreen())
+        resize(width() + (open ? DeckPanel::kWidth : -DeckPanel::kWidth), height());
+    updateMinWidth();
+}
+
+void MainWindow::updateMinWidth() {
+    const int base = (m_pages->isVisibleTo(this) ? 1152 : 971) +
+                     (m_deckPanel->isVisibleTo(this) ? DeckPanel::kWidth : 0);
     const int screenWidth = screen() ? screen()->availableGeometry().width() : 1800;
     const int minimum = std::min(std::max(980, base), screenWidth);
     setMinimumWidth(minimum);

@@ -11,6 +11,7 @@
 
 class AppModel;
 class CueListView;
+class DeckPanel;
 class DetailPanel;
 class KeyboardView;
 class MeterPanel;
@@ -45,7 +46,10 @@ public:
     void placeOnScreen();
     // Minimum width from the panels shown (971, 1152 with the page list, +361 with a deck tab),
     // never below 980 or beyond the screen; then fitWindowToScreen.
-    void updateMinWidth(bool pageListShown = false, bool deckTabOpen = false);
+    void updateMinWidth();
+    // The window grows by the deck panel's width when the panel opens and gives it back when it
+    // closes (not when zoomed or full screen).
+    void resizeForDeckPanel(bool open);
     // Keeps the window inside the screen's available area.
     void fitWindowToScreen();
 
@@ -77,6 +81,7 @@ private:
     DetailPanel* m_detail = nullptr;
     MeterPanel* m_meters = nullptr;
     PageListPanel* m_pages = nullptr;
+    DeckPanel* m_deckPanel = nullptr;
     OutputBar* m_outputBar = nullptr;
     QPointer<QWidget> m_settings;
 };

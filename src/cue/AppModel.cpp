@@ -29,6 +29,9 @@ AppModel::AppModel(std::unique_ptr<VideoOutput> video, QObject* parent)
       m_editor(m_document, *m_engine, m_audio.mixer(), m_media, m_status, m_session) {
     connect(&m_session, &ShowSession::assignmentsChanged, this, &AppModel::assignmentsChanged);
     connect(&m_editor, &ShowEditor::assignmentsChanged, this, &AppModel::assignmentsChanged);
+    connect(&m_editor, &ShowEditor::deckTabsChanged, this, &AppModel::deckTabsChanged);
+    // Another show closes every tab (loading its page does).
+    connect(&m_session, &ShowSession::assignmentsChanged, this, &AppModel::deckTabsChanged);
     m_audio.onConfigurationChange = [this] { restartAudio(); };
     // Movie pictures follow the device that plays their sound.
     m_video->setAudioClock(

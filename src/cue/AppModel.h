@@ -143,6 +143,8 @@ public:
 
 signals:
     void assignmentsChanged();
+    // Deck panel tabs opened, closed or switched (also when a page or show closed them all).
+    void deckTabsChanged();
     // Device name, channel count or rate changed (after every restart).
     void audioDeviceChanged();
     // Master volume, mutes, test tone or stop-all fade changed (by a view or an opened show).

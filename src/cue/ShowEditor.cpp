@@ -235,6 +235,7 @@ void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
 void ShowEditor::clear(KeyCode code) {
     if (!m_document.assignments.count(code))
         return;
+    closeDeckTab(code);
     m_cues.stopKey(code, kEditFade);
     m_document.assignments.erase(code);
     m_media.releaseMediaIfUnused();
@@ -326,6 +327,47 @@ void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
     }
 }
 
+void ShowEditor::setDeckItems(KeyCode code, const std::vector<DeckItem>& items) {
+    const auto held = m_document.assignments.find(code);
+    if (held == m_document.assignments.end())
+        return;
+    KeyAssignment a = held->second;
+    a.deckItems = items;
+    store(code, a);
+}
+
+void ShowEditor::resetDeckItems(KeyCode code) {
+    const auto held = m_document.assignments.find(code);
+    if (held == m_document.assignments.end() || !held->second.deckItems)
+        return;
+    KeyAssignment a = held->second;
+    a.deckItems.reset();
+    store(code, a);
+}
+
+void ShowEditor::openDeckTab(KeyCode code) {
+    ShowDocument& show = m_document;
+    const auto held = show.assignments.find(code);
+    if (held == show.assignments.end() || !held->second.isDeck())
+        return;
+    if (std::find(show.deckTabs.begin(), show.deckTabs.end(), code) == show.deckTabs.end())
+        show.deckTabs.push_back(code);
+    show.activeDeckTab = code;
+    emit deckTabsChanged();
+}
+
+void ShowEditor::closeDeckTab(KeyCode code) {
+    ShowDocument& show = m_document;
+    const auto tab = std::find(show.deckTabs.begin(), show.deckTabs.end(), code);
+    if (tab == show.deckTabs.end())
+        return;
+    show.deckTabs.erase(tab);
+    if (show.activeDeckTab == code)
+        show.activeDeckTab =
+            show.deckTabs.empty() ? std::nullopt : std::optional<KeyCode>(show.deckTabs.back());
+    emit deckTabsChanged();
+}
+
 void ShowEditor::newPage(bool duplicate) {
     ShowDocument& show = m_document;
     show.storeCurrentPage();
@@ -346,10 +388,13 @@ void ShowEditor::switchPage(std::size_t index) {
     if (index >= show.pages.size() || index == show.currentPage)
         return;
     // Running cues keep playing; they are listed with their page.
+    const bool hadTabs = !show.deckTabs.empty();
     show.storeCurrentPage();
     show.loadPage(index);
     m_media.reloadAll(false);
     emit assignmentsChanged();
+    if (hadTabs)
+        emit deckTabsChanged();
 }
 
 void ShowEditor::stepPage(int delta) {

@@ -48,6 +48,14 @@ public:
     void update(KeyCode code, const KeyAssignment& assignment);
     void renameKey(KeyCode code);
     void renameDeckItem(KeyCode code, const QString& itemID);
+    // The key's own item list (what the operator changed of its deck or list), or none, so
+    // that the deck's own list applies again. A running cue keeps the list it started with.
+    void setDeckItems(KeyCode code, const std::vector<DeckItem>& items);
+    void resetDeckItems(KeyCode code);
+
+    // Tabs of the deck panel: only for a deck key of the current page; opening one shows it.
+    void openDeckTab(KeyCode code);
+    void closeDeckTab(KeyCode code);
 
     void newPage(bool duplicate);
     void switchPage(std::size_t index);
@@ -63,6 +71,7 @@ public:
     static bool isPermissionError(const QString& file);
 
 signals:
+    void deckTabsChanged();
     // Keys or pages changed (an edit, or another page shown).
     void assignmentsChanged();
 

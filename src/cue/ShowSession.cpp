@@ -108,8 +108,7 @@ void ShowSession::open(const QString& path) {
     ShowDocument& show = m_document;
     m_media.clear();
     show.pages = std::move(pages);
-    show.currentPage = current;
-    show.assignments = show.pages[current].keys;
+    show.loadPage(current);
 
     MixSettings settings;
     settings.masterVolume = doc.masterVolume;
@@ -171,7 +170,7 @@ void ShowSession::newDocument() {
     KeyPage first;
     first.name = kFirstPage;
     show.pages = {first};
-    show.currentPage = 0;
+    show.loadPage(0);
     m_media.clear();
     MixSettings settings = m_settings.current();
     settings.mutedOutputs.clear();

@@ -5,16 +5,82 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
+#include <QImageReader>
 #include <QPointer>
 #include <QThreadPool>
 
+#include "media/MovieDecoder.h"
 #include "video/PictureFile.h"
+
+namespace {
+
+QImage scaledDown(QImage image) {
+    if (image.width() > Deck::kThumbnailSize || image.height() > Deck::kThumbnailSize)
+        image = image.scaled(Deck::kThumbnailSize, Deck::kThumbnailSize, Qt::KeepAspectRatio,
+                             Qt::SmoothTransformation);
+    return image;
+}
+
+// A movie's first picture, upright.
+QImage firstPicture(const QString& path) {
+    try {
+        MovieDecoder decoder(path.toStdString());
+        const std::optional<MovieFrame> frame = decoder.next();
+        if (!frame)
+            return {};
+        // A copy: the pixels belong to the decoder, which goes at the end of this function.
+        const QImage picture = scaledDown(QImage(frame->rgba.get(), frame->width, frame->height,
+                                                 frame->width * 4, QImage::Format_RGBA8888)
+                                              .copy());
+        return frame->rotation ? picture.transformed(QTransform().rotate(frame->rotation))
+                               : picture;
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+// Makes a picture on a pool thread and hands it to `done` on the main thread, unless `context`
+// is gone by then.
+void onPool(std::function<QImage()> make, QObject* context,
+            std::function<void(const QImage&)> done) {
+    QThreadPool::globalInstance()->start(
+        [make = std::move(make), target = QPointer<QObject>(context), done = std::move(done)] {
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(), // the main thread; the context may be gone
+                [target, image = make(), done] {
+                    if (target)
+                        done(image);
+                },
+                Qt::QueuedConnection);
+        });
+}
+
+QImage makeThumbnail(const QString& path, DeckItem::Kind kind) {
+    if (kind == DeckItem::Kind::audio)
+        return {};
+    if (kind == DeckItem::Kind::video) {
+        if (QImage beside(path + QStringLiteral(".thumb.png")); !beside.isNull())
+            return scaledDown(beside);
+        return firstPicture(path);
+    }
+    QImageReader reader(path);
+    reader.setAutoTransform(true);
+    const QSize size = reader.size();
+    if (size.isValid())
+        reader.setScaledSize(
+            size.scaled(Deck::kThumbnailSize, Deck::kThumbnailSize, Qt::KeepAspectRatio)
+                .boundedTo(size));
+    return reader.read();
+}
+
+} // namespace
 
 // Shared with the pool tasks that decode, so a deck may go while one runs.
 struct Deck::Pictures {
     std::mutex mutex;
-    std::map<QString, QImage> images; // by path
-    std::list<QString> order;         // least recently used first
+    std::map<QString, QImage> images;     // by path
+    std::list<QString> order;             // least recently used first
+    std::map<QString, QImage> thumbnails; // by path; small, all kept
 
     QImage find(const QString& path) {
         std::lock_guard lock(mutex);
@@ -96,16 +162,30 @@ QImage Deck::cachedPicture(const QString& file) const {
 
 void Deck::fetchPicture(const QString& file, QObject* context,
                         std::function<void(const QImage&)> done) const {
-    QPointer<QObject> target(context);
-    QThreadPool::globalInstance()->start(
-        [pictures = m_pictures, path = pathOf(file), target, done = std::move(done)] {
-            QImage image = pictures->decode(path);
-            QMetaObject::invokeMethod(
-                QCoreApplication::instance(), // the main thread; the context may be gone
-                [target, image = std::move(image), done] {
-                    if (target)
-                        done(image);
-                },
-                Qt::QueuedConnection);
-        });
+    onPool([pictures = m_pictures, path = pathOf(file)] { return pictures->decode(path); }, context,
+           std::move(done));
+}
+
+QImage Deck::cachedThumbnail(const QString& file) const {
+    std::lock_guard lock(m_pictures->mutex);
+    const auto found = m_pictures->thumbnails.find(pathOf(file));
+    return found == m_pictures->thumbnails.end() ? QImage() : found->second;
+}
+
+void Deck::fetchThumbnail(const DeckItem& item, QObject* context,
+                          std::function<void(const QImage&)> done) const {
+    onPool(
+        [pictures = m_pictures, path = pathOf(item.file), kind = item.kind] {
+            {
+                std::lock_guard lock(pictures->mutex);
+                if (const auto found = pictures->thumbnails.find(path);
+                    found != pictures->thumbnails.end())
+                    return found->second;
+            }
+            QImage thumbnail = makeThumbnail(path, kind);
+            std::lock_guard lock(pictures->mutex);
+            pictures->thumbnails[path] = thumbnail;
+            return thumbnail;
+        },
+        context, std::move(done));
 }

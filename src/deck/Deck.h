@@ -62,6 +62,17 @@ public:
     void fetchPicture(const QString& file, QObject* context,
                       std::function<void(const QImage&)> done) const;
 
+    // Lists show items this small at most (longer side, pixels).
+    static constexpr int kThumbnailSize = 360;
+    // A small picture of the item for lists: a picture scaled down, a movie's first picture (or
+    // a "<file>.thumb.png" beside it when there is one); null for a sound or what cannot be read.
+    // Made on a pool thread once, then cached; `done` runs on the main thread unless `context`
+    // is gone.
+    void fetchThumbnail(const DeckItem& item, QObject* context,
+                        std::function<void(const QImage&)> done) const;
+    // The thumbnail when it has been made, else null.
+    QImage cachedThumbnail(const QString& file) const;
+
 private:
     struct Pictures;
     std::shared_ptr<Pictures> m_pictures;

@@ -28,6 +28,8 @@ void ShowDocument::loadPage(std::size_t index) {
         return;
     currentPage = index;
     assignments = pages[index].keys;
+    deckTabs.clear();
+    activeDeckTab.reset();
 }
 
 std::vector<KeyAssignment> ShowDocument::allAssignments() const {

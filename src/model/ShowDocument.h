@@ -22,6 +22,10 @@ struct ShowDocument {
     std::size_t currentPage = 0;
     std::map<KeyCode, KeyAssignment> assignments;
     std::optional<KeyCode> selectedKey;
+    // Keys of the current page whose item lists are open as tabs of the deck panel, and the tab
+    // shown. Not saved; closed whenever another page or show is loaded.
+    std::vector<KeyCode> deckTabs;
+    std::optional<KeyCode> activeDeckTab;
 
     QUuid currentPageID() const;
     // Name of the page with that id, if it still exists.

@@ -20,13 +20,17 @@
 #include <QListWidget>
 #include <QMenu>
 #include <QPixmap>
+#include <QPushButton>
 #include <QScreen>
+#include <QTabBar>
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTextLayout>
 
 #include "MediaFixtures.h"
+#include "PdfFixture.h"
 #include "app/CueListView.h"
+#include "app/DeckPanel.h"
 #include "app/DemoShow.h"
 #include "app/DetailPanel.h"
 #include "app/KeyCodeMap.h"
@@ -416,6 +420,74 @@ void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& sho
     log.check(!anyVisible(onTarget), "unchoosing display 2 closes its surface");
 }
 
+// The deck panel: opened from the detail panel for the demo's list key and for a PDF, with the
+// slides' thumbnails, the live item marked as the real keys step, and closed again.
+void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, const QString& folder,
+                    Log& log) {
+    constexpr KeyCode kList = 3, kSlides = 5; // F (the demo's list) and G
+    // Nothing over the main window in its picture.
+    if (window.settingsWindow())
+        window.settingsWindow()->close();
+    model.video().hide();
+    const QString pdf = folder + "/slides.pdf";
+    log.check(writePdf(pdf, {Qt::red, Qt::green, Qt::blue}), "a three-page PDF is written");
+    model.editor().assign(pdf, kSlides);
+    waitForMedia(model);
+    // Clear of the layout's own minimum, so the width given back is exactly the one taken.
+    window.resize(window.minimumSizeHint().width() + 60, window.height());
+    waitFor(100);
+    const int closedWidth = window.width();
+    DeckPanel* panel = window.findChild<DeckPanel*>();
+    QPushButton* open = nullptr;
+    for (QPushButton* button : window.detail().findChildren<QPushButton*>())
+        if (button->text() == QStringLiteral("一覧を開く"))
+            open = button;
+    log.check(panel && open && !panel->isVisible(), "the deck panel starts closed");
+    if (!panel || !open)
+        return;
+    for (KeyCode code : {kList, kSlides}) {
+        model.document().selectedKey = code;
+        emit model.cueEngine().selectedKeyChanged();
+        waitFor(50);
+        open->click();
+    }
+    waitFor(1500); // thumbnails are made on pool threads
+    log.check(panel->isVisible() && panel->tabs().count() == 2 &&
+                  window.width() == closedWidth + DeckPanel::kWidth,
+              QString("two tabs open and the window grew by %1 px (%2 → %3)")
+                  .arg(DeckPanel::kWidth)
+                  .arg(closedWidth)
+                  .arg(window.width()));
+    QListWidget& items = panel->list();
+    log.check(items.count() == 3 && !items.item(0)->icon().isNull() &&
+                  !items.item(2)->icon().isNull(),
+              QString("the slides are listed with thumbnails (%1 items)").arg(items.count()));
+    press(window, kSlides, true);
+    press(window, kSlides, false);
+    press(window, kSlides, true);
+    press(window, kSlides, false);
+    waitFor(300);
+    log.check(items.count() == 3 && items.item(1)->text().startsWith(QStringLiteral("▶")) &&
+                  !items.item(0)->text().startsWith(QStringLiteral("▶")),
+              "two presses: the second slide is marked live");
+    model.video().hide(); // the output window the slides opened would cover the panel
+    waitFor(100);
+    const QString file = QFileInfo(shot).dir().filePath("deck-panel.png");
+    log.check(grab(window).save(file), "the window with the deck panel is saved to " + file);
+    const QStringList bad = textsWithMissingGlyphs(*panel);
+    log.check(bad.isEmpty(), "every text of the deck panel has its glyphs: " + bad.join(" | "));
+    model.stopAll(true);
+    while (panel->tabs().count() > 0)
+        emit panel->tabs().tabCloseRequested(0);
+    waitFor(200);
+    // Back to where it was, unless what the detail panel shows now needs more.
+    const int expected = std::max(closedWidth, window.minimumSizeHint().width());
+    log.check(!panel->isVisible() && window.width() == expected,
+              QString("closing the tabs closes the panel and gives the width back (%1, wanted %2)")
+                  .arg(window.width())
+                  .arg(expected));
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -429,6 +501,8 @@ int run(AppModel& model, MainWindow& window) {
                         log);
         checkOutputWindow(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
                           log);
+        checkDeckPanel(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
+                       log);
     }
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_DISPLAYS"))
         checkDisplaySurface(model, window, qEnvironmentVariable("VORLIN_SELFTEST_DISPLAYS"), folder,

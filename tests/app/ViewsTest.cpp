@@ -15,6 +15,7 @@
 #include "CueStage.h"
 #include "ScriptedInteraction.h"
 #include "app/CueListView.h"
+#include "app/DeckPanel.h"
 #include "app/DetailPanel.h"
 #include "app/KeyInput.h"
 #include "app/MainWindow.h"
@@ -296,6 +297,66 @@ TEST_F(Views, OutputBarListsDevicesAndChoosesOne) {
     auto* fade = bar.findChild<QDoubleSpinBox*>();
     fade->setValue(2.5);
     EXPECT_EQ(stage.model.stopAllFade(), 2.5);
+}
+
+} // namespace
+
+namespace {
+
+// The deck panel on a list of three sounds (levels 0.1, 0.2, 0.3): a tick switches an item off
+// for the presses, "ここから再生" takes an item live, the reset brings the deck's own list back.
+TEST_F(Views, DeckPanelSwitchesItemsOffTakesOneLiveAndResets) {
+    DeckManifest manifest;
+    manifest.engine = Deck::kListEngine;
+    QStringList files;
+    for (int i = 0; i < 3; ++i) {
+        DeckItem item;
+        item.id = QString::number(i);
+        item.kind = DeckItem::Kind::audio;
+        item.file = QString("/show/%1.wav").arg(i);
+        item.title = item.file;
+        manifest.items.push_back(item);
+        files << item.file;
+    }
+    auto deck = std::make_shared<Deck>(QString(), manifest);
+    for (int i = 0; i < 3; ++i)
+        deck->clips[files[i]] = std::make_shared<const AudioClip>(
+            std::vector<std::vector<float>>{std::vector<float>(48000 * 5, 0.1f * (i + 1))},
+            48000.0);
+    KeyAssignment a(files.first(), 0);
+    a.sources = files;
+    a.outputMap = "1";
+    a.slideTransition = 0.0;
+    MediaInfo info;
+    info.deck = deck;
+    stage.model.media().table()[a.mediaKey()] = info;
+    stage.doc().assignments[0] = a;
+    stage.model.editor().openDeckTab(0);
+
+    auto* panel = window->findChild<DeckPanel*>();
+    ASSERT_TRUE(panel && panel->isVisible());
+    QListWidget& list = panel->list();
+    ASSERT_EQ(list.count(), 3);
+    list.item(1)->setCheckState(Qt::Unchecked);
+    ASSERT_TRUE(stage.doc().assignments.at(0).deckItems);
+    EXPECT_FALSE(stage.doc().assignments.at(0).deckItems->at(1).enabled);
+    stage.press(0);
+    stage.press(0); // past the switched-off second
+    EXPECT_FLOAT_EQ(peakOfTail(stage.run(0.1)[0]), 0.3f);
+    EXPECT_TRUE(list.item(2)->text().startsWith("▶"));
+
+    list.setCurrentRow(0);
+    auto* take = panel->findChildren<QPushButton*>().at(0);
+    ASSERT_EQ(take->text(), "ここから再生");
+    take->click();
+    EXPECT_FLOAT_EQ(peakOfTail(stage.run(0.1)[0]), 0.1f);
+    EXPECT_TRUE(list.item(0)->text().startsWith("▶"));
+
+    panel->findChildren<QPushButton*>().at(1)->click(); // 元の一覧に戻す
+    EXPECT_FALSE(stage.doc().assignments.at(0).deckItems);
+    EXPECT_EQ(list.item(1)->checkState(), Qt::Checked);
+    stage.model.editor().closeDeckTab(0);
+    EXPECT_FALSE(panel->isVisible());
 }
 
 } // namespace
