@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QJsonDocument>
+#include <QProcess>
 
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
@@ -169,10 +170,17 @@ TEST_F(Decks, BadSlideFilesFailWithTheirMessageAndWriteNothingOutsideTheirFolder
     EXPECT_TRUE(cutResult == "built" || cutResult == "スライドを読み込めません")
         << cutResult.toStdString();
 
+    // Locked with a password: Poppler cannot open it without one.
+    ASSERT_TRUE(writePdf(file("plain.pdf"), {Qt::red}));
+    ASSERT_EQ(QProcess::execute("qpdf", {"--encrypt", "secret", "owner", "256", "--",
+                                         file("plain.pdf"), file("locked.pdf")}),
+              0);
+    EXPECT_EQ(failure(file("locked.pdf")), "スライドを読み込めません");
+
     const QStringList files = cacheFiles();
     for (const QString& written : files)
         EXPECT_TRUE(written.startsWith("cut-")) << written.toStdString();
-    EXPECT_EQ(QDir(file("")).entryList(QDir::Files).size(), 3); // the sources, untouched
+    EXPECT_EQ(QDir(file("")).entryList(QDir::Files).size(), 5); // the sources, untouched
 }
 
 TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
