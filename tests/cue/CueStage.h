@@ -22,6 +22,8 @@ public:
           device(std::make_unique<OfflineRenderer>(model.mixer(), channels, block, 48000.0)) {
         model.cueEngine().setOutputChannelCount(channels);
         model.cueEngine().setBeep([this] { ++beeps; });
+        // Seeks and slide timing on the simulated clock, as in a headless render.
+        model.cueEngine().setHostClock([this] { return device->hostTime(); });
     }
 
     CompositedVideoOutput& video() { return static_cast<CompositedVideoOutput&>(model.video()); }

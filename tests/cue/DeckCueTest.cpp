@@ -91,4 +91,30 @@ TEST_F(DeckCues, EverythingSwitchedOffSaysSoAndStartsNothing) {
     EXPECT_EQ(stage.engine().nextCueID(), 2); // the id was taken all the same
 }
 
+// Pictures that advance by themselves never go sooner than 0.3 s, however short their time.
+TEST(DeckTiming, APictureNeverAdvancesSoonerThanAThirdOfASecond) {
+    CueStage stage;
+    DeckManifest manifest;
+    manifest.engine = Deck::kListEngine;
+    for (int i = 0; i < 3; ++i) {
+        DeckItem item;
+        item.id = QString::number(i);
+        item.file = QString("/show/picture%1.png").arg(i); // not there: shows nothing, still steps
+        item.advanceAfter = 0.1;
+        manifest.items.push_back(item);
+    }
+    KeyAssignment a(manifest.items[0].file, 0);
+    a.sources = QStringList{manifest.items[0].file, manifest.items[1].file, manifest.items[2].file};
+    a.deckItems = manifest.items;
+    MediaInfo info;
+    info.deck = std::make_shared<Deck>(QString(), manifest);
+    stage.model.media().table()[a.mediaKey()] = info;
+    stage.doc().assignments[kA] = a;
+    stage.press(kA);
+    stage.run(0.25);
+    EXPECT_EQ(stage.model.live().deckCurrent().at(kA), "0");
+    stage.run(0.1);
+    EXPECT_EQ(stage.model.live().deckCurrent().at(kA), "1");
+}
+
 } // namespace

@@ -160,6 +160,17 @@ TEST_F(Presentation, HostileArchivesAreRefusedAndNothingLandsOutsideTheDeck) {
     EXPECT_EQ(failure([&] { SlideParts::pptxSlides(file("bomb.pptx")); }),
               "スライドのファイルが壊れています（展開すると大きすぎます）");
 
+    // The same in a movie, whose size may be large: stopped by how far it expands, early.
+    ASSERT_TRUE(Presentations::writeZip(file("bomb-movie.pptx"),
+                                        {{"ppt/media/movie.mp4", QByteArray(200 << 20, 0)}}));
+    EXPECT_EQ(failure([&] {
+                  SlideArchive::extract(file("bomb-movie.pptx"),
+                                        {{"ppt/media/movie.mp4", file("movie-out.mp4")}});
+              }),
+              "スライドのファイルが壊れています（展開すると大きすぎます）");
+    EXPECT_LE(QFileInfo(file("movie-out.mp4")).size(), 16 << 20);
+    QFile::remove(file("movie-out.mp4"));
+
     // Entities of the file's own are never expanded: no file is read, no laugh multiplied.
     auto entities = base;
     entities[0].second = R"(<?xml version="1.0"?>
