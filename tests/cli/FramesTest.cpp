@@ -308,6 +308,27 @@ TEST_F(Frames, AListPlaysOneFileAPressAndAFourthPressEndsIt) {
         ASSERT_EQ(at(t), 0.0f) << t;
 }
 
+// A sound item leaves the movie before it playing to its end; that end does not move the deck,
+// which has gone on to the sound.
+TEST_F(Frames, AMovieEndingUnderTheNextItemLeavesTheDeckWhereItIs) {
+    constantWav(folder + "/level.wav", 0.25f, 3.0);
+    QImage green(160, 120, QImage::Format_RGB32);
+    green.fill(QColor(0, 200, 0));
+    ASSERT_TRUE(green.save(folder + "/green.png"));
+    KeyAssignment list = movie("movie.mp4");
+    list.sources = QStringList{folder + "/movie.mp4", folder + "/level.wav", folder + "/green.png"};
+    list.slideTransition = 0.0;
+    makeShow({list});
+    const QString frames = folder + "/under";
+    const TypedCommand run = render(
+        "0 down 0\n0.3 down 0\n", {"--seconds", "1.6", "--fps", "10", "--size", "160x120"}, frames);
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    // 1.5 s: the movie's last picture held, the sound playing, no green.
+    EXPECT_NEAR(qGray(frame(frames, 16).pixel(80, 60)), MediaFixtures::pictureGrey(24), 10.0);
+    EXPECT_FLOAT_EQ(readWav(folder + "/out.wav", 2)[0][static_cast<std::size_t>(1.5 * 48000)],
+                    0.25f);
+}
+
 // A slide switched off is never shown, whether reached by a press, the picture timer or the end
 // of a movie; a deck with slideLoop comes round, one without ends past its last item.
 TEST_F(Frames, SlidesSwitchedOffAreSkippedByPressTimerAndMovieEnd) {
