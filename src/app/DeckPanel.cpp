@@ -79,8 +79,9 @@ DeckPanel::DeckPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
 
     auto* buttons = new QHBoxLayout;
     m_take = new QPushButton(QStringLiteral("ここから再生"), this);
+    m_rename = new QPushButton(QStringLiteral("名前…"), this);
     m_reset = new QPushButton(QStringLiteral("元の一覧に戻す"), this);
-    for (QPushButton* button : {m_take, m_reset}) {
+    for (QPushButton* button : {m_take, m_rename, m_reset}) {
         button->setFocusPolicy(Qt::NoFocus);
         buttons->addWidget(button);
     }
@@ -140,6 +141,10 @@ DeckPanel::DeckPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
     connect(m_take, &QPushButton::clicked, this, [this] {
         if (const auto id = selectedID())
             m_model.cueEngine().deckJump(*key(), *id);
+    });
+    connect(m_rename, &QPushButton::clicked, this, [this] {
+        if (const auto id = selectedID())
+            m_model.editor().renameDeckItem(*key(), *id);
     });
     connect(m_reset, &QPushButton::clicked, this, [this] {
         if (const auto code = key())
@@ -263,7 +268,7 @@ void DeckPanel::showSelected() {
         std::find_if(list.begin(), list.end(), [&](const DeckItem& item) { return item.id == id; });
     const bool has = entry != list.end();
     for (QWidget* field : std::initializer_list<QWidget*>{m_enabled, m_advanceAfter, m_transition,
-                                                          m_volume, m_endAction, m_take})
+                                                          m_volume, m_endAction, m_take, m_rename})
         field->setEnabled(has);
     const auto code = key();
     const auto& keys = m_model.document().assignments;

@@ -52,6 +52,7 @@ private:
     QDoubleSpinBox* m_volume = nullptr;
     QComboBox* m_endAction = nullptr;
     QPushButton* m_take = nullptr;
+    QPushButton* m_rename = nullptr;
     QPushButton* m_reset = nullptr;
     bool m_refreshing = false;
 };

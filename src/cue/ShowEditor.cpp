@@ -312,18 +312,17 @@ void ShowEditor::renameKey(KeyCode code) {
 }
 
 void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
-    auto& keys = m_document.assignments;
-    const auto held = keys.find(code);
-    if (held == keys.end() || !held->second.deckItems)
+    if (!m_document.assignments.count(code))
         return;
-    for (DeckItem& item : *held->second.deckItems) {
-        if (item.id != itemID)
-            continue;
-        if (const auto name = m_ask->askName(QStringLiteral("項目の名前を変更"), item.title)) {
-            item.title = *name;
-            changed();
-        }
+    // The key's own list, or the deck's as the key would play it: renaming makes it the key's.
+    std::vector<DeckItem> items = m_cues.deckItems(code);
+    const auto item =
+        std::find_if(items.begin(), items.end(), [&](const DeckItem& i) { return i.id == itemID; });
+    if (item == items.end())
         return;
+    if (const auto name = m_ask->askName(QStringLiteral("項目の名前を変更"), item->title)) {
+        item->title = *name;
+        setDeckItems(code, items);
     }
 }
 

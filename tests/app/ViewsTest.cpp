@@ -352,7 +352,11 @@ TEST_F(Views, DeckPanelSwitchesItemsOffTakesOneLiveAndResets) {
     EXPECT_FLOAT_EQ(peakOfTail(stage.run(0.1)[0]), 0.1f);
     EXPECT_TRUE(list.item(0)->text().startsWith("▶"));
 
-    panel->findChildren<QPushButton*>().at(1)->click(); // 元の一覧に戻す
+    script.names = {"幕間の音"};
+    panel->findChildren<QPushButton*>().at(1)->click(); // 名前…
+    EXPECT_EQ(stage.doc().assignments.at(0).deckItems->at(0).title, "幕間の音");
+    EXPECT_TRUE(list.item(0)->text().contains("幕間の音"));
+    panel->findChildren<QPushButton*>().at(2)->click(); // 元の一覧に戻す
     EXPECT_FALSE(stage.doc().assignments.at(0).deckItems);
     EXPECT_EQ(list.item(1)->checkState(), Qt::Checked);
     stage.model.editor().closeDeckTab(0);
