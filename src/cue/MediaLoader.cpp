@@ -95,7 +95,9 @@ MediaInfo loadDeck(const KeyAssignment& a, double rate, const AudioLoader::Cance
 
 MediaLoader::MediaLoader(ShowDocument& document, std::function<double()> targetRate,
                          QObject* parent)
-    : QObject(parent), m_document(document), m_targetRate(std::move(targetRate)) {}
+    : QObject(parent), m_document(document), m_targetRate(std::move(targetRate)) {
+    m_slideBuilds.setMaxThreadCount(1);
+}
 
 MediaLoader::~MediaLoader() {
     for (auto& [key, running] : m_running)

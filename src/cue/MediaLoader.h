@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QThreadPool>
 
 #include "cue/MediaInfo.h"
 #include "media/AudioLoader.h"
@@ -20,8 +21,9 @@
 // Slide files, pictures and lists become decks with the deck builder (a slide file's pictures
 // are rendered once and kept in the deck cache); their entry shows the build's progress.
 //
-// Threading: main thread; the work runs on pool threads and its result comes back through a
-// queued call. A result for an entry released or reloaded meanwhile is dropped.
+// Threading: main thread; the work runs on pool threads (slide files on a pool of their own) and
+// its result comes back through a queued call. A result for an entry released or reloaded meanwhile
+// is dropped.
 class MediaLoader : public QObject {
     Q_OBJECT
 public:
@@ -67,5 +69,8 @@ private:
     MediaTable m_table;
     std::function<double()> m_targetRate;
     std::map<QString, Running> m_running;
+    // Slide files build here, one at a time: a conversion holds its thread for as long as the
+    // office takes, and sounds must not wait behind it on Qt's global pool.
+    QThreadPool m_slideBuilds;
     std::uint64_t m_generation = 0;
 };
