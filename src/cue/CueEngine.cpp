@@ -258,7 +258,7 @@ void CueEngine::deckStep(const ActiveCuePtr& cue, std::int64_t delta) {
     if (!cue->deck)
         return;
     const std::vector<DeckItem> items = enabledItems(*cue);
-    // By id: the list may have been edited since the item was shown.
+    // The shown item's place among the enabled items; the stored index when it is not there.
     std::int64_t current = cue->deck->index;
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (items[i].id == cue->deck->itemID)
@@ -351,9 +351,10 @@ void CueEngine::deckShowPicture(const ActiveCuePtr& cue, const DeckItem& item, d
     DeckCue& deck = *cue->deck;
     QImage picture =
         m_inlinePictures ? deck.deck->picture(item.file) : deck.deck->cachedPicture(item.file);
-    if (!picture.isNull()) {
-        deck.image =
-            m_video.showImage([picture] { return picture; }, fade, placement.z, placement.outputs);
+    if (!picture.isNull() || m_inlinePictures) {
+        if (!picture.isNull()) // inline, a picture gone from the deck's folder shows nothing
+            deck.image = m_video.showImage([picture] { return picture; }, fade, placement.z,
+                                           placement.outputs);
         return;
     }
     // Decoded off the main thread, then faded in, unless the deck has moved on meanwhile.

@@ -17,6 +17,11 @@ const QString kBuildingSlides = QStringLiteral("スライドを展開中…（�
 const QString kLoadingList = QStringLiteral("素材を読み込み中…");
 const QString kNotFound = QStringLiteral("ファイルが見つかりません");
 
+// A key of a slide file (not a list that happens to start with one).
+bool isSlideKey(const KeyAssignment& a) {
+    return !(a.sources && !a.sources->isEmpty()) && DeckBuilder::isSlideFile(a.path);
+}
+
 // What a single sound or movie file becomes; runs on a pool thread.
 MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFlag* cancel,
                    QStringList& missing) {
@@ -57,7 +62,7 @@ MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFl
 MediaInfo loadDeck(const KeyAssignment& a, double rate, const AudioLoader::CancelFlag* cancel,
                    const DeckBuilder::Progress& progress, QStringList& missing) {
     MediaInfo info;
-    const bool slides = !(a.sources && !a.sources->isEmpty()) && DeckBuilder::isSlideFile(a.path);
+    const bool slides = isSlideKey(a);
     const QStringList files =
         slides ? QStringList{a.path} : a.listSources().value_or(QStringList{a.path});
     for (const QString& file : files) {
@@ -114,7 +119,7 @@ void MediaLoader::loadMedia(const KeyAssignment& assignment, bool force) {
     const bool isDeck = assignment.isDeck();
     MediaInfo placeholder;
     placeholder.loading = true;
-    const bool slides = isDeck && !assignment.sources && DeckBuilder::isSlideFile(assignment.path);
+    const bool slides = isSlideKey(assignment);
     placeholder.progressText = !isDeck ? kLoading : slides ? kBuildingSlides : kLoadingList;
     m_table[key] = placeholder;
     const std::uint64_t generation = ++m_generation;
@@ -124,7 +129,8 @@ void MediaLoader::loadMedia(const KeyAssignment& assignment, bool force) {
 
     const double rate = m_targetRate();
     QPointer<MediaLoader> self(this);
-    QThreadPool::globalInstance()->start([self, key, assignment, isDeck, rate, cancel, generation] {
+    QThreadPool* pool = slides ? &m_slideBuilds : QThreadPool::globalInstance();
+    pool->start([self, key, assignment, isDeck, rate, cancel, generation] {
         // Results and progress go through the application object, which lives on the main
         // thread (a pool task has no event loop of its own).
         const auto toMain = [](auto call) {

@@ -4,7 +4,9 @@
 #include <thread>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
+#include <QThread>
 
 #include "CueStage.h"
 #include "MediaFixtures.h"
@@ -228,6 +230,45 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     editor().clear(kA);
     EXPECT_EQ(stage.model.media().table().count(tone), 0u);
     EXPECT_TRUE(clip.expired()); // the decoded audio itself is gone
+}
+
+} // namespace
+
+namespace {
+
+// A slide conversion takes as long as the office needs; sounds load meanwhile.
+TEST_F(Editing, SoundsLoadWhileASlideFileIsStillConverting) {
+    const QString bin = file("bin");
+    QDir().mkpath(bin);
+    QFile office(bin + "/soffice");
+    ASSERT_TRUE(office.open(QIODevice::WriteOnly));
+    office.write("#!/bin/sh\nsleep 4\n");
+    office.close();
+    office.setPermissions(QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", bin.toUtf8() + ":" + path);
+    // Two of them: one converting, one waiting its turn; neither may hold up the sound.
+    for (const char* name : {"talk.pptx", "other.pptx"}) {
+        QFile slides(file(name));
+        ASSERT_TRUE(slides.open(QIODevice::WriteOnly) && slides.write("zip") > 0);
+    }
+    editor().assign(file("talk.pptx"), kA);
+    editor().assign(file("other.pptx"), kD);
+    QThread::msleep(100); // the conversion has begun
+    const QString tone = file("tone.wav");
+    ASSERT_TRUE(MediaFixtures::write(tone.toStdString(), "pcm_s16le", {{1, 48000, 0.5}}));
+    editor().assign(tone, kS);
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    while (stage.model.media().table().at(tone).loading &&
+           std::chrono::steady_clock::now() < deadline)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    EXPECT_TRUE(stage.model.media().table().at(tone).clip);
+    EXPECT_TRUE(stage.model.media().table().at(file("talk.pptx")).loading);
+    EXPECT_EQ(stage.model.media().table().at(file("talk.pptx")).progressText,
+              "LibreOffice で変換中…");
+    editor().clear(kA); // cancels the conversion: the office is ended, not waited for
+    editor().clear(kD);
+    qputenv("PATH", path);
 }
 
 } // namespace
