@@ -306,31 +306,7 @@ namespace {
 // The deck panel on a list of three sounds (levels 0.1, 0.2, 0.3): a tick switches an item off
 // for the presses, "ここから再生" takes an item live, the reset brings the deck's own list back.
 TEST_F(Views, DeckPanelSwitchesItemsOffTakesOneLiveAndResets) {
-    DeckManifest manifest;
-    manifest.engine = Deck::kListEngine;
-    QStringList files;
-    for (int i = 0; i < 3; ++i) {
-        DeckItem item;
-        item.id = QString::number(i);
-        item.kind = DeckItem::Kind::audio;
-        item.file = QString("/show/%1.wav").arg(i);
-        item.title = item.file;
-        manifest.items.push_back(item);
-        files << item.file;
-    }
-    auto deck = std::make_shared<Deck>(QString(), manifest);
-    for (int i = 0; i < 3; ++i)
-        deck->clips[files[i]] = std::make_shared<const AudioClip>(
-            std::vector<std::vector<float>>{std::vector<float>(48000 * 5, 0.1f * (i + 1))},
-            48000.0);
-    KeyAssignment a(files.first(), 0);
-    a.sources = files;
-    a.outputMap = "1";
-    a.slideTransition = 0.0;
-    MediaInfo info;
-    info.deck = deck;
-    stage.model.media().table()[a.mediaKey()] = info;
-    stage.doc().assignments[0] = a;
+    stage.addListKey(0, 3, 5.0);
     stage.model.editor().openDeckTab(0);
 
     auto* panel = window->findChild<DeckPanel*>();

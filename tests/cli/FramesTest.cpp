@@ -58,6 +58,20 @@ protected:
         QFile file(folder + "/" + name);
         return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
     }
+    // A list key of these files, cut from one to the next; "level.wav" (3 s at 0.25) and
+    // "green.png" (0, 200, 0) are made here.
+    KeyAssignment list(const QStringList& names) {
+        constantWav(folder + "/level.wav", 0.25f, 3.0);
+        QImage green(160, 120, QImage::Format_RGB32);
+        green.fill(QColor(0, 200, 0));
+        EXPECT_TRUE(green.save(folder + "/green.png"));
+        KeyAssignment a = movie(names.first());
+        a.sources = QStringList();
+        for (const QString& name : names)
+            *a.sources << folder + "/" + name;
+        a.slideTransition = 0.0;
+        return a;
+    }
     QImage frame(const QString& frames, int number) {
         return QImage(frames + QStringLiteral("/frame_%1.png").arg(number, 6, 10, QChar('0')));
     }
@@ -276,14 +290,7 @@ TEST_F(Frames, DamagedMoviesFailAloneWithAMessage) {
 // A list of a sound, a picture and a movie: one item a press, each replacing the one before, and
 // a fourth press ends the list.
 TEST_F(Frames, AListPlaysOneFileAPressAndAFourthPressEndsIt) {
-    constantWav(folder + "/level.wav", 0.25f, 2.0);
-    QImage green(160, 120, QImage::Format_RGB32);
-    green.fill(QColor(0, 200, 0));
-    ASSERT_TRUE(green.save(folder + "/green.png"));
-    KeyAssignment list = movie("level.wav");
-    list.sources = QStringList{folder + "/level.wav", folder + "/green.png", folder + "/movie.mp4"};
-    list.slideTransition = 0.0;
-    makeShow({list});
+    makeShow({list({"level.wav", "green.png", "movie.mp4"})});
     const QString frames = folder + "/list";
     const TypedCommand run = render("0 down 0\n1 down 0\n2 down 0\n2.5 down 0\n",
                                     {"--seconds", "3", "--fps", "10", "--size", "160x120"}, frames);
@@ -311,14 +318,7 @@ TEST_F(Frames, AListPlaysOneFileAPressAndAFourthPressEndsIt) {
 // A sound item leaves the movie before it playing to its end; that end does not move the deck,
 // which has gone on to the sound.
 TEST_F(Frames, AMovieEndingUnderTheNextItemLeavesTheDeckWhereItIs) {
-    constantWav(folder + "/level.wav", 0.25f, 3.0);
-    QImage green(160, 120, QImage::Format_RGB32);
-    green.fill(QColor(0, 200, 0));
-    ASSERT_TRUE(green.save(folder + "/green.png"));
-    KeyAssignment list = movie("movie.mp4");
-    list.sources = QStringList{folder + "/movie.mp4", folder + "/level.wav", folder + "/green.png"};
-    list.slideTransition = 0.0;
-    makeShow({list});
+    makeShow({list({"movie.mp4", "level.wav", "green.png"})});
     const QString frames = folder + "/under";
     const TypedCommand run = render(
         "0 down 0\n0.3 down 0\n", {"--seconds", "1.6", "--fps", "10", "--size", "160x120"}, frames);

@@ -63,6 +63,40 @@ public:
         return true;
     }
 
+    // A list key of `count` items put straight into the media table as the loader would: sounds
+    // (item i at the constant level 0.1 × (i + 1), `seconds` long, routed to output 1) or, with
+    // `pictures`, pictures whose files are not there (they show nothing, and still step). The
+    // key keeps its items as its own list, to be changed by the test.
+    KeyAssignment& addListKey(KeyCode code, int count, double seconds, bool pictures = false) {
+        DeckManifest manifest;
+        manifest.engine = Deck::kListEngine;
+        QStringList files;
+        for (int i = 0; i < count; ++i) {
+            DeckItem item;
+            item.id = QString::number(i);
+            item.kind = pictures ? DeckItem::Kind::image : DeckItem::Kind::audio;
+            item.file = QString("/show/%1.%2").arg(i).arg(pictures ? "png" : "wav");
+            item.title = QString("項目 %1").arg(i);
+            manifest.items.push_back(item);
+            files << item.file;
+        }
+        auto deck = std::make_shared<Deck>(QString(), manifest);
+        for (int i = 0; !pictures && i < count; ++i)
+            deck->clips[files[i]] = std::make_shared<const AudioClip>(
+                std::vector<std::vector<float>>{std::vector<float>(
+                    static_cast<std::size_t>(seconds * 48000), 0.1f * static_cast<float>(i + 1))},
+                48000.0);
+        KeyAssignment a(files.first(), 0);
+        a.sources = files;
+        a.deckItems = manifest.items;
+        a.outputMap = "1";
+        a.slideTransition = 0.0;
+        MediaInfo info;
+        info.deck = deck;
+        model.media().table()[a.mediaKey()] = info;
+        return doc().assignments[code] = a;
+    }
+
     void press(KeyCode code, bool shift = false) { model.handleKey(code, true, shift, false); }
     void release(KeyCode code) { model.handleKey(code, false, false, false); }
 

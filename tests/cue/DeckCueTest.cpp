@@ -6,41 +6,14 @@ namespace {
 
 constexpr KeyCode kA = 0;
 
-// A list key of three sounds, each `seconds` long at its own constant level (0.1, 0.2, 0.3),
-// with the second switched off, put straight into the media table as the loader would.
+// A list key of three sounds, each a second long at its own constant level (0.1, 0.2, 0.3),
+// with the second switched off.
 class DeckCues : public ::testing::Test {
 protected:
     void SetUp() override {
-        QStringList files;
-        DeckManifest manifest;
-        manifest.engine = Deck::kListEngine;
-        for (int i = 0; i < 3; ++i) {
-            DeckItem item;
-            item.id = QString::number(i);
-            item.kind = DeckItem::Kind::audio;
-            item.file = QString("/show/%1.wav").arg(i);
-            item.title = QString("音 %1").arg(i);
-            manifest.items.push_back(item);
-            files << item.file;
-        }
-        auto deck = std::make_shared<Deck>(QString(), manifest);
-        for (int i = 0; i < 3; ++i)
-            deck->clips[files[i]] = std::make_shared<const AudioClip>(
-                std::vector<std::vector<float>>{std::vector<float>(
-                    static_cast<std::size_t>(kSeconds * 48000), 0.1f * static_cast<float>(i + 1))},
-                48000.0);
-        KeyAssignment a(files.first(), 0);
-        a.sources = files;
-        a.outputMap = "1";
-        a.slideTransition = 0.0;
+        KeyAssignment& a = stage.addListKey(kA, 3, kSeconds);
         a.fadeOut = 0.0;
-        std::vector<DeckItem> saved = manifest.items;
-        saved[1].enabled = false;
-        a.deckItems = saved;
-        MediaInfo info;
-        info.deck = deck;
-        stage.model.media().table()[a.mediaKey()] = info;
-        stage.doc().assignments[kA] = a;
+        a.deckItems->at(1).enabled = false;
     }
     float level() {
         const auto out = stage.run(0.05);
@@ -61,7 +34,7 @@ TEST_F(DeckCues, AJumpStartsTheKeyThereOrMovesItAndASwitchedOffItemIsRefused) {
     stage.engine().deckJump(kA, "0");
     EXPECT_FLOAT_EQ(level(), 0.1f);
     ASSERT_EQ(stage.engine().cues().size(), 1u); // moved, not started again
-    EXPECT_EQ(stage.model.live().cues().at(0).itemName, QString("音 0"));
+    EXPECT_EQ(stage.model.live().cues().at(0).itemName, QString("項目 0"));
 }
 
 TEST_F(DeckCues, SoundsGoOnAtTheirEndPastTheSwitchedOffOneAndTheLastEndsTheList) {
@@ -94,22 +67,8 @@ TEST_F(DeckCues, EverythingSwitchedOffSaysSoAndStartsNothing) {
 // Pictures that advance by themselves never go sooner than 0.3 s, however short their time.
 TEST(DeckTiming, APictureNeverAdvancesSoonerThanAThirdOfASecond) {
     CueStage stage;
-    DeckManifest manifest;
-    manifest.engine = Deck::kListEngine;
-    for (int i = 0; i < 3; ++i) {
-        DeckItem item;
-        item.id = QString::number(i);
-        item.file = QString("/show/picture%1.png").arg(i); // not there: shows nothing, still steps
+    for (DeckItem& item : *stage.addListKey(kA, 3, 0.0, true).deckItems)
         item.advanceAfter = 0.1;
-        manifest.items.push_back(item);
-    }
-    KeyAssignment a(manifest.items[0].file, 0);
-    a.sources = QStringList{manifest.items[0].file, manifest.items[1].file, manifest.items[2].file};
-    a.deckItems = manifest.items;
-    MediaInfo info;
-    info.deck = std::make_shared<Deck>(QString(), manifest);
-    stage.model.media().table()[a.mediaKey()] = info;
-    stage.doc().assignments[kA] = a;
     stage.press(kA);
     stage.run(0.25);
     EXPECT_EQ(stage.model.live().deckCurrent().at(kA), "0");
