@@ -531,8 +531,8 @@ void CueEngine::seek(std::int64_t cueID, double fraction) {
 
 void CueEngine::deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot) {
     const std::uint64_t time = now();
-    const auto cues = m_cues; // a step may stop a cue
-    for (const auto& cue : cues) {
+    // A step may stop a cue but never adds or removes one (the walk after this does).
+    for (const ActiveCuePtr& cue : m_cues) {
         if (cue->stopping || !cue->deck || !cue->deck->itemID)
             continue;
         const DeckCue& deck = *cue->deck;
