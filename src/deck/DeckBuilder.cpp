@@ -1,13 +1,10 @@
 #include "deck/DeckBuilder.h"
 
-#include <algorithm>
-
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
 #include <QJsonDocument>
-#include <QMimeDatabase>
 #include <QSaveFile>
 
 #include "deck/DeckCache.h"
@@ -18,6 +15,7 @@
 #include "deck/SlideParts.h"
 #include "media/AudioLoader.h"
 #include "model/DocumentError.h"
+#include "model/MediaType.h"
 
 namespace DeckBuilder {
 
@@ -65,25 +63,11 @@ DeckItem slideItem(int slide) {
     return item;
 }
 
-bool isPicture(const QString& path) {
-    return KeyAssignment(path, 0).isImage();
-}
-
 // What a file taken from a slide is, by its type: a movie, a sound, or nothing to play.
 std::optional<DeckItem::Kind> mediaKind(const QString& file) {
-    static const QMimeDatabase database;
-    const QMimeType type = database.mimeTypeForFile(file, QMimeDatabase::MatchExtension);
-    const auto is = [&](const char* prefix) {
-        if (type.name().startsWith(QLatin1String(prefix)))
-            return true;
-        const QStringList ancestors = type.allAncestors();
-        return std::any_of(ancestors.begin(), ancestors.end(), [&](const QString& name) {
-            return name.startsWith(QLatin1String(prefix));
-        });
-    };
-    if (is("video/"))
+    if (MediaType::is(file, QLatin1StringView("video/")))
         return DeckItem::Kind::video;
-    if (is("audio/"))
+    if (MediaType::is(file, QLatin1StringView("audio/")))
         return DeckItem::Kind::audio;
     return std::nullopt;
 }
@@ -201,7 +185,7 @@ std::shared_ptr<Deck> buildList(const QStringList& files, const CancelFlag* canc
         item.file = file;
         item.slide = i + 1;
         item.title = QFileInfo(file).completeBaseName();
-        if (isPicture(file)) {
+        if (MediaType::is(file, QLatin1StringView("image/"))) {
             item.kind = DeckItem::Kind::image;
         } else {
             const MediaProbe probe = AudioLoader::probe(file.toStdString(), cancel);

@@ -4,10 +4,9 @@
 
 #include <QFileInfo>
 #include <QJsonArray>
-#include <QMimeDatabase>
-#include <QMimeType>
 
 #include "model/JsonRead.h"
+#include "model/MediaType.h"
 #include "model/Prefs.h"
 #include "model/ValueRanges.h"
 
@@ -24,17 +23,7 @@ QString KeyAssignment::displayName() const {
 }
 
 bool KeyAssignment::isImage() const {
-    // By extension only, like a type registry: the file need not exist or be readable.
-    static const QMimeDatabase database;
-    const QMimeType type = database.mimeTypeForFile(path, QMimeDatabase::MatchExtension);
-    if (!type.isValid() || type.isDefault())
-        return false;
-    if (type.name().startsWith(QStringLiteral("image/")))
-        return true;
-    const QStringList ancestors = type.allAncestors();
-    return std::any_of(ancestors.begin(), ancestors.end(), [](const QString& name) {
-        return name.startsWith(QStringLiteral("image/"));
-    });
+    return MediaType::is(path, QLatin1StringView("image/"));
 }
 
 std::optional<QStringList> KeyAssignment::listSources() const {
