@@ -5,7 +5,6 @@
 
 #include <QCoreApplication>
 #include <QFileInfo>
-#include <QImageReader>
 #include <QPointer>
 #include <QThreadPool>
 
@@ -58,19 +57,12 @@ void onPool(std::function<QImage()> make, QObject* context,
 QImage makeThumbnail(const QString& path, DeckItem::Kind kind) {
     if (kind == DeckItem::Kind::audio)
         return {};
-    if (kind == DeckItem::Kind::video) {
-        if (QImage beside(path + QStringLiteral(".thumb.png")); !beside.isNull())
-            return scaledDown(beside);
-        return firstPicture(path);
-    }
-    QImageReader reader(path);
-    reader.setAutoTransform(true);
-    const QSize size = reader.size();
-    if (size.isValid())
-        reader.setScaledSize(
-            size.scaled(Deck::kThumbnailSize, Deck::kThumbnailSize, Qt::KeepAspectRatio)
-                .boundedTo(size));
-    return reader.read();
+    QString error; // a list shows no thumbnail for what is no picture
+    if (kind == DeckItem::Kind::image)
+        return PictureFile::read(path, error, Deck::kThumbnailSize);
+    const QImage beside =
+        PictureFile::read(path + QStringLiteral(".thumb.png"), error, Deck::kThumbnailSize);
+    return beside.isNull() ? firstPicture(path) : beside;
 }
 
 } // namespace

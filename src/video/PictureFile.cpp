@@ -4,7 +4,7 @@
 
 namespace PictureFile {
 
-QImage read(const QString& path, QString& error) {
+QImage read(const QString& path, QString& error, int largestSide) {
     QImageReader reader(path);
     reader.setAutoTransform(true);
     if (!reader.canRead()) {
@@ -12,8 +12,8 @@ QImage read(const QString& path, QString& error) {
         return {};
     }
     const QSize size = reader.size();
-    if (size.isValid() && (size.width() > kLargestSide || size.height() > kLargestSide))
-        reader.setScaledSize(size.scaled(kLargestSide, kLargestSide, Qt::KeepAspectRatio));
+    if (size.isValid() && (size.width() > largestSide || size.height() > largestSide))
+        reader.setScaledSize(size.scaled(largestSide, largestSide, Qt::KeepAspectRatio));
     QImage image = reader.read();
     if (image.isNull()) {
         error = QStringLiteral("画像を読み込めません（%1）").arg(reader.errorString());

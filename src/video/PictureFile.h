@@ -11,8 +11,8 @@ namespace PictureFile {
 
 constexpr int kLargestSide = 7680;
 
-// The picture, premultiplied for drawing; a null image and `error` (a Japanese message for the
-// operator) when the file is no picture.
-QImage read(const QString& path, QString& error);
+// The picture, premultiplied for drawing, at most `largestSide` pixels on its longer side; a
+// null image and `error` (a Japanese message for the operator) when the file is no picture.
+QImage read(const QString& path, QString& error, int largestSide = kLargestSide);
 
 } // namespace PictureFile
