@@ -264,9 +264,8 @@ void DeckPanel::showSelected() {
         return;
     const auto id = selectedID();
     const auto list = items();
-    const auto entry =
-        std::find_if(list.begin(), list.end(), [&](const DeckItem& item) { return item.id == id; });
-    const bool has = entry != list.end();
+    const auto found = DeckItem::indexOf(list, id);
+    const bool has = found.has_value();
     for (QWidget* field : std::initializer_list<QWidget*>{m_enabled, m_advanceAfter, m_transition,
                                                           m_volume, m_endAction, m_take, m_rename})
         field->setEnabled(has);
@@ -275,6 +274,7 @@ void DeckPanel::showSelected() {
     m_reset->setEnabled(code && keys.count(*code) && keys.at(*code).deckItems);
     if (!has)
         return;
+    const DeckItem* entry = &list[*found];
     m_refreshing = true;
     m_enabled->setChecked(entry->enabled);
     m_advanceAfter->setValue(entry->advanceAfter.value_or(0.0));

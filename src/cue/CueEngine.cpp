@@ -259,11 +259,8 @@ void CueEngine::deckStep(const ActiveCuePtr& cue, std::int64_t delta) {
         return;
     const std::vector<DeckItem> items = enabledItems(*cue);
     // The shown item's place among the enabled items; the stored index when it is not there.
-    std::int64_t current = cue->deck->index;
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        if (items[i].id == cue->deck->itemID)
-            current = static_cast<std::int64_t>(i);
-    }
+    const auto shown = DeckItem::indexOf(items, cue->deck->itemID);
+    const std::int64_t current = shown ? static_cast<std::int64_t>(*shown) : cue->deck->index;
     const std::int64_t target = std::max<std::int64_t>(current + delta, 0);
     const double fade = target < static_cast<std::int64_t>(items.size())
                             ? items[static_cast<std::size_t>(target)].transition.value_or(
@@ -274,16 +271,16 @@ void CueEngine::deckStep(const ActiveCuePtr& cue, std::int64_t delta) {
 
 void CueEngine::deckJump(KeyCode code, const QString& itemID) {
     const std::vector<DeckItem> items = enabledDeckItems(code);
-    const auto item =
-        std::find_if(items.begin(), items.end(), [&](const DeckItem& i) { return i.id == itemID; });
-    if (item == items.end()) {
+    const auto found = DeckItem::indexOf(items, itemID);
+    if (!found) {
         m_status.show(kDisabledItem);
         return;
     }
-    const auto index = static_cast<std::int64_t>(item - items.begin());
+    const DeckItem& item = items[*found];
+    const auto index = static_cast<std::int64_t>(*found);
     const ActiveCuePtr running = newestRunning(code);
     if (running && running->deck)
-        deckGo(running, index, item->transition.value_or(running->assignment.slideTransition));
+        deckGo(running, index, item.transition.value_or(running->assignment.slideTransition));
     else
         startKey(code, index);
 }
@@ -474,10 +471,10 @@ std::optional<CueEngine::SeekTarget> CueEngine::seekTarget(const ActiveCue& cue)
         // The current sound or movie of a deck; a picture has no position.
         const DeckCue& deck = *cue.deck;
         const auto items = deck.deck->itemsFor(cue.assignment);
-        const auto item = std::find_if(items.begin(), items.end(),
-                                       [&](const DeckItem& i) { return i.id == deck.itemID; });
-        if (item == items.end() || item->kind == DeckItem::Kind::image)
+        const auto found = DeckItem::indexOf(items, deck.itemID);
+        if (!found || items[*found].kind == DeckItem::Kind::image)
             return std::nullopt;
+        const DeckItem* item = &items[*found];
         SeekTarget target{deck.voiceID, deck.video, 0.0};
         const auto clip = deck.deck->clips.find(item->file);
         const auto probe = deck.deck->probes.find(item->file);
@@ -537,10 +534,10 @@ void CueEngine::deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot) 
             continue;
         const DeckCue& deck = *cue->deck;
         const auto items = deck.deck->itemsFor(cue->assignment);
-        const auto item = std::find_if(items.begin(), items.end(),
-                                       [&](const DeckItem& i) { return i.id == deck.itemID; });
-        if (item == items.end())
+        const auto found = DeckItem::indexOf(items, deck.itemID);
+        if (!found)
             continue;
+        const DeckItem* item = &items[*found];
         const KeyAssignment& a = cue->assignment;
         if (item->kind == DeckItem::Kind::image) {
             const double interval =
@@ -607,10 +604,8 @@ void CueEngine::tick() {
             cueProgress = static_cast<double>(deck->index + 1) /
                           static_cast<double>(std::max<std::int64_t>(count, 1));
             row.slideText = QString::number(deck->index + 1) + '/' + QString::number(count);
-            const auto item = std::find_if(items.begin(), items.end(),
-                                           [&](const DeckItem& i) { return i.id == deck->itemID; });
-            if (item != items.end())
-                row.itemName = item->title;
+            if (const auto shown = DeckItem::indexOf(items, deck->itemID))
+                row.itemName = items[*shown].title;
             if (onPage) {
                 slidePosition[cue->key] = *row.slideText;
                 if (!cue->stopping && deck->itemID)

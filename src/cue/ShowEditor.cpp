@@ -206,10 +206,8 @@ void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
     QStringList sources = a.sources ? *a.sources : QStringList{a.path};
     qsizetype index = -1;
     if (a.deckItems) {
-        const auto item = std::find_if(a.deckItems->begin(), a.deckItems->end(),
-                                       [&](const DeckItem& i) { return i.id == itemID; });
-        if (item != a.deckItems->end())
-            index = item - a.deckItems->begin();
+        if (const auto found = DeckItem::indexOf(*a.deckItems, itemID))
+            index = static_cast<qsizetype>(*found);
     }
     if (index < 0) {
         bool ok = false;
@@ -316,12 +314,12 @@ void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
         return;
     // The key's own list, or the deck's as the key would play it: renaming makes it the key's.
     std::vector<DeckItem> items = m_cues.deckItems(code);
-    const auto item =
-        std::find_if(items.begin(), items.end(), [&](const DeckItem& i) { return i.id == itemID; });
-    if (item == items.end())
+    const auto found = DeckItem::indexOf(items, itemID);
+    if (!found)
         return;
-    if (const auto name = m_ask->askName(QStringLiteral("項目の名前を変更"), item->title)) {
-        item->title = *name;
+    DeckItem& item = items[*found];
+    if (const auto name = m_ask->askName(QStringLiteral("項目の名前を変更"), item.title)) {
+        item.title = *name;
         setDeckItems(code, items);
     }
 }

@@ -54,6 +54,15 @@ DeckItem DeckItem::fromJson(const QJsonObject& o) {
     return item;
 }
 
+std::optional<std::size_t> DeckItem::indexOf(const std::vector<DeckItem>& items,
+                                             const std::optional<QString>& id) {
+    for (std::size_t i = 0; id && i < items.size(); ++i) {
+        if (items[i].id == *id)
+            return i;
+    }
+    return std::nullopt;
+}
+
 std::vector<DeckItem> DeckItem::merge(const std::vector<DeckItem>& saved,
                                       const std::vector<DeckItem>& fresh) {
     std::map<QString, const DeckItem*> byID;

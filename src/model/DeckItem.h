@@ -33,6 +33,10 @@ struct DeckItem {
     // After a rebuild: the fresh items in their order, each replaced by the saved item with the
     // same id when there is one (the operator's settings survive); saved items no longer built
     // are dropped.
+    // Where the item with `id` is in `items` (none: not there, or no id).
+    static std::optional<std::size_t> indexOf(const std::vector<DeckItem>& items,
+                                              const std::optional<QString>& id);
+
     static std::vector<DeckItem> merge(const std::vector<DeckItem>& saved,
                                        const std::vector<DeckItem>& fresh);
 };
