@@ -355,12 +355,12 @@ TEST_F(Frames, SlidesSwitchedOffAreSkippedByPressTimerAndMovieEnd) {
     KeyAssignment afterMovie = movie("movie.mp4");
     afterMovie.sources =
         QStringList{folder + "/movie.mp4", folder + "/red.png", folder + "/blue.png"};
-    DeckItem off;
+    // The list's own items: the first as it is, the second (red) switched off.
+    DeckItem first, off;
+    first.id = "0";
     off.id = "1";
-    off.file = "red.png";
     off.enabled = false;
-    afterMovie.deckItems =
-        std::vector<DeckItem>{DeckItem{"0", DeckItem::Kind::video, "movie.mp4"}, off};
+    afterMovie.deckItems = std::vector<DeckItem>{first, off};
     afterMovie.slideTransition = 0.0;
     makeShow({timed, pressed, afterMovie});
     const QString frames = folder + "/slides";

@@ -202,7 +202,7 @@ TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
     using Kind = DeckItem::Kind;
     const std::vector<Kind> kinds{Kind::audio, Kind::image, Kind::video,
                                   Kind::image, Kind::audio, Kind::audio};
-    for (std::size_t i = 0; i < files.size(); ++i) {
+    for (std::size_t i = 0; i < kinds.size(); ++i) {
         EXPECT_EQ(deck->manifest.items[i].kind, kinds[i]) << i;
         EXPECT_EQ(deck->manifest.items[i].id, QString::number(i));
         EXPECT_EQ(deck->pathOf(deck->manifest.items[i].file), files[static_cast<qsizetype>(i)]);
