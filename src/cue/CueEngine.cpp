@@ -324,12 +324,13 @@ void CueEngine::deckGo(const ActiveCuePtr& cue, std::int64_t index, double fade)
         deck->image.reset();
         deck->video.reset();
         const Placement placement = place(a);
-        // A missing file was named when the deck loaded: it shows nothing.
         if (failure != deck->deck->failures.end())
             m_status.show(item.title + QStringLiteral(": ") + failure->second);
-        else if (!deck->deck->missing.contains(item.file) && item.kind == DeckItem::Kind::image)
+        else if (deck->deck->missing.contains(item.file)) {
+            // Named when the deck loaded: it shows nothing.
+        } else if (item.kind == DeckItem::Kind::image)
             deckShowPicture(cue, item, fade, placement);
-        else if (!deck->deck->missing.contains(item.file))
+        else
             deckPlayMovie(cue, item, fade, placement);
     }
     deck->index = index;
@@ -611,11 +612,10 @@ void CueEngine::tick() {
                 if (!cue->stopping && deck->itemID)
                     deckCurrent[cue->key] = *deck->itemID;
             }
-            row.hasVideo =
-                (deck->video && !deck->video->finished) || (deck->image && !deck->image->finished);
+            row.hasVideo = !finished(deck->video) || !finished(deck->image);
         } else {
             cueProgress = cue->video ? cue->video->progress() : voice ? voice->progress : 0.0;
-            row.hasVideo = cue->video && !cue->video->finished;
+            row.hasVideo = !finished(cue->video);
         }
         if (!cue->stopping)
             playingPages.insert(cue->page);
