@@ -47,6 +47,24 @@ Voice* Mixer::find(std::int64_t id) {
 
 namespace {
 
+// One output frame's step of a voice's fade envelope. False when it has faded out: that frame
+// is already silent and the voice is done.
+inline bool stepEnvelope(float& env, float& envStep) noexcept {
+    if (envStep == 0.0f)
+        return true;
+    const float e = env + envStep;
+    if (e >= 1.0f) {
+        env = 1.0f;
+        envStep = 0.0f;
+    } else if (e > 0.0f) {
+        env = e;
+    } else {
+        env = 0.0f;
+        return false;
+    }
+    return true;
+}
+
 // Gains come from the control side already bounded; this only keeps a NaN, an infinity or a
 // negative gain (which no caller means) from ever reaching the output.
 float usableGain(float gain) {
@@ -59,19 +77,35 @@ std::int64_t Mixer::play(AudioClipPtr clip, const RouteList& routes, float volum
                          bool loop, bool deferred) {
     if (!clip || clip->frameCount < 1 || clip->channelCount < 1)
         return 0;
+    const std::int64_t channels = clip->channelCount;
+    auto voice = std::make_unique<Voice>(std::move(clip), usableRoutes(routes, channels));
+    voice->loop = loop;
+    return add(std::move(voice), volume, fadeIn, deferred);
+}
 
+std::int64_t Mixer::playStream(AudioStreamPtr stream, const RouteList& routes, float volume,
+                               double fadeIn, bool deferred) {
+    if (!stream)
+        return 0;
+    const std::int64_t channels = stream->channelCount();
+    return add(std::make_unique<Voice>(std::move(stream), usableRoutes(routes, channels)), volume,
+               fadeIn, deferred);
+}
+
+RouteList Mixer::usableRoutes(const RouteList& routes, std::int64_t channels) {
     RouteList usable;
     usable.reserve(routes.size());
     for (const Route& route : routes) {
-        if (route.source >= 0 && route.source < clip->channelCount && route.output >= 0 &&
+        if (route.source >= 0 && route.source < channels && route.output >= 0 &&
             route.output < kMaxOutputs)
             usable.push_back(route);
     }
+    return usable;
+}
 
+std::int64_t Mixer::add(std::unique_ptr<Voice> voice, float volume, double fadeIn, bool deferred) {
     // Everything that allocates happens before the lock.
-    auto voice = std::make_unique<Voice>(std::move(clip), usable);
     voice->volume = usableGain(volume);
-    voice->loop = loop;
     voice->startHost = deferred ? Voice::kArmed : 0;
 
     std::vector<std::unique_ptr<Voice>> grown;
@@ -134,7 +168,8 @@ void Mixer::setStart(std::int64_t id, std::uint64_t hostTime) {
 void Mixer::seek(std::int64_t id, double seconds, std::uint64_t startHost) {
     std::lock_guard guard(m_lock);
     Voice* voice = find(id);
-    if (!voice || voice->done)
+    // A stream is sought by playing a new one from there.
+    if (!voice || voice->done || voice->stream)
         return;
     const AudioClip& clip = *voice->clip;
     // max before min: a NaN position lands on 0, an infinite one on the last frame.
@@ -181,7 +216,7 @@ std::map<std::int64_t, VoiceStatus> Mixer::snapshot() {
         VoiceStatus status;
         status.done = voice.shownDone.load(std::memory_order_acquire);
         status.progress = voice.shownProgress.load(std::memory_order_relaxed);
-        status.levels.resize(static_cast<std::size_t>(voice.clip->channelCount));
+        status.levels.resize(static_cast<std::size_t>(voice.channelCount));
         for (std::size_t c = 0; c < status.levels.size(); ++c)
             status.levels[c] = AtomicPeak::take(voice.peaks[c]);
         result.emplace(voice.id, std::move(status));
@@ -297,7 +332,10 @@ void Mixer::render(std::int64_t n, const AudioTimeStamp& timestamp,
             }
             voice.started = true;
         }
-        mixVoice(voice, offset, n, sr, mv, outCount);
+        if (voice.stream)
+            mixStream(voice, offset, n, mv, outCount);
+        else
+            mixVoice(voice, offset, n, sr, mv, outCount);
     }
 
     if (m_toneChannel >= 0 && m_toneChannel < outCount && m_outs[m_toneChannel]) {
@@ -424,19 +462,9 @@ void Mixer::mixVoice(Voice& voice, std::int64_t offset, std::int64_t n, double s
         }
         std::int64_t mixed = 0;
         for (std::int64_t i = passStart; i < passEnd; ++i) {
-            if (envStep != 0.0f) {
-                const float e = env + envStep;
-                if (e >= 1.0f) {
-                    env = 1.0f;
-                    envStep = 0.0f;
-                } else if (e > 0.0f) {
-                    env = e;
-                } else {
-                    // Faded out: this frame is already silent.
-                    env = 0.0f;
-                    done = true;
-                    break;
-                }
+            if (!stepEnvelope(env, envStep)) {
+                done = true;
+                break;
             }
             const auto idx = static_cast<std::int64_t>(position);
             std::int64_t nxt = idx + 1;
@@ -484,6 +512,81 @@ void Mixer::mixVoice(Voice& voice, std::int64_t offset, std::int64_t n, double s
     }
 
     voice.position = position;
+    voice.env = env;
+    voice.envStep = envStep;
+    voice.done = done;
+    voice.publish();
+}
+
+// Mixes a stream voice from frame `offset` of the block: the frames the stream holds, at the
+// device's rate (its feeder converted them), with the same envelope and gains as a clip. Where
+// the stream has run dry the voice is silent and counts what it missed, to skip it later.
+void Mixer::mixStream(Voice& voice, std::int64_t offset, std::int64_t n, float mv,
+                      int outCount) noexcept {
+    AudioStream& stream = *voice.stream;
+    float* const gain = m_scratchGain.get();
+    float* const level = m_scratchLevel.get();
+    const float volume = voice.volume;
+    const std::size_t routeCount = voice.src.size();
+    float env = voice.env;
+    float envStep = voice.envStep;
+    bool done = false;
+
+    std::int64_t available = stream.available();
+    const std::int64_t skipped = std::min(voice.owed, available);
+    stream.consume(skipped);
+    voice.owed -= skipped;
+    voice.position += static_cast<double>(skipped);
+    available -= skipped;
+
+    for (std::int64_t passStart = offset; passStart < n && !done; passStart += kChunk) {
+        const std::int64_t passEnd = std::min(n, passStart + kChunk);
+        std::int64_t mixed = 0;
+        for (std::int64_t i = passStart; i < passEnd; ++i) {
+            if (!stepEnvelope(env, envStep)) {
+                done = true;
+                break;
+            }
+            gain[mixed] = mv * volume * env * env;
+            level[mixed] = env * env * volume;
+            ++mixed;
+        }
+        const std::int64_t have = std::min(mixed, available);
+        // At most two pieces: the ring may wrap within the pass.
+        for (std::int64_t from = 0; from < have;) {
+            std::int64_t length = 0;
+            for (std::size_t k = 0; k < routeCount; ++k) {
+                const std::int64_t o = voice.dst[k];
+                const float* samples = stream.piece(voice.src[k], from, have - from, length);
+                if (o >= outCount || !m_outs[o])
+                    continue;
+                float* out = m_outs[o] + passStart + from;
+                const float* g = gain + from;
+                for (std::int64_t j = 0; j < length; ++j)
+                    out[j] += g[j] * samples[j];
+            }
+            for (std::int64_t c = 0; c < voice.channelCount; ++c) {
+                const float* samples = stream.piece(c, from, have - from, length);
+                float peak = 0.0f;
+                for (std::int64_t j = 0; j < length; ++j)
+                    peak = std::max(peak, level[from + j] * std::fabs(samples[j]));
+                AtomicPeak::raise(voice.peaks[static_cast<std::size_t>(c)], peak);
+            }
+            from += length;
+        }
+        stream.consume(have);
+        available -= have;
+        voice.position += static_cast<double>(have);
+        if (have < mixed && !done) {
+            if (stream.ended())
+                done = true; // played to its end
+            else
+                voice.owed += mixed - have; // ran dry
+        }
+    }
+    if (!done && available == 0 && stream.ended())
+        done = true;
+
     voice.env = env;
     voice.envStep = envStep;
     voice.done = done;

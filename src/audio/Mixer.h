@@ -11,6 +11,7 @@
 
 #include "audio/AudioBufferList.h"
 #include "audio/AudioClip.h"
+#include "audio/AudioStream.h"
 #include "audio/PriorityMutex.h"
 #include "audio/Route.h"
 #include "audio/Voice.h"
@@ -52,6 +53,12 @@ public:
     // frames or channels.
     std::int64_t play(AudioClipPtr clip, const RouteList& routes, float volume, double fadeIn,
                       bool loop, bool deferred);
+
+    // Control thread. Adds a voice that plays a stream from where it stands, at the device's
+    // rate (the stream is written at sampleRate()), until the stream has ended; otherwise as
+    // play. It cannot loop or seek: its feeder goes round, and a seek plays a new stream.
+    std::int64_t playStream(AudioStreamPtr stream, const RouteList& routes, float volume,
+                            double fadeIn, bool deferred);
 
     // Control thread. Fades a playing voice out over `fade` seconds (at least 5 ms); a voice
     // that has not started yet is done at once.
@@ -120,9 +127,13 @@ private:
     static constexpr std::int64_t kChunk = 1024;
 
     Voice* find(std::int64_t id); // under the lock
+    static RouteList usableRoutes(const RouteList& routes, std::int64_t channels);
+    std::int64_t add(std::unique_ptr<Voice> voice, float volume, double fadeIn, bool deferred);
     void advanceDeviceClock(std::uint64_t blockHost, double blockLength) noexcept;
     void mixVoice(Voice& voice, std::int64_t offset, std::int64_t frameCount, double rate,
                   float master, int outCount) noexcept;
+    void mixStream(Voice& voice, std::int64_t offset, std::int64_t frameCount, float master,
+                   int outCount) noexcept;
 
     mutable PriorityMutex m_lock;
 

@@ -76,6 +76,13 @@ bool SampleBuffer::append(const float* samples, std::size_t frames) {
     return true;
 }
 
+void SampleBuffer::dropFront(std::size_t frames) {
+    const std::size_t dropped = std::min(frames, m_size);
+    if (dropped < m_size)
+        std::memmove(m_data, m_data + dropped, (m_size - dropped) * sizeof(float));
+    m_size -= dropped;
+}
+
 bool SampleBuffer::padTo(std::size_t frames) {
     if (frames <= m_size)
         return true;

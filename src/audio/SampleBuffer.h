@@ -29,6 +29,8 @@ public:
     float* appendSpace(std::size_t frames);
     void commit(std::size_t frames) { m_size += frames; }
     bool append(const float* samples, std::size_t frames);
+    // Removes the first `frames` samples (all of them when there are fewer); keeps the block.
+    void dropFront(std::size_t frames);
     // Zero-fills up to `frames` (never shortens).
     bool padTo(std::size_t frames);
     void shrinkToFit();

@@ -7,9 +7,10 @@
 #include <vector>
 
 #include "audio/AudioClip.h"
+#include "audio/AudioStream.h"
 #include "audio/Route.h"
 
-// One playing clip inside the Mixer.
+// One playing clip, or one stream of sound decoded while it plays, inside the Mixer.
 //
 // Threading: built completely on the control thread before the mixer lock is taken, then owned
 // by Mixer::voices. Afterwards its plain mutable fields are read and written only under the
@@ -24,20 +25,27 @@ public:
     static constexpr std::uint64_t kArmed = std::numeric_limits<std::uint64_t>::max();
 
     Voice(AudioClipPtr clip, const RouteList& routes);
+    Voice(AudioStreamPtr stream, const RouteList& routes);
 
     Voice(const Voice&) = delete;
     Voice& operator=(const Voice&) = delete;
 
     std::int64_t id = 0; // handed out by Mixer::play under the lock
+    // Exactly one of the two is set.
     const AudioClipPtr clip;
+    const AudioStreamPtr stream;
+    const std::int64_t channelCount;
     // Route k feeds clip channel src[k] into output dst[k].
     const std::vector<std::int64_t> src;
     const std::vector<std::int64_t> dst;
 
-    double position = 0.0; // read position in clip frames
-    float env = 1.0f;      // fade envelope 0…1, applied squared
-    float envStep = 0.0f;  // change of env per output frame; 0 = no ramp
-    float volume = 1.0f;   // linear
+    double position = 0.0; // read position in clip frames; frames taken from a stream
+    // A stream's frames that were due while it had none: dropped as they arrive, so that the
+    // sound stays where its picture is.
+    std::int64_t owed = 0;
+    float env = 1.0f;     // fade envelope 0…1, applied squared
+    float envStep = 0.0f; // change of env per output frame; 0 = no ramp
+    float volume = 1.0f;  // linear
     bool loop = false;
     std::uint64_t startHost = 0; // 0 = next block, kArmed = waits for setStart, else host time
     bool started = false;

@@ -469,4 +469,57 @@ TEST_F(MixerTest, RoutesOutsideTheClipOrTheDeviceAreDropped) {
     EXPECT_EQ(mixer.play(nullptr, {{0, 0}}, 1, 0, false, false), 0);
 }
 
+// A stream voice plays exactly what a clip voice of the same samples plays (envelope, volume,
+// routes), across the ring's wrap; frames it misses while its feeder is late are skipped when
+// they arrive, so it stays on time; damaged samples and the end are handled like a clip's.
+TEST_F(MixerTest, StreamPlaysLikeAClipStaysOnTimeWhenStarvedAndEndsWhenFinished) {
+    const auto clip = distinctClip(4000);
+    const float* samples = clip->channels[0];
+    {
+        auto stream = std::make_shared<AudioStream>(1, 700, kRate, 0, 4000);
+        OfflineRenderer device(mixer, 2, 256, kRate);
+        mixer.play(clip, {{0, 0}}, 0.7f, 0.004, false, false);
+        mixer.playStream(stream, {{0, 1}}, 0.7f, 0.004, false);
+        std::int64_t written = 0;
+        for (int block = 0; block < 12; ++block) {
+            const float* from = samples + written;
+            written += stream->write(&from, 4000 - written);
+            const auto out = device.render(256);
+            for (int i = 0; i < 256; ++i)
+                ASSERT_EQ(out[1][i], out[0][i]) << "block " << block << " frame " << i;
+        }
+    }
+
+    Mixer starved;
+    OfflineRenderer device(starved, 1, 256, kRate);
+    // The stream is the second half of a 4000-frame sound: progress counts from frame 2000.
+    auto stream = std::make_shared<AudioStream>(1, 1000, kRate, 2000, 4000);
+    const float* from = samples;
+    ASSERT_EQ(stream->write(&from, 100), 100);
+    const auto voice = starved.playStream(stream, {{0, 0}}, 1.0f, 0.0, false);
+    auto out = device.render(256);
+    for (int i = 0; i < 256; ++i)
+        ASSERT_EQ(out[0][i], i < 100 ? samples[i] : 0.0f) << i;
+    // The late frames arrive: the 156 missed are dropped, the block plays frames 256 on.
+    from = samples + 100;
+    ASSERT_EQ(stream->write(&from, 2000), 1000);
+    out = device.render(256);
+    for (int i = 0; i < 256; ++i)
+        ASSERT_EQ(out[0][i], samples[256 + i]) << i;
+    EXPECT_DOUBLE_EQ(starved.snapshot()[voice].progress, (2000.0 + 512.0) / 4000.0);
+
+    // Damage never reaches the output; the voice ends with the last frame once finished.
+    out = device.render(512); // frames 512…1023 are not all there: 1100 written
+    const float damaged[3] = {std::nanf(""), 100.0f, -0.25f};
+    from = damaged;
+    ASSERT_EQ(stream->write(&from, 3), 3);
+    stream->finish();
+    out = device.render(512);
+    EXPECT_EQ(out[0][76], 0.0f);
+    EXPECT_EQ(out[0][77], 0.0f);
+    EXPECT_EQ(out[0][78], -0.25f);
+    EXPECT_EQ(countNonZero({out[0].begin() + 79, out[0].end()}), 0);
+    EXPECT_TRUE(starved.snapshot()[voice].done);
+}
+
 } // namespace
