@@ -118,6 +118,10 @@ void TrackDecoder::decode(const AVPacket* packet, const Sink& sink) {
     }
 }
 
+void TrackDecoder::reset() {
+    avcodec_flush_buffers(m_codec);
+}
+
 void TrackDecoder::Samples::copyTo(float* const* dest) const {
     const int frameChannels = frame->ch_layout.nb_channels;
     const auto format = static_cast<AVSampleFormat>(frame->format);

@@ -41,6 +41,9 @@ public:
     // Decodes one packet of this stream (null: end of stream, drains the codec) and hands every
     // frame to the sink. A frame with fewer channels than the stream is padded with silence.
     void decode(const AVPacket* packet, const Sink& sink);
+    // Forgets what the codec holds (after a seek, or after the end to decode again from the
+    // start).
+    void reset();
 
 private:
     AVCodecContext* m_codec = nullptr;
