@@ -29,7 +29,7 @@ ShowRenderer::ShowRenderer(int sampleRate, int channels, std::int64_t blockFrame
     m_model->cueEngine().setOutputChannelCount(channels);
     // Seeks and slide timing on the simulated clock; a slide shows the moment it is due.
     m_model->cueEngine().setHostClock([this] { return m_device->hostTime(); });
-    m_model->cueEngine().setDecodePicturesInline(true);
+    m_model->cueEngine().setDecodeInline(true);
 }
 
 void ShowRenderer::open(const QString& path) {
@@ -123,6 +123,7 @@ bool ShowRenderer::run(const std::vector<ScriptEvent>& events, double seconds, W
             if (!writeFrame(*frames, nextFrame++))
                 return false;
         }
+        m_model->cueEngine().fillStreams();
         m_device->renderBlock();
         for (std::size_t c = 0; c < channels.size(); ++c)
             channels[c] = m_device->channel(static_cast<int>(c));

@@ -8,6 +8,7 @@
 #include <QUuid>
 
 #include "cue/DeckCue.h"
+#include "media/StreamedSound.h"
 #include "model/KeyAssignment.h"
 #include "video/VideoCue.h"
 
@@ -26,6 +27,8 @@ struct ActiveCue {
     // The key's settings at start: later edits of the key never change a running cue.
     const KeyAssignment assignment;
     std::optional<std::int64_t> voiceID;
+    // The sound of a movie too long to decode into memory, played by voiceID.
+    std::shared_ptr<StreamedSound> stream;
     std::shared_ptr<VideoCue> video;
     std::shared_ptr<DeckCue> deck; // a deck, list or picture key
     // Set by any stop; a stopping cue no longer counts as running. There is no way back.

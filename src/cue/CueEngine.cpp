@@ -20,6 +20,9 @@ const QString kAllDisabled =
     QStringLiteral(": 流す素材がありません（一覧ですべて無効になっています）");
 const QString kDisabledItem = QStringLiteral("無効にした素材は流せません");
 const QString kNoSound = QStringLiteral(": 音声を読み込めませんでした");
+const QString kStreamFailed = QStringLiteral(": 音声を再生できません（%1）");
+// A streamed sound without a picture starts this long after its press: its decoder's first fill.
+constexpr double kStreamLead = 0.08;
 // An image never advances by itself sooner than this after it was shown.
 constexpr double kShortestSlide = 0.3;
 
@@ -191,8 +194,14 @@ CueEngine::Placement CueEngine::place(const KeyAssignment& a) {
 void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, const MediaInfo& info) {
     const bool wantVideo = info.probe.hasVideo && a.showVideo;
     // A movie's sound waits, armed, for the host time at which its picture starts.
-    if (info.clip)
+    if (info.clip) {
         cue->voiceID = playClip(info.clip, a, a.volume, a.fadeIn, a.loop, wantVideo);
+    } else if (info.audioViaPlayer) {
+        cue->voiceID = playStream(*cue, info, 0.0, a.fadeIn);
+        // Without its picture the sound starts after the decoder's first fill, as a movie would.
+        if (cue->voiceID && !wantVideo)
+            m_mixer.setStart(*cue->voiceID, now() + HostTime::secondsToTicks(kStreamLead));
+    }
     if (!wantVideo)
         return;
     const Placement placement = place(a);
@@ -215,7 +224,6 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     movie.duration = info.probe.hasVideo ? info.probe.duration : -1.0;
     movie.fadeIn = a.fadeIn;
     movie.loop = a.loop;
-    movie.playerAudio = info.audioViaPlayer;
     movie.volume = static_cast<float>(a.volume);
     movie.z = placement.z;
     movie.outputs = placement.outputs;
@@ -236,6 +244,40 @@ std::optional<std::int64_t> CueEngine::playClip(const AudioClipPtr& clip, const 
     const std::int64_t voice =
         m_mixer.play(clip, routes, static_cast<float>(volume), fadeIn, loop, deferred);
     return voice > 0 ? std::optional<std::int64_t>(voice) : std::nullopt;
+}
+
+std::optional<std::int64_t> CueEngine::playStream(ActiveCue& cue, const MediaInfo& info,
+                                                  double from, double fadeIn) {
+    const KeyAssignment& a = cue.assignment;
+    if (cue.voiceID && cue.stream)
+        m_mixer.stop(*cue.voiceID, 0.0);
+    cue.voiceID.reset();
+    cue.stream.reset();
+    const std::int64_t channels = std::max<std::int64_t>(info.probe.sourceChannels, 1);
+    const RouteList routes =
+        Routing::routes(a.matrix, a.outputMap.toStdString(), channels, m_outputChannels);
+    if (routes.empty()) {
+        m_status.show(a.displayName() + kNoRoute);
+        return std::nullopt;
+    }
+    StreamedSound::Options options;
+    options.rate = m_mixer.sampleRate();
+    options.channels = channels;
+    options.from = from;
+    options.duration = info.probe.duration;
+    options.loop = a.loop;
+    options.inlineDecoding = m_decodeInline;
+    cue.stream = std::make_shared<StreamedSound>(a.path.toStdString(), options);
+    const std::int64_t voice = m_mixer.playStream(cue.stream->stream(), routes,
+                                                  static_cast<float>(a.volume), fadeIn, true);
+    return voice > 0 ? std::optional<std::int64_t>(voice) : std::nullopt;
+}
+
+void CueEngine::fillStreams() {
+    for (const ActiveCuePtr& cue : m_cues) {
+        if (cue->stream)
+            cue->stream->fill();
+    }
 }
 
 std::vector<DeckItem> CueEngine::enabledItems(const ActiveCue& cue) {
@@ -337,7 +379,7 @@ void CueEngine::deckGo(const ActiveCuePtr& cue, std::int64_t index, double fade)
     deck->itemID = item.id;
     deck->itemStarted = now();
     // The next picture is decoded ahead, so stepping to it shows it at once.
-    if (!m_inlinePictures && index + 1 < count) {
+    if (!m_decodeInline && index + 1 < count) {
         const DeckItem& next = items[static_cast<std::size_t>(index + 1)];
         if (next.kind == DeckItem::Kind::image && !deck->deck->failures.count(next.file))
             deck->deck->fetchPicture(next.file, this, [](const QImage&) {});
@@ -348,8 +390,8 @@ void CueEngine::deckShowPicture(const ActiveCuePtr& cue, const DeckItem& item, d
                                 const Placement& placement) {
     DeckCue& deck = *cue->deck;
     QImage picture =
-        m_inlinePictures ? deck.deck->picture(item.file) : deck.deck->cachedPicture(item.file);
-    if (!picture.isNull() || m_inlinePictures) {
+        m_decodeInline ? deck.deck->picture(item.file) : deck.deck->cachedPicture(item.file);
+    if (!picture.isNull() || m_decodeInline) {
         if (!picture.isNull()) // inline, a picture gone from the deck's folder shows nothing
             deck.image = m_video.showImage([picture] { return picture; }, fade, placement.z,
                                            placement.outputs);
@@ -523,8 +565,19 @@ void CueEngine::seek(std::int64_t cueID, double fraction) {
         return;
     }
     const std::uint64_t resume = now() + HostTime::secondsToTicks(0.1);
-    if (m_video.seek(*target->video, seconds, resume) && target->voiceID)
+    if (!m_video.seek(*target->video, seconds, resume) || !target->voiceID)
+        return;
+    ActiveCue& cue = **found;
+    if (!cue.stream) {
         m_mixer.seek(*target->voiceID, seconds, resume);
+        return;
+    }
+    // A streamed sound starts again from there, decoded ahead while the picture gets ready.
+    if (const MediaInfo* info = mediaFor(m_media, cue.assignment)) {
+        cue.voiceID = playStream(cue, *info, seconds, 0.0);
+        if (cue.voiceID)
+            m_mixer.setStart(*cue.voiceID, resume);
+    }
 }
 
 void CueEngine::deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot) {
@@ -582,6 +635,10 @@ void CueEngine::tick() {
     std::vector<ActiveCuePtr> kept;
     kept.reserve(m_cues.size());
     for (const auto& cue : m_cues) {
+        if (cue->stream) {
+            if (const auto failure = cue->stream->takeFailure())
+                m_status.show(cue->name + kStreamFailed.arg(QString::fromStdString(*failure)));
+        }
         const DeckCue* deck = cue->deck.get();
         const VoiceStatus* voice = statusOf(deck ? deck->voiceID : cue->voiceID);
         const bool voiceDone = !voice || voice->done;

@@ -64,9 +64,14 @@ public:
     void seek(std::int64_t cueID, double fraction);
     // Host clock for seeks and deck timing (the device's simulated clock in offline runs).
     void setHostClock(std::function<std::uint64_t()> clock) { m_hostClock = std::move(clock); }
-    // Offline runs decode a slide picture the moment it is shown, so every render of a show
-    // shows it at the same time; live, it is decoded on a pool thread and shown when ready.
-    void setDecodePicturesInline(bool inlineDecode) { m_inlinePictures = inlineDecode; }
+    // Offline runs decode on the calling thread, so that every render of a show is the same: a
+    // slide picture the moment it is shown, a streamed sound in fillStreams before each block.
+    // Live, pictures are decoded on a pool thread and shown when ready, and each streamed sound
+    // has a decoding thread of its own.
+    void setDecodeInline(bool inlineDecode) { m_decodeInline = inlineDecode; }
+    // Offline runs, before each block: tops up every streamed sound (a movie whose sound is too
+    // long to decode into memory).
+    void fillStreams();
 
     // The deck panel's "play from here": the item of the key's running deck, or the key started
     // there. A disabled item is refused with a message.
@@ -111,6 +116,9 @@ private:
                        const Placement& placement);
     std::optional<std::int64_t> playClip(const AudioClipPtr& clip, const KeyAssignment& a,
                                          double volume, double fadeIn, bool loop, bool deferred);
+    // The cue's movie sound streamed from `from` seconds, armed; replaces any stream it had.
+    std::optional<std::int64_t> playStream(ActiveCue& cue, const MediaInfo& info, double from,
+                                           double fadeIn);
     void deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot);
 
     // What a seek of the cue acts on: its voice and/or movie, and the length in seconds.
@@ -130,7 +138,7 @@ private:
     std::function<bool(KeyCode)> m_isLayoutKey;
     std::function<void()> m_beep;
     std::function<std::uint64_t()> m_hostClock;
-    bool m_inlinePictures = false;
+    bool m_decodeInline = false;
 
     std::vector<ActiveCuePtr> m_cues; // start order
     std::int64_t m_nextCueID = 1;

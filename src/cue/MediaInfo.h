@@ -18,7 +18,7 @@ struct MediaInfo {
     MediaProbe probe;
     AudioClipPtr clip;           // decoded audio when the mixer plays it
     DeckPtr deck;                // slides, a list of files or a picture, item by item
-    bool audioViaPlayer = false; // the sound is played by the video player
+    bool audioViaPlayer = false; // no clip: the sound is decoded while it plays (too long)
     std::optional<QString> error;
     // Loaded, but with something the operator should know (damaged samples silenced).
     std::optional<QString> warning;

@@ -106,7 +106,6 @@ std::shared_ptr<VideoCue> CompositedVideoOutput::play(MovieStart start) {
     // A file the loader found no picture in, or one gone since, fails as a player's would.
     movie->failed = !(start.duration >= 0.0) || !QFileInfo(start.path).isFile();
     movie->loop = start.loop;
-    movie->usesPlayerAudio = start.playerAudio;
     movie->volume = start.volume;
     movie->z = start.z;
     movie->outputs = std::move(start.outputs);

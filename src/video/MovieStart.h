@@ -16,7 +16,6 @@ struct MovieStart {
     double duration = -1.0;
     double fadeIn = 0.0; // seconds
     bool loop = false;
-    bool playerAudio = false; // the player plays the sound (it could not be decoded into a clip)
     float volume = 1.0f;
     double z = 0.0; // depth: layer × 1,000,000 + the picture's sequence number
     OutputSet outputs;

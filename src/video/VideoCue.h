@@ -16,7 +16,6 @@ public:
     virtual ~VideoCue() = default;
 
     bool loop = false;
-    bool usesPlayerAudio = false; // the player plays the sound itself, not a mixer voice
     float volume = 1.0f;
     double z = 0.0;
     OutputSet outputs;

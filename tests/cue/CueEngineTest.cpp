@@ -318,4 +318,62 @@ TEST(Seek, MovieAndItsSoundResumeTogetherATenthOfASecondLater) {
                 4.0);
 }
 
+// Where `expected` first appears in `out` at or after `from` (within `within` frames), or -1.
+std::int64_t findRun(const std::vector<float>& out, const float* expected, std::int64_t length,
+                     std::int64_t from, std::int64_t within) {
+    for (std::int64_t at = std::max<std::int64_t>(from, 0); at <= from + within; ++at) {
+        if (at + length <= static_cast<std::int64_t>(out.size()) &&
+            std::equal(expected, expected + length, out.begin() + at))
+            return at;
+    }
+    return -1;
+}
+
+// A movie whose sound is too long to decode into memory is heard streamed: sample for sample
+// what a clip of it would hold, from its first picture on; a seek resumes it with the picture
+// exactly at the sample sought; a looping key goes round; a file gone says so.
+TEST(Seek, AStreamedMovieSoundIsTheFilesSoundOnTimeAfterASeekAndRoundTheLoop) {
+    TempDir dir;
+    CueStage stage(1);
+    stage.engine().setDecodeInline(true);
+    const std::string path = dir.file("long.mov");
+    ASSERT_TRUE(stage.addStreamedMovieKey(kS, path, 2.0));
+    stage.doc().assignments[kS].loop = true;
+    const AudioClipPtr clip = AudioLoader::loadClip(path, 48000.0, AudioLoader::probe(path));
+    const float* sound = clip->channels[0];
+
+    stage.run(0.01);
+    stage.press(kS);
+    auto out = stage.run(0.5);
+    // As the clip would (see the test above): the start lands at index 5120 of this run.
+    EXPECT_GE(findRun(out[0], sound, 12000, 5118, 4), 5118);
+
+    const ActiveCuePtr cue = stage.engine().cues().at(0);
+    ASSERT_TRUE(cue->stream);
+    stage.model.seek(cue->id, 0.6);
+    out = stage.run(1.5);
+    // The sound before the seek fades out in 5 ms; then silence up to the resume 0.1 s (4800
+    // frames) later, and frame 1.2 × 48000 on; 0.8 s later it goes round to the first frame.
+    const std::int64_t resumed = findRun(out[0], sound + 57600, 2400, 4798, 4);
+    ASSERT_GE(resumed, 4798);
+    EXPECT_EQ(std::count_if(out[0].begin() + 241, out[0].begin() + 4790, [](float v) { return v; }),
+              0);
+    const std::int64_t tail = clip->frameCount - 57600;
+    EXPECT_TRUE(std::equal(sound + 57600, sound + clip->frameCount, out[0].begin() + resumed));
+    EXPECT_TRUE(std::equal(sound, sound + 20000, out[0].begin() + resumed + tail));
+    const CueRow row = stage.model.live().cues().at(0);
+    ASSERT_TRUE(row.position);
+    EXPECT_NEAR(*row.position, (static_cast<double>(out[0].size() - resumed - tail)) / 96000.0,
+                0.03);
+
+    // The sound alone of a movie whose file went away after loading.
+    stage.model.stopAll(true);
+    stage.run(0.1);
+    stage.doc().assignments[kS].showVideo = false;
+    std::remove(path.c_str());
+    stage.press(kS);
+    stage.run(0.1);
+    EXPECT_EQ(stage.model.status().text(), "long: 音声を再生できません（読み込みに失敗しました）");
+}
+
 } // namespace

@@ -63,6 +63,23 @@ public:
         return true;
     }
 
+    // A key playing a generated movie of `seconds` whose 16-bit mono 1 kHz sound the loader
+    // found too long to decode into memory: it is streamed while it plays. Returns false when
+    // the file cannot be made.
+    bool addStreamedMovieKey(KeyCode code, const std::string& path, double seconds) {
+        const MediaFixtures::Video picture{160, 120, 0.0, seconds};
+        if (!MediaFixtures::write(path, "pcm_s16le", {{1, 48000, seconds, 1000.0, 0.5}}, &picture))
+            return false;
+        KeyAssignment a(QString::fromStdString(path), 0);
+        a.outputMap = "1";
+        MediaInfo info;
+        info.probe = AudioLoader::probe(path);
+        info.audioViaPlayer = true;
+        model.media().table()[a.path] = info;
+        doc().assignments[code] = a;
+        return true;
+    }
+
     // A list key of `count` items put straight into the media table as the loader would: sounds
     // (item i at the constant level 0.1 × (i + 1), `seconds` long, routed to output 1) or, with
     // `pictures`, pictures whose files are not there (they show nothing, and still step). The
@@ -113,6 +130,7 @@ public:
                 model.tick();
                 ++m_nextTick;
             }
+            engine().fillStreams();
             device->renderBlock();
             const std::int64_t take = std::min(device->blockFrames(), frames - done);
             for (int c = 0; c < device->channelCount(); ++c)
