@@ -65,6 +65,10 @@ TEST(MixerRealtime, RenderThreadNeverAllocatesWhileVoicesComeAndGo) {
 
     std::mt19937 random(42);
     std::vector<std::int64_t> ids;
+    // Streams written by this thread while the render thread plays them, some run dry.
+    std::vector<AudioStreamPtr> streams;
+    const std::vector<float> feed(2048, 0.25f);
+    const float* const feeds[2] = {feed.data(), feed.data()};
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     // Both sides must have done their share: on a loaded machine either may race ahead.
     int operations = 0;
@@ -81,6 +85,16 @@ TEST(MixerRealtime, RenderThreadNeverAllocatesWhileVoicesComeAndGo) {
         if (deferred)
             mixer.setStart(id, HostTime::now() + random() % 20'000'000);
         ids.push_back(id);
+        if (operations % 8 == 0) {
+            if (streams.size() == 4) {
+                streams.front()->finish();
+                streams.erase(streams.begin());
+            }
+            streams.push_back(std::make_shared<AudioStream>(2, 4096, 48000.0, 0, 100000));
+            ids.push_back(mixer.playStream(streams.back(), {{0, 1}, {1, 5}}, 0.5f, 0.01, false));
+        }
+        for (const auto& stream : streams)
+            stream->write(feeds, static_cast<std::int64_t>(random() % 2048));
         const auto pick = [&] { return ids[random() % ids.size()]; };
         mixer.seek(pick(), (random() % 100) * 0.001, random() % 3 == 0 ? HostTime::now() : 0);
         mixer.stop(pick(), (random() % 5) * 0.002);
