@@ -110,7 +110,10 @@ void BM_MovieOnAnOutput(benchmark::State& state) {
             const double elapsed = static_cast<double>(d.host - startHost) * 1e-9;
             if (firstShown < 0)
                 firstShown = elapsed;
-            const int due = static_cast<int>(std::floor(elapsed * kFps));
+            // Matroska keeps times in whole milliseconds: picture n is due at k/30 rounded, up
+            // to half a millisecond before k/30 (a bench that ignored it counted such a picture
+            // shown on time as dropped).
+            const int due = static_cast<int>(std::floor((elapsed + 0.0005) * kFps));
             if (due >= static_cast<int>(kSeconds * kFps))
                 break;
             const int residue = static_cast<int>(std::lround(d.red * 219.0 / 255.0 / 8.0)) % 27;
