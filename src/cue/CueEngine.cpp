@@ -197,7 +197,7 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     if (info.clip) {
         cue->voiceID = playClip(info.clip, a, a.volume, a.fadeIn, a.loop, wantVideo);
     } else if (info.audioViaPlayer) {
-        cue->voiceID = playStream(*cue, info, 0.0, a.fadeIn);
+        playStream(*cue, {a.path, info.probe, a.volume, a.loop}, 0.0, a.fadeIn);
         // Without its picture the sound starts after the decoder's first fill, as a movie would.
         if (cue->voiceID && !wantVideo)
             m_mixer.setStart(*cue->voiceID, now() + HostTime::secondsToTicks(kStreamLead));
@@ -246,14 +246,16 @@ std::optional<std::int64_t> CueEngine::playClip(const AudioClipPtr& clip, const 
     return voice > 0 ? std::optional<std::int64_t>(voice) : std::nullopt;
 }
 
-std::optional<std::int64_t> CueEngine::playStream(ActiveCue& cue, const MediaInfo& info,
+std::optional<std::int64_t> CueEngine::playStream(ActiveCue& cue, const StreamSource& source,
                                                   double from, double fadeIn) {
     const KeyAssignment& a = cue.assignment;
-    if (cue.voiceID && cue.stream)
-        m_mixer.stop(*cue.voiceID, 0.0);
-    cue.voiceID.reset();
-    cue.stream.reset();
-    const std::int64_t channels = std::max<std::int64_t>(info.probe.sourceChannels, 1);
+    std::optional<std::int64_t>& voice = cue.deck ? cue.deck->voiceID : cue.voiceID;
+    std::shared_ptr<StreamedSound>& stream = cue.deck ? cue.deck->stream : cue.stream;
+    if (voice)
+        m_mixer.stop(*voice, 0.0);
+    voice.reset();
+    stream.reset();
+    const std::int64_t channels = std::max<std::int64_t>(source.probe.sourceChannels, 1);
     const RouteList routes =
         Routing::routes(a.matrix, a.outputMap.toStdString(), channels, m_outputChannels);
     if (routes.empty()) {
@@ -264,19 +266,43 @@ std::optional<std::int64_t> CueEngine::playStream(ActiveCue& cue, const MediaInf
     options.rate = m_mixer.sampleRate();
     options.channels = channels;
     options.from = from;
-    options.duration = info.probe.duration;
-    options.loop = a.loop;
+    options.duration = source.probe.duration;
+    options.loop = source.loop;
     options.inlineDecoding = m_decodeInline;
-    cue.stream = std::make_shared<StreamedSound>(a.path.toStdString(), options);
-    const std::int64_t voice = m_mixer.playStream(cue.stream->stream(), routes,
-                                                  static_cast<float>(a.volume), fadeIn, true);
-    return voice > 0 ? std::optional<std::int64_t>(voice) : std::nullopt;
+    stream = std::make_shared<StreamedSound>(source.path.toStdString(), options);
+    const std::int64_t id = m_mixer.playStream(stream->stream(), routes,
+                                               static_cast<float>(source.volume), fadeIn, true);
+    if (id > 0)
+        voice = id;
+    return voice;
+}
+
+std::optional<CueEngine::StreamSource> CueEngine::streamSource(const ActiveCue& cue) const {
+    if (!cue.deck) {
+        const MediaInfo* info = mediaFor(m_media, cue.assignment);
+        if (!cue.stream || !info)
+            return std::nullopt;
+        return StreamSource{cue.assignment.path, info->probe, cue.assignment.volume,
+                            cue.assignment.loop};
+    }
+    const DeckCue& deck = *cue.deck;
+    const auto items = deck.deck->itemsFor(cue.assignment);
+    const auto found = DeckItem::indexOf(items, deck.itemID);
+    const auto probe = found ? deck.deck->probes.find(items[*found].file) : deck.deck->probes.end();
+    if (!deck.stream || probe == deck.deck->probes.end())
+        return std::nullopt;
+    const DeckItem& item = items[*found];
+    return StreamSource{deck.deck->pathOf(item.file), probe->second,
+                        cue.assignment.volume * item.volume,
+                        item.endAction == DeckItem::EndAction::loop};
 }
 
 void CueEngine::fillStreams() {
     for (const ActiveCuePtr& cue : m_cues) {
         if (cue->stream)
             cue->stream->fill();
+        if (cue->deck && cue->deck->stream)
+            cue->deck->stream->fill();
     }
 }
 
@@ -348,6 +374,8 @@ void CueEngine::deckGo(const ActiveCuePtr& cue, std::int64_t index, double fade)
         m_mixer.stop(*deck->voiceID, fade);
         deck->voiceID.reset();
     }
+    // What it has decoded ahead (up to a second) carries its fade-out.
+    deck->stream.reset();
     const auto failure = deck->deck->failures.find(item.file);
     if (item.kind == DeckItem::Kind::audio) {
         // Whatever picture stands stays up under the sound.
@@ -416,15 +444,17 @@ void CueEngine::deckPlayMovie(const ActiveCuePtr& cue, const DeckItem& item, dou
     const KeyAssignment& a = cue->assignment;
     const double volume = a.volume * item.volume;
     const bool loop = item.endAction == DeckItem::EndAction::loop;
+    const auto probe = deck.deck->probes.find(item.file);
     if (const auto clip = deck.deck->clips.find(item.file); clip != deck.deck->clips.end())
         deck.voiceID = playClip(clip->second, a, volume, fade, loop, true);
+    else if (probe != deck.deck->probes.end() && probe->second.hasAudio)
+        playStream(*cue, {deck.deck->pathOf(item.file), probe->second, volume, loop}, 0.0, fade);
     QPointer<CueEngine> self(this);
     std::weak_ptr<ActiveCue> weak = cue;
     const std::optional<std::int64_t> voice = deck.voiceID;
     const QString title = item.title;
     MovieStart movie;
     movie.path = deck.deck->pathOf(item.file);
-    const auto probe = deck.deck->probes.find(item.file);
     movie.duration =
         probe != deck.deck->probes.end() && probe->second.hasVideo ? probe->second.duration : -1.0;
     movie.fadeIn = fade;
@@ -567,17 +597,14 @@ void CueEngine::seek(std::int64_t cueID, double fraction) {
     const std::uint64_t resume = now() + HostTime::secondsToTicks(0.1);
     if (!m_video.seek(*target->video, seconds, resume) || !target->voiceID)
         return;
-    ActiveCue& cue = **found;
-    if (!cue.stream) {
+    const auto streamed = streamSource(**found);
+    if (!streamed) {
         m_mixer.seek(*target->voiceID, seconds, resume);
         return;
     }
     // A streamed sound starts again from there, decoded ahead while the picture gets ready.
-    if (const MediaInfo* info = mediaFor(m_media, cue.assignment)) {
-        cue.voiceID = playStream(cue, *info, seconds, 0.0);
-        if (cue.voiceID)
-            m_mixer.setStart(*cue.voiceID, resume);
-    }
+    if (const auto voice = playStream(**found, *streamed, seconds, 0.0))
+        m_mixer.setStart(*voice, resume);
 }
 
 void CueEngine::deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot) {
@@ -635,8 +662,9 @@ void CueEngine::tick() {
     std::vector<ActiveCuePtr> kept;
     kept.reserve(m_cues.size());
     for (const auto& cue : m_cues) {
-        if (cue->stream) {
-            if (const auto failure = cue->stream->takeFailure())
+        for (StreamedSound* stream :
+             {cue->stream.get(), cue->deck ? cue->deck->stream.get() : nullptr}) {
+            if (const auto failure = stream ? stream->takeFailure() : std::nullopt)
                 m_status.show(cue->name + kStreamFailed.arg(QString::fromStdString(*failure)));
         }
         const DeckCue* deck = cue->deck.get();

@@ -116,8 +116,18 @@ private:
                        const Placement& placement);
     std::optional<std::int64_t> playClip(const AudioClipPtr& clip, const KeyAssignment& a,
                                          double volume, double fadeIn, bool loop, bool deferred);
-    // The cue's movie sound streamed from `from` seconds, armed; replaces any stream it had.
-    std::optional<std::int64_t> playStream(ActiveCue& cue, const MediaInfo& info, double from,
+    // A movie whose sound is streamed: the file, what it holds, and how its sound plays.
+    struct StreamSource {
+        QString path;
+        MediaProbe probe;
+        double volume = 1.0;
+        bool loop = false;
+    };
+    // The movie a cue (or its deck's current item) streams the sound of, if it does.
+    std::optional<StreamSource> streamSource(const ActiveCue& cue) const;
+    // Plays the source's sound streamed from `from` seconds, armed, as the sound of the cue or
+    // of its deck's item; the stream and voice that had that place stop.
+    std::optional<std::int64_t> playStream(ActiveCue& cue, const StreamSource& source, double from,
                                            double fadeIn);
     void deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot);
 

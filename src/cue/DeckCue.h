@@ -7,6 +7,7 @@
 #include <QString>
 
 #include "deck/Deck.h"
+#include "media/StreamedSound.h"
 #include "video/VideoCue.h"
 
 // Where a running deck, list or picture key is: the item shown or played and what plays it.
@@ -20,5 +21,6 @@ struct DeckCue {
     std::shared_ptr<ImageCue> image;
     std::shared_ptr<VideoCue> video;
     std::optional<std::int64_t> voiceID;
-    std::uint64_t itemStarted = 0; // host time
+    std::shared_ptr<StreamedSound> stream; // a movie item's sound too long for memory
+    std::uint64_t itemStarted = 0;         // host time
 };

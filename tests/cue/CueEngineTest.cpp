@@ -366,6 +366,28 @@ TEST(Seek, AStreamedMovieSoundIsTheFilesSoundOnTimeAfterASeekAndRoundTheLoop) {
     EXPECT_NEAR(*row.position, (static_cast<double>(out[0].size() - resumed - tail)) / 96000.0,
                 0.03);
 
+    // The same movie as the item of a list: its sound is streamed too, and follows a seek.
+    stage.model.stopAll(true);
+    stage.run(0.1);
+    KeyAssignment& list = stage.addListKey(kD, 1, 1.0);
+    DeckItem& item = (*list.deckItems)[0];
+    item.kind = DeckItem::Kind::video;
+    item.file = QString::fromStdString(path);
+    list.sources = QStringList{item.file};
+    MediaInfo& info = stage.model.media().table()[list.mediaKey()];
+    DeckManifest manifest;
+    manifest.engine = Deck::kListEngine;
+    manifest.items = {item};
+    auto deck = std::make_shared<Deck>(QString(), manifest);
+    deck->probes[item.file] = AudioLoader::probe(path);
+    info.deck = deck;
+    stage.press(kD);
+    out = stage.run(0.5);
+    EXPECT_GE(findRun(out[0], sound, 12000, 0, 24000), 0);
+    stage.model.seek(stage.engine().cues().back()->id, 0.5);
+    out = stage.run(0.5);
+    EXPECT_GE(findRun(out[0], sound + 48000, 12000, 4798, 4), 4798);
+
     // The sound alone of a movie whose file went away after loading.
     stage.model.stopAll(true);
     stage.run(0.1);
