@@ -28,6 +28,7 @@
 #include "app/PageListPanel.h"
 #include "app/ScreenIdentifier.h"
 #include "app/SettingsWindow.h"
+#include "cli/Commands.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/KeyboardLayout.h"
@@ -268,7 +269,8 @@ void MainWindow::buildMenu() {
            {},
            [this] {
                QMessageBox::about(this, QStringLiteral("Vorlin"),
-                                  QStringLiteral("Vorlin — キーボードで鳴らすキュープレイヤー"));
+                                  Commands::versionText() +
+                                      QStringLiteral("\nキーボードで鳴らすキュープレイヤー"));
            }},
           separator,
           {QStringLiteral("設定…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),

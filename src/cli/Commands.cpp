@@ -17,6 +17,7 @@
 #include "deck/DeckError.h"
 #include "device/AudioDeviceList.h"
 #include "media/AudioLoader.h"
+#include "model/BuildInfo.h"
 #include "model/DocumentError.h"
 
 namespace {
@@ -35,12 +36,14 @@ const QString kUsage = QStringLiteral(
     "                         スライド（PDF・PowerPoint・Keynote・ODP）を展開し（済んでいれば\n"
     "                         再利用し）、一覧を JSON で\n"
     "                         表示します（--force: 作り直します）\n"
+    "  vorlin --version       版とビルド番号を表示します\n"
     "  vorlin help            この説明を表示します\n");
 
 // The longest `render` writes without --allow-long: a whole show day.
 constexpr double kLongestRender = 24.0 * 3600.0;
 
-const QStringList kCommands{"devices", "probe", "render", "deck", "help", "--help", "-h"};
+const QStringList kCommands{"devices", "probe", "render",    "deck",   "help",
+                            "--help",  "-h",    "--version", "version"};
 
 QJsonObject probeJson(const QString& file, const MediaProbe& probe) {
     return QJsonObject{
@@ -59,6 +62,10 @@ QJsonObject probeJson(const QString& file, const MediaProbe& probe) {
 } // namespace
 
 namespace Commands {
+
+QString versionText() {
+    return QStringLiteral("Vorlin %1（ビルド %2）").arg(BuildInfo::kVersion).arg(BuildInfo::kBuild);
+}
 
 bool isCommand(const QStringList& args) {
     return !args.isEmpty() && kCommands.contains(args.first());
@@ -100,6 +107,10 @@ int run(const QStringList& args, QTextStream& out, QTextStream& err) {
         return render(args.mid(1), out, err);
     if (command == "deck")
         return deck(args.mid(1), out, err);
+    if (command == "--version" || command == "version") {
+        out << versionText() << "\n";
+        return 0;
+    }
     if (command == "help" || command == "--help" || command == "-h") {
         out << kUsage;
         return 0;

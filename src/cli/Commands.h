@@ -12,6 +12,9 @@ class QTextStream;
 // status. Main thread.
 namespace Commands {
 
+// "Vorlin 0.1.0（ビルド 1）": what `vorlin --version` and the about box say.
+QString versionText();
+
 // Whether args[0] names a subcommand (the application opens its window otherwise).
 bool isCommand(const QStringList& args);
 
