@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PREFIX ?= $(HOME)/.local
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup configure build run test bench mutants install format clean
+.PHONY: all setup configure build run test bench mutants install release format clean
 
 all: build
 
@@ -26,10 +26,12 @@ test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
 
 install: build
-	@cmake --install $(BUILD_DIR) --prefix $(PREFIX)
-	@if command -v update-mime-database >/dev/null; then update-mime-database $(PREFIX)/share/mime; fi
-	@if command -v update-desktop-database >/dev/null; then update-desktop-database $(PREFIX)/share/applications; fi
-	@echo "Installed to $(PREFIX): $(PREFIX)/bin/vorlin, its desktop entry and the .vorlin file type."
+	@scripts/install $(BUILD_DIR) $(PREFIX)
+
+# A signed release archive in dist/: make release KEY=publisher-private-key.pem
+release: build
+	@if [ -z "$(KEY)" ]; then echo "make release KEY=<the publisher's Ed25519 private key (PEM)>" >&2; exit 2; fi
+	@scripts/make-release $(BUILD_DIR) $(KEY) dist
 
 bench: build
 	@scripts/bench $(BUILD_DIR)

@@ -1,0 +1,246 @@
+#include "update/Updater.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QSysInfo>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include "model/BuildInfo.h"
+#include "model/Prefs.h"
+#include "update/Ed25519.h"
+#include "update/ReleaseArchive.h"
+#include "update/ReleaseVerifier.h"
+#include "update/SwapScript.h"
+#include "update/UpdateError.h"
+
+namespace {
+
+// The product's release feed. The one place that names it.
+const QUrl kFeed(QStringLiteral("https://vorlin.app/updates/linux/version.json"));
+
+const QString kLastCheck = QStringLiteral("update.lastCheck");
+const QString kSkippedBuild = QStringLiteral("update.skippedBuild");
+constexpr double kCheckInterval = 72000.0; // seconds between automatic checks
+constexpr int kLaunchDelay = 3000;         // ms after start-up
+constexpr int kTransferTimeout = 30000;    // ms without a byte before a transfer fails
+
+const QString kNeedsSystem = QStringLiteral("%1 以降が必要です");
+const QString kOffer = QStringLiteral("Vorlin %1があります\n\n%2\n\nアップデートすると Vorlin "
+                                      "をいったん終了して、新しい版で起動し直します。");
+const QString kCannotReplace = QStringLiteral("この場所の Vorlin は自動で入れ替えられません");
+const QString kFolder = QStringLiteral("置かれているフォルダ（%1）");
+const QString kCancelled = QStringLiteral("アップデートを中止しました");
+const QString kDownloadFailed = QStringLiteral("ダウンロードできませんでした（%1）");
+const QString kNoProgram = QStringLiteral("アーカイブの中に Vorlin がありません");
+const QString kNotVerified =
+    QStringLiteral("ダウンロードしたアプリの署名を確認できないため、入れ替えを中止しました（%1）");
+const QString kNotWritable = QStringLiteral("Vorlin が置かれているフォルダに書き込めません");
+const QString kServerAnswer = QStringLiteral("サーバーの応答: %1");
+
+// The top folder of a release archive: the installed tree as it will be.
+const QString kTreeName = QStringLiteral("vorlin");
+
+bool writable(const QString& folder) {
+    const QFileInfo info(folder);
+    return info.isDir() && info.isWritable();
+}
+
+} // namespace
+
+Updater::Updater(Options options, UpdaterUi& ui, QObject* parent)
+    : QObject(parent), m_options(std::move(options)), m_ui(ui),
+      m_network(new QNetworkAccessManager(this)) {}
+
+Updater::~Updater() = default;
+
+QUrl Updater::feedURL() {
+    const QByteArray set = qgetenv("VORLIN_UPDATE_URL");
+    return set.isEmpty() ? kFeed : QUrl(QString::fromUtf8(set));
+}
+
+Updater::Options Updater::programOptions() {
+    Options options;
+    options.feed = feedURL();
+    options.installRoot = QDir::cleanPath(QCoreApplication::applicationDirPath() + "/..");
+    options.currentVersion = QString::fromLatin1(BuildInfo::kVersion);
+    options.currentBuild = BuildInfo::kBuild;
+    options.trustedKey = Ed25519::publicKeyOfPem(QByteArray(BuildInfo::kPublisherKey));
+    options.systemVersion = QSysInfo::productVersion();
+    return options;
+}
+
+void Updater::checkOnLaunch(int instance) {
+    const double last = Prefs::value(kLastCheck, 0.0).toDouble();
+    const double now = static_cast<double>(QDateTime::currentSecsSinceEpoch());
+    if (instance != 1 || !Prefs::value(Prefs::kAutoCheckUpdates, true).toBool() ||
+        now - last <= kCheckInterval)
+        return;
+    QTimer::singleShot(kLaunchDelay, this, [this] { check(false); });
+}
+
+void Updater::check(bool userInitiated) {
+    QNetworkRequest request(m_options.feed);
+    request.setTransferTimeout(kTransferTimeout);
+    QNetworkReply* reply = m_network->get(request);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, userInitiated] {
+        reply->deleteLater();
+        Prefs::setValue(kLastCheck, static_cast<double>(QDateTime::currentSecsSinceEpoch()));
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        const QByteArray body = reply->readAll();
+        const auto release = reply->error() == QNetworkReply::NoError
+                                 ? Release::fromJson(body)
+                                 : std::optional<Release>();
+        if (!release) {
+            // An automatic check never interrupts the operator with a failure.
+            if (userInitiated)
+                fail(kCheckFailed, status > 0 ? kCheckFailed + "\n" + kServerAnswer.arg(status)
+                                              : kCheckFailed + "\n" + reply->errorString());
+            emit finished();
+            return;
+        }
+        handle(*release, userInitiated);
+    });
+}
+
+void Updater::handle(const Release& release, bool userInitiated) {
+    if (!release.isNewer(m_options.currentVersion, m_options.currentBuild)) {
+        if (userInitiated)
+            m_ui.alert(kUpToDate, kUpToDate);
+        emit finished();
+        return;
+    }
+    if (!userInitiated && Prefs::value(kSkippedBuild, -1).toInt() == release.build) {
+        emit finished();
+        return;
+    }
+    if (release.minimumSystemVersion &&
+        Release::compareVersions(m_options.systemVersion, *release.minimumSystemVersion) < 0) {
+        m_ui.alert(kCheckFailed, kNeedsSystem.arg(*release.minimumSystemVersion));
+        emit finished();
+        return;
+    }
+    const QString version =
+        release.date ? release.version + QStringLiteral("（%1）").arg(*release.date)
+                     : release.version;
+    switch (m_ui.offer(kOffer.arg(version, release.notes.join('\n')), true)) {
+    case UpdaterUi::Choice::install:
+        install(release);
+        return;
+    case UpdaterUi::Choice::skip:
+        Prefs::setValue(kSkippedBuild, release.build);
+        break;
+    case UpdaterUi::Choice::later:
+        break;
+    }
+    emit finished();
+}
+
+void Updater::install(const Release& release) {
+    const QString root = m_options.installRoot;
+    const QString parent = QFileInfo(root).path();
+    // Only an installed tree (marked by its VERSION file) in a folder we may change is replaced.
+    if (!QFileInfo::exists(QDir(root).filePath(QStringLiteral("VERSION"))) || !writable(root) ||
+        !writable(parent)) {
+        if (m_ui.askForDownloadPage(kInstallFailed, kCannotReplace + "\n" + kFolder.arg(root)) &&
+            release.page)
+            m_ui.openPage(QUrl(*release.page));
+        emit finished();
+        return;
+    }
+    QTemporaryDir work(QDir::temp().filePath(QStringLiteral("vorlin-update-XXXXXX")));
+    if (!work.isValid()) {
+        fail(kInstallFailed, kNotWritable);
+        return;
+    }
+    work.setAutoRemove(false);
+    m_work = work.path();
+    m_archive = std::make_unique<QFile>(QDir(m_work).filePath(QStringLiteral("Vorlin.tar.zst")));
+    if (!m_archive->open(QIODevice::WriteOnly)) {
+        fail(kInstallFailed, kNotWritable);
+        return;
+    }
+    m_cancelled = false;
+    QNetworkRequest request(QUrl(release.zip));
+    request.setTransferTimeout(kTransferTimeout);
+    m_download = m_network->get(request);
+    m_ui.showProgress(-1.0);
+    connect(m_download, &QNetworkReply::readyRead, this,
+            [this] { m_archive->write(m_download->readAll()); });
+    connect(m_download, &QNetworkReply::downloadProgress, this, [this](qint64 got, qint64 total) {
+        m_ui.showProgress(total > 0 ? static_cast<double>(got) / static_cast<double>(total)
+                                    : -1.0);
+    });
+    connect(m_download, &QNetworkReply::finished, this, [this, release] {
+        QNetworkReply* reply = std::exchange(m_download, nullptr);
+        reply->deleteLater();
+        m_ui.hideProgress();
+        m_archive->write(reply->readAll());
+        m_archive->close();
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (m_cancelled)
+            fail(kInstallFailed, kCancelled);
+        else if (reply->error() != QNetworkReply::NoError)
+            fail(kInstallFailed, kDownloadFailed.arg(reply->errorString()));
+        else if (status >= 400)
+            fail(kInstallFailed, kDownloadFailed.arg(kServerAnswer.arg(status)));
+        else
+            downloaded(release);
+    });
+}
+
+void Updater::downloaded(const Release& release) {
+    const QDir work(m_work);
+    const QString unpacked = work.filePath(QStringLiteral("unpacked"));
+    try {
+        if (!work.mkpath(QStringLiteral("unpacked")))
+            throw UpdateError(kNotWritable);
+        ReleaseArchive::unpack(m_archive->fileName(), unpacked);
+    } catch (const UpdateError& error) {
+        fail(kInstallFailed, error.message());
+        return;
+    }
+    const QString tree = QDir(unpacked).filePath(kTreeName);
+    if (!QFileInfo(QDir(tree).filePath(QStringLiteral("bin/vorlin"))).isFile()) {
+        fail(kInstallFailed, kNoProgram);
+        return;
+    }
+    if (const auto refused = ReleaseVerifier(m_options.trustedKey).check(tree, release)) {
+        fail(kInstallFailed, kNotVerified.arg(*refused));
+        return;
+    }
+    m_armed = Armed{tree, m_options.installRoot, m_work};
+    m_work.clear();
+    emit finished();
+    emit readyToRestart();
+}
+
+void Updater::cancelDownload() {
+    if (!m_download)
+        return;
+    m_cancelled = true;
+    m_download->abort();
+}
+
+void Updater::fail(const QString& title, const QString& text) {
+    m_archive.reset();
+    if (!m_work.isEmpty())
+        QDir(m_work).removeRecursively();
+    m_work.clear();
+    m_ui.alert(title, text);
+    emit finished();
+}
+
+void Updater::applicationWillTerminate() {
+    if (!m_armed)
+        return;
+    if (const auto error = SwapScript::start(QCoreApplication::applicationPid(), m_armed->newTree,
+                                             m_armed->target, m_armed->work))
+        qWarning("Vorlin update: could not start swap script: %s", qPrintable(*error));
+    m_armed.reset();
+}
