@@ -7,9 +7,11 @@
 #include "app/DemoShow.h"
 #include "app/KeyInput.h"
 #include "app/MainWindow.h"
+#include "app/UpdaterDialogs.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
+#include "update/Updater.h"
 #include "video/CompositedVideoOutput.h"
 
 namespace {
@@ -45,6 +47,16 @@ Application::Application(int& argc, char** argv)
     m_model->start();
     m_keys = std::make_unique<KeyInput>(*m_model);
     m_app.installEventFilter(m_keys.get());
+    m_updaterDialogs =
+        std::make_unique<UpdaterDialogs>(m_window.get(), [this] { m_updater->cancelDownload(); });
+    m_updater = std::make_unique<Updater>(Updater::programOptions(), *m_updaterDialogs);
+    m_window->onCheckForUpdates = [this] { m_updater->checkNow(); };
+    // A verified release replaces this program once it has quit (the window still asks about an
+    // unsaved show), and starts the new one.
+    QObject::connect(m_updater.get(), &Updater::readyToRestart, m_window.get(),
+                     [this] { m_window->close(); });
+    QObject::connect(&m_app, &QCoreApplication::aboutToQuit, m_updater.get(),
+                     [this] { m_updater->applicationWillTerminate(); });
 }
 
 Application::~Application() {
@@ -78,6 +90,7 @@ int Application::exec() {
     m_window->activateWindow();
     if (Prefs::value(Prefs::kOpenVideoOnLaunch, false).toBool())
         model.video().show();
+    m_updater->checkOnLaunch(m_instance.number());
     const int status = QApplication::exec();
     m_window->onBackgroundInputChange = nullptr;
     return status;

@@ -9,6 +9,8 @@
 class AppModel;
 class KeyInput;
 class MainWindow;
+class Updater;
+class UpdaterDialogs;
 
 // The application with its window: preferences, instance number, model, window, audio and tick,
 // and the key input, set up on construction; exec() then opens the show named on the command
@@ -33,6 +35,8 @@ private:
     std::unique_ptr<AppModel> m_model;
     std::unique_ptr<MainWindow> m_window;
     std::unique_ptr<KeyInput> m_keys;
+    std::unique_ptr<UpdaterDialogs> m_updaterDialogs;
+    std::unique_ptr<Updater> m_updater;
 };
 
 int runApplication(int& argc, char** argv);

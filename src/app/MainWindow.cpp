@@ -276,7 +276,12 @@ void MainWindow::buildMenu() {
           {QStringLiteral("設定…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),
            [this] { showSettings(); }},
           separator,
-          {QStringLiteral("アップデートを確認…"), {}, nullptr},
+          {QStringLiteral("アップデートを確認…"),
+           {},
+           [this] {
+               if (onCheckForUpdates)
+                   onCheckForUpdates();
+           }},
           separator,
           {QStringLiteral("新しいインスタンスを起動"), QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_N),
            [] { QProcess::startDetached(QCoreApplication::applicationFilePath(), {}); }},

@@ -13,9 +13,8 @@ using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 } // namespace
 
 QByteArray publicKeyOfPem(const QByteArray& pem) {
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.constData(),
-                                                                  static_cast<int>(pem.size())),
-                                                  &BIO_free);
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+        BIO_new_mem_buf(pem.constData(), static_cast<int>(pem.size())), &BIO_free);
     if (!bio)
         return {};
     Key key(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);

@@ -8,10 +8,10 @@
 
 // The latest release as the feed (version.json) describes it; JSON keys equal the field names.
 struct Release {
-    QString version; // display version, e.g. 1.4.2
-    int build = 0;   // compared with the running program's build
-    QString url;     // release address
-    QString zip;     // address of the release archive
+    QString version;                             // display version, e.g. 1.4.2
+    int build = 0;                               // compared with the running program's build
+    QString url;                                 // release address
+    QString zip;                                 // address of the release archive
     std::optional<QString> page;                 // download page
     std::optional<QString> date;                 // for display
     std::optional<QString> minimumSystemVersion; // dotted

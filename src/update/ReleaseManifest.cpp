@@ -32,8 +32,8 @@ std::optional<ReleaseManifest> ReleaseManifest::parse(const QByteArray& text) {
             entry.size = parts[1].toLongLong(&ok);
             bool modeOk = false;
             entry.mode = parts[2].toInt(&modeOk, 8);
-            const QString path = QString::fromUtf8(rest.mid(parts[0].size() + parts[1].size() +
-                                                            parts[2].size() + 3));
+            const QString path = QString::fromUtf8(
+                rest.mid(parts[0].size() + parts[1].size() + parts[2].size() + 3));
             if (!ok || !modeOk || entry.sha256.size() != 64 || path.isEmpty() ||
                 path.startsWith('/') || path.split('/').contains(QStringLiteral("..")) ||
                 manifest.files.count(path))

@@ -38,9 +38,8 @@ std::optional<QString> ReleaseVerifier::check(const QString& folder,
     const QDir root(folder);
     const QByteArray text = readAll(root.filePath(ReleaseManifest::kFileName));
     const auto manifest = ReleaseManifest::parse(text);
-    if (!manifest ||
-        !Ed25519::verify(manifest->key, text,
-                         readAll(root.filePath(ReleaseManifest::kSignatureName))))
+    if (!manifest || !Ed25519::verify(manifest->key, text,
+                                      readAll(root.filePath(ReleaseManifest::kSignatureName))))
         return kBadSignature;
     // Exactly the files listed: anything more (a link included) or less is refused.
     std::size_t seen = 0;

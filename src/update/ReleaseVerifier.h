@@ -9,7 +9,8 @@
 
 // Whether an unpacked release may replace the running program. In order:
 // 1. its MANIFEST is signed (MANIFEST.sig) by the key the manifest names, and the tree holds
-//    exactly the files it lists, each of its size, mode and SHA-256 — else "署名が正しくありません";
+//    exactly the files it lists, each of its size, mode and SHA-256 — else
+//    "署名が正しくありません";
 // 2. that key is the publisher's, built into this program: a program built without one gives
 //    "いま動いている Vorlin に開発元の署名がありません", another key
 //    "開発元がこのアプリと一致しません";

@@ -6,8 +6,9 @@
 
 // The script that puts a verified release in place of the installed program once the program
 // has quit, and starts the new one (POSIX sh; run detached):
-//   swap PID NEW TARGET WORK
-// waits up to 120 s (600 polls, 0.2 s apart) for process PID to end, else gives up (exit 1);
+//   swap PID NEW TARGET WORK [POLLS]
+// waits up to 120 s (POLLS, 600 unless given, 0.2 s apart) for process PID to end, else gives
+// up (exit 1);
 // moves TARGET to WORK/old, then NEW to TARGET — on failure WORK/old goes back (exit 1);
 // starts TARGET/bin/vorlin and removes WORK.
 namespace SwapScript {

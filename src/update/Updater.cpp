@@ -31,7 +31,7 @@ constexpr int kLaunchDelay = 3000;         // ms after start-up
 constexpr int kTransferTimeout = 30000;    // ms without a byte before a transfer fails
 
 const QString kNeedsSystem = QStringLiteral("%1 以降が必要です");
-const QString kOffer = QStringLiteral("Vorlin %1があります\n\n%2\n\nアップデートすると Vorlin "
+const QString kOffer = QStringLiteral("Vorlin %1があります\n%2\n\nアップデートすると Vorlin "
                                       "をいったん終了して、新しい版で起動し直します。");
 const QString kCannotReplace = QStringLiteral("この場所の Vorlin は自動で入れ替えられません");
 const QString kFolder = QStringLiteral("置かれているフォルダ（%1）");
@@ -57,7 +57,11 @@ Updater::Updater(Options options, UpdaterUi& ui, QObject* parent)
     : QObject(parent), m_options(std::move(options)), m_ui(ui),
       m_network(new QNetworkAccessManager(this)) {}
 
-Updater::~Updater() = default;
+Updater::~Updater() {
+    // An armed release that never reached the swap (the program did not quit normally).
+    if (m_armed)
+        QDir(m_armed->work).removeRecursively();
+}
 
 QUrl Updater::feedURL() {
     const QByteArray set = qgetenv("VORLIN_UPDATE_URL");
@@ -93,9 +97,8 @@ void Updater::check(bool userInitiated) {
         Prefs::setValue(kLastCheck, static_cast<double>(QDateTime::currentSecsSinceEpoch()));
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         const QByteArray body = reply->readAll();
-        const auto release = reply->error() == QNetworkReply::NoError
-                                 ? Release::fromJson(body)
-                                 : std::optional<Release>();
+        const auto release = reply->error() == QNetworkReply::NoError ? Release::fromJson(body)
+                                                                      : std::optional<Release>();
         if (!release) {
             // An automatic check never interrupts the operator with a failure.
             if (userInitiated)
@@ -125,9 +128,9 @@ void Updater::handle(const Release& release, bool userInitiated) {
         emit finished();
         return;
     }
-    const QString version =
-        release.date ? release.version + QStringLiteral("（%1）").arg(*release.date)
-                     : release.version;
+    const QString version = release.date
+                                ? release.version + QStringLiteral("（%1）").arg(*release.date)
+                                : release.version;
     switch (m_ui.offer(kOffer.arg(version, release.notes.join('\n')), true)) {
     case UpdaterUi::Choice::install:
         install(release);
@@ -173,14 +176,14 @@ void Updater::install(const Release& release) {
     connect(m_download, &QNetworkReply::readyRead, this,
             [this] { m_archive->write(m_download->readAll()); });
     connect(m_download, &QNetworkReply::downloadProgress, this, [this](qint64 got, qint64 total) {
-        m_ui.showProgress(total > 0 ? static_cast<double>(got) / static_cast<double>(total)
-                                    : -1.0);
+        m_ui.showProgress(total > 0 ? static_cast<double>(got) / static_cast<double>(total) : -1.0);
     });
     connect(m_download, &QNetworkReply::finished, this, [this, release] {
         QNetworkReply* reply = std::exchange(m_download, nullptr);
         reply->deleteLater();
         m_ui.hideProgress();
-        m_archive->write(reply->readAll());
+        if (reply->isOpen())
+            m_archive->write(reply->readAll());
         m_archive->close();
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         if (m_cancelled)

@@ -29,8 +29,8 @@ class Updater : public QObject {
     Q_OBJECT
 public:
     struct Options {
-        QUrl feed;            // Updater::feedURL() in the program
-        QString installRoot;  // the folder that holds bin/vorlin
+        QUrl feed;           // Updater::feedURL() in the program
+        QString installRoot; // the folder that holds bin/vorlin
         QString currentVersion;
         int currentBuild = 0;
         QByteArray trustedKey; // raw Ed25519 key; empty: this build cannot update itself

@@ -1,7 +1,8 @@
 // GoogleTest main for suites that use Qt: a QCoreApplication, or, built with VORLIN_TEST_WIDGETS,
 // a QApplication on the offscreen platform (no display needed). Preferences and data live in a
 // fresh folder per test process, so no test reads or writes the user's own settings or another
-// test's. (Qt's own test mode is not used: it sends every process to one shared folder.)
+// test's, and the updater's feed is a closed local port. (Qt's own test mode is not used: it
+// sends every process to one shared folder.)
 #ifdef VORLIN_TEST_WIDGETS
 #include <QApplication>
 using TestApplication = QApplication;
@@ -21,6 +22,8 @@ int main(int argc, char** argv) {
         return 2;
     setenv("XDG_CONFIG_HOME", config.c_str(), 1);
     setenv("XDG_DATA_HOME", config.c_str(), 1);
+    // No test, nor a program a test starts, asks the product's real release feed.
+    setenv("VORLIN_UPDATE_URL", "http://127.0.0.1:9/version.json", 0);
 #ifdef VORLIN_TEST_WIDGETS
     setenv("QT_QPA_PLATFORM", "offscreen", 1);
     setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);

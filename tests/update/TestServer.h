@@ -1,0 +1,56 @@
+#pragma once
+
+#include <map>
+
+#include <QByteArray>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+// A small HTTP/1.1 server on 127.0.0.1 for the updater's tests: each path answers with its
+// bytes, or only half of them before the connection closes (a cut download), or never.
+class TestServer {
+public:
+    enum class Answer { whole, cut, never };
+    struct Route {
+        QByteArray body;
+        Answer answer = Answer::whole;
+    };
+
+    TestServer() {
+        m_server.listen(QHostAddress::LocalHost, 0);
+        QObject::connect(&m_server, &QTcpServer::newConnection, [this] {
+            while (QTcpSocket* socket = m_server.nextPendingConnection())
+                QObject::connect(socket, &QTcpSocket::readyRead, [this, socket] { serve(socket); });
+        });
+    }
+
+    QString url(const QString& path) const {
+        return QStringLiteral("http://127.0.0.1:%1%2").arg(m_server.serverPort()).arg(path);
+    }
+    std::map<QByteArray, Route> routes;
+
+private:
+    void serve(QTcpSocket* socket) {
+        const QByteArray request = socket->readAll();
+        if (!request.contains("\r\n\r\n"))
+            return;
+        const QByteArray path = request.split(' ').value(1);
+        const auto found = routes.find(path);
+        if (found == routes.end()) {
+            socket->write(
+                "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+            socket->disconnectFromHost();
+            return;
+        }
+        const Route& route = found->second;
+        if (route.answer == Answer::never)
+            return;
+        socket->write("HTTP/1.1 200 OK\r\nContent-Length: " +
+                      QByteArray::number(route.body.size()) + "\r\nConnection: close\r\n\r\n");
+        socket->write(route.answer == Answer::cut ? route.body.left(route.body.size() / 2)
+                                                  : route.body);
+        socket->disconnectFromHost();
+    }
+
+    QTcpServer m_server;
+};

@@ -1,0 +1,323 @@
+#include "update/Updater.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QDirIterator>
+#include <QEventLoop>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTimer>
+
+#include "TempDir.h"
+#include "TestServer.h"
+#include "model/Prefs.h"
+#include "update/Ed25519.h"
+
+namespace {
+
+// Runs a program to its end; its standard output, or a failed test.
+QByteArray run(const QString& program, const QStringList& args) {
+    QProcess process;
+    process.setWorkingDirectory(VORLIN_SOURCE_DIR);
+    process.start(program, args);
+    process.waitForFinished(120000);
+    EXPECT_EQ(process.exitCode(), 0)
+        << program.toStdString() << " " << args.join(' ').toStdString() << "\n"
+        << process.readAllStandardError().toStdString();
+    return process.readAllStandardOutput().trimmed();
+}
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes) {
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+}
+
+// Every file of a tree with its bytes, to tell whether anything changed.
+std::map<QString, QByteArray> snapshot(const QString& root) {
+    std::map<QString, QByteArray> files;
+    QDirIterator walk(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (walk.hasNext()) {
+        const QString path = walk.next();
+        files[QDir(root).relativeFilePath(path)] = readFile(path);
+    }
+    return files;
+}
+
+int updateFolders() {
+    return static_cast<int>(
+        QDir::temp().entryList({QStringLiteral("vorlin-update-*")}, QDir::Dirs).size());
+}
+
+// The dialogs, answered from the test.
+struct ScriptedUi : UpdaterUi {
+    Choice answer = Choice::later;
+    bool wantsPage = false;
+    bool cancelsDownload = false;
+    Updater* updater = nullptr;
+    QStringList offers, alerts, refusals;
+    QList<QUrl> pages;
+
+    Choice offer(const QString& text, bool) override {
+        offers << text;
+        return answer;
+    }
+    void alert(const QString& title, const QString& text) override {
+        alerts << title + ": " + text;
+    }
+    bool askForDownloadPage(const QString&, const QString& text) override {
+        refusals << text;
+        return wantsPage;
+    }
+    void openPage(const QUrl& page) override { pages << page; }
+    void showProgress(double) override {
+        if (cancelsDownload && updater)
+            QTimer::singleShot(300, updater, [this] { updater->cancelDownload(); });
+        cancelsDownload = false;
+    }
+    void hideProgress() override {}
+};
+
+// Release archives made once by scripts/make-release from this build's install tree: 0.2.0
+// (build 2) signed by the trusted key, the same by another key, and 0.1.0 (build 1); and,
+// repacked from the first, a tampered program, an extra file, a "../" entry and a link out.
+struct Archives {
+    TempDir dir;
+    QByteArray trustedKey;
+    std::map<QString, QByteArray> bytes;
+
+    QString path(const std::string& name) const { return QString::fromStdString(dir.file(name)); }
+    QString key(const std::string& name) {
+        const QString pem = path(name + ".pem");
+        run("openssl", {"genpkey", "-algorithm", "ed25519", "-out", pem});
+        return pem;
+    }
+    QString release(const QString& keyPem, const QString& version, int build) {
+        return QString::fromUtf8(
+            run("scripts/make-release",
+                {"--version", version, "--build", QString::number(build), VORLIN_BUILD_DIR, keyPem,
+                 path("out-" + version.toStdString() + "-" + std::to_string(build) +
+                      keyPem.right(6).toStdString())}));
+    }
+    // Unpacks the good archive, lets `change` work on the unpacked folder (its tree is
+    // "vorlin"), and packs what `paths` names (relative to the folder) again.
+    QByteArray repacked(const QString& name, const std::function<void(const QString&)>& change,
+                        const QStringList& paths = {"vorlin"}) {
+        const QString folder = path(name.toStdString());
+        QDir().mkpath(folder);
+        run("tar", {"-C", folder, "--zstd", "-xf", path("good.tar.zst")});
+        change(folder);
+        const QString archive = folder + ".tar.zst";
+        run("tar", QStringList{"-C", folder, "--zstd", "-cPf", archive} + paths);
+        return readFile(archive);
+    }
+
+    Archives() {
+        const QString trusted = key("trusted");
+        trustedKey = Ed25519::publicKeyOfPem(run("openssl", {"pkey", "-in", trusted, "-pubout"}));
+        QFile::copy(release(trusted, "0.2.0", 2), path("good.tar.zst"));
+        bytes["good"] = readFile(path("good.tar.zst"));
+        bytes["other key"] = readFile(release(key("other"), "0.2.0", 2));
+        bytes["replayed"] = readFile(release(trusted, "0.1.0", 1));
+        bytes["tampered"] = repacked("tampered", [](const QString& folder) {
+            QFile program(folder + "/vorlin/bin/vorlin");
+            program.open(QIODevice::Append);
+            program.write("!");
+        });
+        bytes["extra"] = repacked("extra", [](const QString& folder) {
+            writeFile(folder + "/vorlin/share/extra.txt", "more");
+        });
+        bytes["parent"] = repacked(
+            "parent/inner", [](const QString& folder) { writeFile(folder + "/../evil", "x"); },
+            {"vorlin", "../evil"});
+        bytes["link"] = repacked("link", [](const QString& folder) {
+            QFile::link("/etc", folder + "/vorlin/share/etc");
+        });
+    }
+};
+
+class UpdaterTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { archives = new Archives; }
+    static void TearDownTestSuite() { delete archives; }
+
+    void SetUp() override {
+        // Work folders go here, where no other test process makes any.
+        QDir().mkpath(QString::fromStdString(dir.file("tmp")));
+        qputenv("TMPDIR", dir.file("tmp").c_str());
+        Prefs::registerDefaults();
+        Prefs::remove(QStringLiteral("update.skippedBuild"));
+        root = QString::fromStdString(dir.file("installed/vorlin"));
+        writeFile(root + "/VERSION", "0.1.0 1\n");
+        writeFile(root + "/bin/vorlin", "#!/bin/sh\necho old\n");
+        installed = snapshot(root);
+        server.routes["/good.tar.zst"] = {archives->bytes.at("good")};
+        setFeed("0.2.0", 2, "/good.tar.zst");
+    }
+
+    void setFeed(const QString& version, int build, const QString& archive,
+                 const QJsonObject& more = {}) {
+        QJsonObject feed = more;
+        feed["version"] = version;
+        feed["build"] = build;
+        feed["url"] = server.url("/notes");
+        feed["zip"] = server.url(archive);
+        feed["page"] = server.url("/download");
+        server.routes["/version.json"] = {QJsonDocument(feed).toJson()};
+    }
+
+    Updater::Options options() const {
+        Updater::Options o;
+        o.feed = QUrl(server.url("/version.json"));
+        o.installRoot = root;
+        o.currentVersion = "0.1.0";
+        o.currentBuild = 1;
+        o.trustedKey = archives->trustedKey;
+        o.systemVersion = "12";
+        return o;
+    }
+
+    // Runs one check (or install) to its end.
+    void check(Updater& updater, bool userInitiated) {
+        QEventLoop loop;
+        QObject::connect(&updater, &Updater::finished, &loop, &QEventLoop::quit);
+        QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+        ui.updater = &updater;
+        updater.check(userInitiated);
+        loop.exec();
+    }
+
+    static Archives* archives;
+    TempDir dir;
+    TestServer server;
+    ScriptedUi ui;
+    QString root;
+    std::map<QString, QByteArray> installed;
+};
+
+Archives* UpdaterTest::archives = nullptr;
+
+TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
+    EXPECT_TRUE((Release{"1.10", 7}).isNewer("1.9", 7));
+    EXPECT_FALSE((Release{"1.9", 7}).isNewer("1.10", 7));
+    EXPECT_TRUE((Release{"1.0", 8}).isNewer("2.0", 7)); // the build decides first
+
+    Updater updater(options(), ui);
+    setFeed("0.1.0", 1, "/good.tar.zst");
+    check(updater, false);
+    EXPECT_TRUE(ui.alerts.isEmpty());
+    check(updater, true);
+    EXPECT_EQ(ui.alerts, QStringList{"Vorlin は最新です: Vorlin は最新です"});
+
+    // The same build with a higher version is offered; skipped, it is not offered again
+    // automatically, but it is when the operator asks.
+    setFeed("0.1.1", 1, "/good.tar.zst", {{"notes", QJsonArray{"速くなりました"}}});
+    ui.answer = UpdaterUi::Choice::skip;
+    check(updater, false);
+    ASSERT_EQ(ui.offers.size(), 1);
+    EXPECT_TRUE(ui.offers[0].startsWith("Vorlin 0.1.1があります\n速くなりました\n\n"));
+    check(updater, false);
+    EXPECT_EQ(ui.offers.size(), 1);
+    ui.answer = UpdaterUi::Choice::later;
+    check(updater, true);
+    EXPECT_EQ(ui.offers.size(), 2);
+
+    setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", "13.1"}});
+    check(updater, true);
+    EXPECT_EQ(ui.alerts.last(), "アップデートを確認できませんでした: 13.1 以降が必要です");
+
+    server.routes.erase("/version.json");
+    check(updater, true);
+    EXPECT_TRUE(ui.alerts.last().contains("サーバーの応答: 404"));
+    EXPECT_EQ(ui.offers.size(), 2);
+}
+
+TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
+    Updater updater(options(), ui);
+    bool restart = false;
+    QObject::connect(&updater, &Updater::readyToRestart, [&] { restart = true; });
+    ui.answer = UpdaterUi::Choice::install;
+    check(updater, true);
+    EXPECT_TRUE(ui.alerts.isEmpty()) << ui.alerts.join('\n').toStdString();
+    EXPECT_TRUE(updater.isArmed());
+    EXPECT_TRUE(restart);
+    EXPECT_EQ(snapshot(root), installed);
+    EXPECT_EQ(updateFolders(), 1);
+}
+
+TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
+    const QString wrapped =
+        "アップデートできませんでした: ダウンロードしたアプリの署名を確認できない"
+        "ため、入れ替えを中止しました（%1）";
+    const std::vector<std::pair<QString, QString>> cases{
+        {"other key", wrapped.arg("開発元がこのアプリと一致しません")},
+        {"tampered", wrapped.arg("署名が正しくありません")},
+        {"extra", wrapped.arg("署名が正しくありません")},
+        {"replayed",
+         wrapped.arg("ダウンロードした版（0.1.0、ビルド 1）が案内された版と一致しません")},
+        {"parent", "アップデートできませんでした: アーカイブを展開できません: 不正な項目 ../evil"},
+        {"link", "アップデートできませんでした: アーカイブを展開できません: 不正なリンク "
+                 "vorlin/share/etc"},
+        {"cut", "アップデートできませんでした: ダウンロードできませんでした（"},
+        {"hangs", "アップデートできませんでした: アップデートを中止しました"},
+    };
+    const int folders = updateFolders();
+    for (const auto& [name, message] : cases) {
+        SCOPED_TRACE(name.toStdString());
+        TestServer::Route route{archives->bytes.count(name) ? archives->bytes.at(name)
+                                                            : archives->bytes.at("good")};
+        if (name == "cut")
+            route.answer = TestServer::Answer::cut;
+        if (name == "hangs") {
+            route.answer = TestServer::Answer::never;
+            ui.cancelsDownload = true;
+        }
+        server.routes["/doubtful.tar.zst"] = route;
+        setFeed("0.2.0", 2, "/doubtful.tar.zst");
+        ui.alerts.clear();
+        ui.answer = UpdaterUi::Choice::install;
+        Updater updater(options(), ui);
+        check(updater, true);
+        ASSERT_EQ(ui.alerts.size(), 1);
+        EXPECT_TRUE(ui.alerts[0].startsWith(message)) << ui.alerts[0].toStdString();
+        EXPECT_FALSE(updater.isArmed());
+        EXPECT_EQ(snapshot(root), installed);
+        EXPECT_EQ(updateFolders(), folders); // the work folder went with the failure
+    }
+}
+
+TEST_F(UpdaterTest, AProgramWithoutAKeyOrOutsideAnInstalledTreeDoesNotReplaceItself) {
+    Updater::Options unsigned_ = options();
+    unsigned_.trustedKey.clear();
+    Updater updater(unsigned_, ui);
+    ui.answer = UpdaterUi::Choice::install;
+    check(updater, true);
+    EXPECT_EQ(ui.alerts.value(0),
+              "アップデートできませんでした: ダウンロードしたアプリの署名を確認でき"
+              "ないため、入れ替えを中止しました（いま動いている Vorlin "
+              "に開発元の署名がありません）");
+    EXPECT_FALSE(updater.isArmed());
+
+    // Run from a build folder (no VERSION beside bin/): the download page instead.
+    QFile::remove(root + "/VERSION");
+    Updater fromBuild(options(), ui);
+    ui.wantsPage = true;
+    check(fromBuild, true);
+    EXPECT_EQ(ui.refusals,
+              QStringList{"この場所の Vorlin は自動で入れ替えられません\n置かれているフォ"
+                          "ルダ（" +
+                          root + "）"});
+    EXPECT_EQ(ui.pages, QList<QUrl>{QUrl(server.url("/download"))});
+}
+
+} // namespace
