@@ -11,6 +11,7 @@
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
 #include "TempDir.h"
+#include "model/BuildInfo.h"
 #include "TypedCommand.h"
 
 namespace {
@@ -71,6 +72,11 @@ TEST(CommandLine, EveryCommandRunsWithoutADisplayAndEveryMistakeSaysWhat) {
     EXPECT_EQ(help.status, 0);
     for (const char* command : {"vorlin devices", "vorlin probe", "vorlin render"})
         EXPECT_TRUE(help.out.contains(command)) << command;
+    const Result version = runCommand({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.trimmed(), QStringLiteral("Vorlin %1（ビルド %2）")
+                                         .arg(BuildInfo::kVersion)
+                                         .arg(BuildInfo::kBuild));
 
     // A misspelt command, a show that is not there and an unknown option of a command are
     // refused before any window is tried.
