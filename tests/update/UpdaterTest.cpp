@@ -154,6 +154,7 @@ protected:
     void SetUp() override {
         // Work folders go here, where no other test process makes any.
         QDir().mkpath(QString::fromStdString(dir.file("tmp")));
+        tmp = qgetenv("TMPDIR");
         qputenv("TMPDIR", dir.file("tmp").c_str());
         Prefs::registerDefaults();
         Prefs::remove(QStringLiteral("update.skippedBuild"));
@@ -163,6 +164,13 @@ protected:
         installed = snapshot(root);
         server.routes["/good.tar.zst"] = {archives->bytes.at("good")};
         setFeed("0.2.0", 2, "/good.tar.zst");
+    }
+
+    void TearDown() override {
+        if (tmp.isEmpty())
+            qunsetenv("TMPDIR");
+        else
+            qputenv("TMPDIR", tmp);
     }
 
     void setFeed(const QString& version, int build, const QString& archive,
@@ -198,6 +206,7 @@ protected:
     }
 
     static Archives* archives;
+    QByteArray tmp;
     TempDir dir;
     TestServer server;
     ScriptedUi ui;
