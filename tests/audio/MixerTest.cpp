@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include "MixerTestSupport.h"
+#include "SignalMeasure.h"
 #include "audio/HostTime.h"
 #include "audio/OfflineRenderer.h"
 
@@ -26,13 +27,7 @@ double interpolate(const AudioClip& clip, int channel, double position, bool loo
     return s0 + (s1 - s0) * frac;
 }
 
-std::int64_t firstNonZero(const std::vector<float>& samples) {
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        if (samples[i] != 0.0f)
-            return static_cast<std::int64_t>(i);
-    }
-    return -1;
-}
+using SignalMeasure::firstNonZero;
 
 std::int64_t countNonZero(const std::vector<float>& samples) {
     return std::count_if(samples.begin(), samples.end(), [](float v) { return v != 0.0f; });

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "MediaFixtures.h"
+#include "SignalMeasure.h"
 #include "audio/AudioClip.h"
 #include "audio/OfflineRenderer.h"
 #include "cue/AppModel.h"
@@ -148,13 +149,7 @@ private:
     std::int64_t m_nextTick = 0;
 };
 
-inline std::int64_t firstNonZero(const std::vector<float>& x) {
-    for (std::size_t i = 0; i < x.size(); ++i) {
-        if (x[i] != 0.0f)
-            return static_cast<std::int64_t>(i);
-    }
-    return -1;
-}
+using SignalMeasure::firstNonZero;
 
 inline bool silentFrom(const std::vector<float>& x, std::size_t from) {
     for (std::size_t i = from; i < x.size(); ++i) {

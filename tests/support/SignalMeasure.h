@@ -26,4 +26,10 @@ inline double frequency(const float* x, std::int64_t from, std::int64_t to, doub
     return rate / periods[periods.size() / 2];
 }
 
+// Index of the first sample that is not exactly 0, or -1 when all are.
+inline std::int64_t firstNonZero(const std::vector<float>& x) {
+    const auto found = std::find_if(x.begin(), x.end(), [](float v) { return v != 0.0f; });
+    return found == x.end() ? -1 : static_cast<std::int64_t>(found - x.begin());
+}
+
 } // namespace SignalMeasure
