@@ -102,8 +102,9 @@ void Updater::check(bool userInitiated) {
         if (!release) {
             // An automatic check never interrupts the operator with a failure.
             if (userInitiated)
-                fail(kCheckFailed, status > 0 ? kCheckFailed + "\n" + kServerAnswer.arg(status)
-                                              : kCheckFailed + "\n" + reply->errorString());
+                fail(kCheckFailed,
+                     kCheckFailed + "\n" +
+                         (status > 0 ? kServerAnswer.arg(status) : reply->errorString()));
             emit finished();
             return;
         }
