@@ -30,6 +30,7 @@ const QString kUsage = QStringLiteral(
     "  vorlin render SHOW.vorlin --events EVENTS.txt --out OUT.wav\n"
     "         [--rate 48000] [--channels 8] [--block 256] [--seconds S] [--allow-long]\n"
     "         [--frames DIR [--fps 30] [--size 640x360] [--output window|画面名]]\n"
+    "         [--device-ppm P]\n"
     "                         キーマップを画面なしで再生し、全出力を WAV に書き出します\n"
     "                         （--frames: 映像を 1 コマずつ PNG で書き出します）\n"
     "  vorlin deck FILE [--force]\n"
@@ -253,6 +254,8 @@ int render(const QStringList& args, QTextStream& out, QTextStream& err) {
         err << "出力ファイルを書けません: " << output << "\n";
         return 1;
     }
+    for (const QString& problem : renderer.eventProblems())
+        err << problem << "\n";
     out.flush();
     return 0;
 }

@@ -2,12 +2,42 @@
 
 #include <cmath>
 
+#include <QRegularExpression>
 #include <QStringList>
 
 #include "audio/Routing.h"
 #include "model/ValueRanges.h"
 
 namespace EventScript {
+
+namespace {
+
+// "<seconds> osc <address> [arguments]": integers, decimals, and words or "quoted text".
+std::optional<RemoteCommand> oscCommand(const QString& line, const QStringList& words) {
+    if (words.size() < 3)
+        return std::nullopt;
+    std::vector<RemoteCommand::Argument> arguments;
+    const QString rest = line.section(QLatin1Char(' '), 3, -1, QString::SectionSkipEmpty);
+    static const QRegularExpression token(QStringLiteral("\"([^\"]*)\"|(\\S+)"));
+    for (auto match = token.globalMatch(rest); match.hasNext();) {
+        const auto found = match.next();
+        if (found.hasCaptured(1)) {
+            arguments.emplace_back(found.captured(1));
+            continue;
+        }
+        const QString word = found.captured(2);
+        bool ok = false;
+        if (const qlonglong integer = word.toLongLong(&ok); ok)
+            arguments.emplace_back(static_cast<std::int64_t>(integer));
+        else if (const double real = word.toDouble(&ok); ok)
+            arguments.emplace_back(real);
+        else
+            arguments.emplace_back(word);
+    }
+    return RemoteCommand::fromOsc(words[2], arguments);
+}
+
+} // namespace
 
 std::vector<ScriptEvent> parse(const QString& text) {
     std::vector<ScriptEvent> events;
@@ -72,6 +102,12 @@ std::vector<ScriptEvent> parse(const QString& text) {
             if (!ok || words.size() != 3 || !(event.gain >= 0.0) ||
                 event.gain > ValueRanges::kMaxMasterVolume)
                 throw fail();
+        } else if (verb == "osc") {
+            const auto command = oscCommand(line, words);
+            if (!command)
+                throw fail();
+            event.kind = ScriptEvent::Kind::osc;
+            event.command = *command;
         } else {
             throw fail();
         }

@@ -7,6 +7,7 @@
 
 #include <QString>
 
+#include "cue/RemoteCommand.h"
 #include "model/KeyAssignment.h"
 
 // The timed events of a headless render, one per line:
@@ -14,9 +15,11 @@
 //   <seconds> page <index>            (0-based)
 //   <seconds> mute <outputs>          (1-based, as the routing text: "1,3" or "5-8"; none unmutes)
 //   <seconds> master <gain>
+//   <seconds> osc <address> [arguments]  (an OSC command as a remote sends it: "0 osc /vorlin/key 0 1";
+//                                      integers, decimals, and words or "quoted text" as strings)
 // "#" starts a comment; blank lines are skipped.
 struct ScriptEvent {
-    enum class Kind { key, page, mute, master };
+    enum class Kind { key, page, mute, master, osc };
     double seconds = 0.0;
     Kind kind = Kind::key;
     KeyCode code = 0;
@@ -26,6 +29,7 @@ struct ScriptEvent {
     std::int64_t page = 0;
     std::set<std::int64_t> muted;
     double gain = 1.0;
+    RemoteCommand command;
 };
 
 class EventScriptError : public std::runtime_error {

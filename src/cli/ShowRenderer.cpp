@@ -73,6 +73,12 @@ void ShowRenderer::apply(const ScriptEvent& event) {
     case ScriptEvent::Kind::master:
         m_model->setMasterVolume(event.gain);
         break;
+    case ScriptEvent::Kind::osc:
+        if (!event.command.apply(*m_model))
+            m_eventProblems << QStringLiteral("%1 秒の osc: %2 がありません")
+                                   .arg(event.seconds)
+                                   .arg(event.command.name);
+        break;
     }
 }
 

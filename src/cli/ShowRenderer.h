@@ -44,6 +44,8 @@ public:
              const FrameOptions* frames = nullptr);
 
     AppModel& model() { return *m_model; }
+    // One line per event that named what the show does not have (an OSC page name or key label).
+    const QStringList& eventProblems() const { return m_eventProblems; }
 
 private:
     void apply(const ScriptEvent& event);
@@ -52,4 +54,5 @@ private:
     int m_rate;
     std::unique_ptr<AppModel> m_model;
     std::unique_ptr<OfflineRenderer> m_device;
+    QStringList m_eventProblems;
 };

@@ -110,6 +110,31 @@ TEST_F(Render, ScriptedShowMatchesTheSamplesComputedFromItsEvents) {
     EXPECT_EQ(first.readAll(), second.readAll());
 }
 
+// OSC commands in a script, by key code or by label, do what the keyboard does, sample for
+// sample; one naming a page the show lacks is named on the terminal, a malformed one refused.
+TEST_F(Render, ARemoteShowRendersAsTheKeyboardPlaysIt) {
+    const QString keys = folder + "/keys.wav", remote = folder + "/remote.wav";
+    script("0.5 down 0\n1.2 master 0.5\n1.5 down 0\n2.0 down 1\n2.5 down 1\n3.0 down 2\n"
+           "3.5 up 2\n");
+    ASSERT_EQ(render({show, "--events", events, "--out", keys, "--channels", "4"}).status, 0);
+    script("0.5 osc /vorlin/key/A 1\n1.2 osc /vorlin/master 0.5\n1.5 osc /vorlin/key 0 1\n"
+           "2.0 osc /vorlin/key/s 1\n2.5 osc /vorlin/key 1 1\n3.0 osc /vorlin/key/D 1\n"
+           "3.5 osc /vorlin/key/D 0\n3.6 osc /vorlin/page \"第 9 幕\"\n");
+    const RenderRun run = render({show, "--events", events, "--out", remote, "--channels", "4"});
+    ASSERT_EQ(run.status, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains("3.6 秒の osc: 第 9 幕 がありません")) << run.err.toStdString();
+    // The remote script runs 0.1 s longer (its last event is later): the same samples up to there.
+    const auto byKeys = readWav(keys, 4), byRemote = readWav(remote, 4);
+    ASSERT_EQ(byRemote[0].size(), byKeys[0].size() + 4800);
+    for (int c = 0; c < 4; ++c)
+        EXPECT_TRUE(std::equal(byKeys[c].begin(), byKeys[c].end(), byRemote[c].begin())) << c;
+
+    script("0 osc /vorlin/key x 1\n");
+    const RenderRun bad = render({show, "--events", events, "--out", remote});
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_TRUE(bad.err.contains("1 行目が読めません")) << bad.err.toStdString();
+}
+
 TEST_F(Render, OptionsAndPagesOfTheScript) {
     script("0 down 0\n0.25 page 0\n");
     const QString wav = folder + "/short.wav";

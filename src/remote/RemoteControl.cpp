@@ -1,0 +1,73 @@
+#include "remote/RemoteControl.h"
+
+#include <QRegularExpression>
+
+#include "cue/AppModel.h"
+#include "model/Prefs.h"
+
+namespace {
+
+const QString kRefused = QStringLiteral("リモート入力を受け付けませんでした（%1）");
+const QString kNothingThere = QStringLiteral("リモート入力: %1 はありません");
+
+} // namespace
+
+RemoteControl::RemoteControl(AppModel& model, QObject* parent)
+    : QObject(parent), m_model(model) {
+    connect(&m_osc, &OscServer::command, this, &RemoteControl::apply);
+    connect(&m_osc, &OscServer::rejected, this,
+            [this](const QString& why) { m_model.status().show(kRefused.arg(why)); });
+    m_feedback.setSingleShot(true);
+    m_feedback.setInterval(33);
+    connect(&m_feedback, &QTimer::timeout, this, &RemoteControl::sendState);
+    const auto changed = [this] {
+        if (m_osc.subscriberCount() > 0 && !m_feedback.isActive())
+            m_feedback.start();
+    };
+    connect(&m_model.live(), &LiveState::cuesChanged, this, changed);
+    connect(&m_model.live(), &LiveState::progressChanged, this, changed);
+    connect(&m_model, &AppModel::assignmentsChanged, this, changed);
+    connect(&m_model, &AppModel::mixSettingsChanged, this, changed);
+}
+
+std::optional<QString> RemoteControl::configure() {
+    if (!Prefs::value(kEnabled, false).toBool()) {
+        m_osc.close();
+        return std::nullopt;
+    }
+    QSet<QHostAddress> allowed;
+    const QString senders = Prefs::value(kAllowedSenders, QString()).toString();
+    for (const QString& sender :
+         senders.split(QRegularExpression(QStringLiteral("[,\\s]+")), Qt::SkipEmptyParts))
+        allowed.insert(QHostAddress(sender));
+    const QHostAddress address(Prefs::value(kAddress, QStringLiteral("127.0.0.1")).toString());
+    const int port = Prefs::value(kPort, kDefaultPort).toInt();
+    if (address.isNull() || port <= 0 || port > 65535)
+        return QStringLiteral("OSC の設定が正しくありません");
+    return m_osc.listen(address, static_cast<quint16>(port), allowed);
+}
+
+void RemoteControl::apply(const RemoteCommand& command) {
+    if (command.kind == RemoteCommand::Kind::subscribe) {
+        sendState();
+        return;
+    }
+    if (!command.apply(m_model))
+        m_model.status().show(kNothingThere.arg(command.name.isEmpty()
+                                                    ? QString::number(command.number)
+                                                    : command.name));
+}
+
+void RemoteControl::sendState() {
+    const ShowDocument& document = m_model.document();
+    m_osc.sendToSubscribers("/vorlin/state/page",
+                            {static_cast<std::int64_t>(document.currentPage),
+                             document.pages[document.currentPage].name});
+    m_osc.sendToSubscribers("/vorlin/state/master", {m_model.masterVolume()});
+    const auto& cues = m_model.live().cues();
+    m_osc.sendToSubscribers("/vorlin/state/cues", {static_cast<std::int64_t>(cues.size())});
+    for (const CueRow& row : cues)
+        m_osc.sendToSubscribers("/vorlin/state/cue",
+                                {row.id, static_cast<std::int64_t>(row.key), row.name,
+                                 row.progress, static_cast<std::int64_t>(row.stopping)});
+}
