@@ -15,7 +15,8 @@
 //   <seconds> page <index>            (0-based)
 //   <seconds> mute <outputs>          (1-based, as the routing text: "1,3" or "5-8"; none unmutes)
 //   <seconds> master <gain>
-//   <seconds> osc <address> [arguments]  (an OSC command as a remote sends it: "0 osc /vorlin/key 0 1";
+//   <seconds> osc <address> [arguments]  (an OSC command as a remote sends it: "0 osc /vorlin/key 0
+//   1";
 //                                      integers, decimals, and words or "quoted text" as strings)
 // "#" starts a comment; blank lines are skipped.
 struct ScriptEvent {

@@ -18,8 +18,8 @@ class AppModel;
 //
 // Addresses (arguments: i = integer, f = float, s = string; an integer serves for a float):
 //   /vorlin/key <code i> <1|0 i>        a key by its code, down (1) or up (0)
-//   /vorlin/key/<label> <1|0 i>         a key by its label on the drawn keyboard ("A", "F1", "Space")
-//   /vorlin/page <index i | name s>     a page by its place (0-based) or its name
+//   /vorlin/key/<label> <1|0 i>         a key by its label on the drawn keyboard ("A", "F1",
+//   "Space") /vorlin/page <index i | name s>     a page by its place (0-based) or its name
 //   /vorlin/stop                        stop all, with the stop-all fade
 //   /vorlin/panic                       stop all at once
 //   /vorlin/master <gain f>             master volume 0…1
@@ -30,12 +30,23 @@ class AppModel;
 struct RemoteCommand {
     using Argument = std::variant<std::int64_t, double, QString>;
 
-    enum class Kind { key, keyLabel, page, pageName, stop, panic, master, stopCue, seekCue,
-                      subscribe, unsubscribe };
+    enum class Kind {
+        key,
+        keyLabel,
+        page,
+        pageName,
+        stop,
+        panic,
+        master,
+        stopCue,
+        seekCue,
+        subscribe,
+        unsubscribe
+    };
     Kind kind = Kind::stop;
     KeyCode code = 0;
     bool down = true;
-    QString name;  // a key's label or a page's name
+    QString name;            // a key's label or a page's name
     std::int64_t number = 0; // a page's index or a cue's id
     double value = 0.0;      // master gain or seek fraction
 

@@ -109,7 +109,8 @@ void OscServer::readPending() {
     m_scheduled = false;
     for (int n = 0; n < kBatch && m_socket.hasPendingDatagrams(); ++n) {
         const QNetworkDatagram datagram = m_socket.receiveDatagram();
-        handle(datagram.data(), datagram.senderAddress(), static_cast<quint16>(datagram.senderPort()));
+        handle(datagram.data(), datagram.senderAddress(),
+               static_cast<quint16>(datagram.senderPort()));
     }
     // The rest on the next turn, after whatever else waits (the tick, the window).
     if (m_socket.hasPendingDatagrams() && !m_scheduled) {

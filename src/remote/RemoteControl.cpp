@@ -12,8 +12,7 @@ const QString kNothingThere = QStringLiteral("リモート入力: %1 はあり�
 
 } // namespace
 
-RemoteControl::RemoteControl(AppModel& model, QObject* parent)
-    : QObject(parent), m_model(model) {
+RemoteControl::RemoteControl(AppModel& model, QObject* parent) : QObject(parent), m_model(model) {
     connect(&m_osc, &OscServer::command, this, &RemoteControl::apply);
     connect(&m_osc, &OscServer::rejected, this,
             [this](const QString& why) { m_model.status().show(kRefused.arg(why)); });
@@ -53,21 +52,19 @@ void RemoteControl::apply(const RemoteCommand& command) {
         return;
     }
     if (!command.apply(m_model))
-        m_model.status().show(kNothingThere.arg(command.name.isEmpty()
-                                                    ? QString::number(command.number)
-                                                    : command.name));
+        m_model.status().show(kNothingThere.arg(
+            command.name.isEmpty() ? QString::number(command.number) : command.name));
 }
 
 void RemoteControl::sendState() {
     const ShowDocument& document = m_model.document();
-    m_osc.sendToSubscribers("/vorlin/state/page",
-                            {static_cast<std::int64_t>(document.currentPage),
-                             document.pages[document.currentPage].name});
+    m_osc.sendToSubscribers("/vorlin/state/page", {static_cast<std::int64_t>(document.currentPage),
+                                                   document.pages[document.currentPage].name});
     m_osc.sendToSubscribers("/vorlin/state/master", {m_model.masterVolume()});
     const auto& cues = m_model.live().cues();
     m_osc.sendToSubscribers("/vorlin/state/cues", {static_cast<std::int64_t>(cues.size())});
     for (const CueRow& row : cues)
         m_osc.sendToSubscribers("/vorlin/state/cue",
-                                {row.id, static_cast<std::int64_t>(row.key), row.name,
-                                 row.progress, static_cast<std::int64_t>(row.stopping)});
+                                {row.id, static_cast<std::int64_t>(row.key), row.name, row.progress,
+                                 static_cast<std::int64_t>(row.stopping)});
 }
