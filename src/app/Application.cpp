@@ -11,6 +11,7 @@
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
+#include "remote/RemoteControl.h"
 #include "update/Updater.h"
 #include "video/CompositedVideoOutput.h"
 
@@ -57,6 +58,14 @@ Application::Application(int& argc, char** argv)
                      [this] { m_window->close(); });
     QObject::connect(&m_app, &QCoreApplication::aboutToQuit, m_updater.get(),
                      [this] { m_updater->applicationWillTerminate(); });
+    // Remote control (OSC), off unless switched on in the settings.
+    m_remote = std::make_unique<RemoteControl>(*m_model);
+    const auto listen = [this] {
+        if (const auto problem = m_remote->configure())
+            m_model->status().show(*problem);
+    };
+    listen();
+    m_window->onRemoteChange = listen;
 }
 
 Application::~Application() {

@@ -9,6 +9,7 @@
 class AppModel;
 class KeyInput;
 class MainWindow;
+class RemoteControl;
 class Updater;
 class UpdaterDialogs;
 
@@ -37,6 +38,7 @@ private:
     std::unique_ptr<KeyInput> m_keys;
     std::unique_ptr<UpdaterDialogs> m_updaterDialogs;
     std::unique_ptr<Updater> m_updater;
+    std::unique_ptr<RemoteControl> m_remote;
 };
 
 int runApplication(int& argc, char** argv);

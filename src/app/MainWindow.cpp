@@ -174,6 +174,10 @@ void MainWindow::showSettings() {
     if (!m_settings) {
         auto* settings = new SettingsWindow(m_instance, this);
         settings->setAttribute(Qt::WA_DeleteOnClose);
+        settings->onRemoteChange = [this] {
+            if (onRemoteChange)
+                onRemoteChange();
+        };
         settings->onBackgroundInputChange = [this](bool on) {
             if (onBackgroundInputChange)
                 onBackgroundInputChange(on);

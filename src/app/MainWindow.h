@@ -58,6 +58,8 @@ public:
     QWidget* settingsWindow() const { return m_settings; }
     // Called when the operator switches background input in the settings.
     std::function<void(bool)> onBackgroundInputChange;
+    // A remote-control setting changed in the settings window.
+    std::function<void()> onRemoteChange;
     // The menu's "アップデートを確認…".
     std::function<void()> onCheckForUpdates;
 

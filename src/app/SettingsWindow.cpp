@@ -5,12 +5,15 @@
 #include <QDoubleSpinBox>
 #include <QFormLayout>
 #include <QLabel>
+#include <QLineEdit>
 #include <QScrollArea>
+#include <QSpinBox>
 #include <QVBoxLayout>
 
 #include "app/Choices.h"
 #include "model/Prefs.h"
 #include "model/ValueRanges.h"
+#include "remote/RemoteControl.h"
 
 SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
     setWindowTitle(QStringLiteral("設定 — Vorlin #%1").arg(instanceNumber));
@@ -87,6 +90,39 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
                  choice(Prefs::kVideoBackground, {{"黒", "black"}, {"白", "white"}}));
     form->addRow(QStringLiteral("起動したら映像出力を開く"),
                  check(Prefs::kOpenVideoOnLaunch, false));
+
+    heading(QStringLiteral("リモート操作（OSC）"));
+    const auto remoteChanged = [this] {
+        if (onRemoteChange)
+            onRemoteChange();
+    };
+    QCheckBox* osc = check(RemoteControl::kEnabled, false);
+    connect(osc, &QCheckBox::toggled, this, remoteChanged);
+    form->addRow(QStringLiteral("OSC でキーや停止を受け付ける"), osc);
+    auto* port = new QSpinBox(this);
+    port->setRange(1024, 65535);
+    port->setValue(Prefs::value(RemoteControl::kPort, RemoteControl::kDefaultPort).toInt());
+    connect(port, &QSpinBox::editingFinished, this, [port, remoteChanged] {
+        Prefs::setValue(RemoteControl::kPort, port->value());
+        remoteChanged();
+    });
+    form->addRow(QStringLiteral("ポート（UDP）"), port);
+    auto text = [this, remoteChanged](const QString& key, const QString& fallback,
+                                      const QString& placeholder) {
+        auto* field = new QLineEdit(Prefs::value(key, fallback).toString(), this);
+        field->setPlaceholderText(placeholder);
+        connect(field, &QLineEdit::editingFinished, this, [key, field, remoteChanged] {
+            Prefs::setValue(key, field->text().trimmed());
+            remoteChanged();
+        });
+        return field;
+    };
+    form->addRow(QStringLiteral("受け付けるアドレス（127.0.0.1: このコンピュータからだけ）"),
+                 text(RemoteControl::kAddress, QStringLiteral("127.0.0.1"),
+                      QStringLiteral("127.0.0.1 または 0.0.0.0（すべてのネットワーク）")));
+    form->addRow(QStringLiteral("送信元を限る（カンマ区切り、空欄: 限らない）"),
+                 text(RemoteControl::kAllowedSenders, QString(),
+                      QStringLiteral("192.168.1.20, 192.168.1.21")));
 
     auto* page = new QWidget;
     page->setLayout(form);

@@ -17,6 +17,8 @@ public:
     // Called when the background-input switch changes (the application opens or closes the
     // keyboard devices).
     std::function<void(bool)> onBackgroundInputChange;
+    // Called when a setting of the remote control (OSC) changes: the application listens anew.
+    std::function<void()> onRemoteChange;
 
 private:
     QComboBox* choice(const QString& key, const QList<QPair<QString, QString>>& options);

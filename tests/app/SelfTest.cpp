@@ -22,6 +22,7 @@
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
+#include <QSpinBox>
 #include <QTabBar>
 #include <QTableWidget>
 #include <QTemporaryDir>
@@ -267,9 +268,16 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
     const QStringList badSettings = textsWithMissingGlyphs(settings);
     log.check(badSettings.isEmpty(),
               "every text of the settings has its glyphs: " + badSettings.join(" | "));
+    const QList<QLineEdit*> fields = settings.findChildren<QLineEdit*>();
     log.check(settings.findChildren<QComboBox*>().size() == 8 &&
-                  settings.findChildren<QCheckBox*>().size() == 4,
-              "the settings show 8 choices and 4 switches");
+                  settings.findChildren<QCheckBox*>().size() == 5 &&
+                  std::count_if(fields.begin(), fields.end(),
+                                [](QLineEdit* field) {
+                                    // Spin boxes hold line edits of their own.
+                                    return !qobject_cast<QAbstractSpinBox*>(field->parent());
+                                }) == 2 &&
+                  settings.findChildren<QSpinBox*>().size() == 1,
+              "the settings show 8 choices, 5 switches, the OSC port and its two address fields");
 }
 
 } // namespace
