@@ -249,7 +249,9 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
                      "すでに素材があるキーに入れたとき", "複数のファイルを空いたキーに入れたとき",
                      "pptx の変換", "起動したときに新しい版があるか確かめる（1 日 1 回）", "モード",
                      "次の素材が流れたら", "フェード IN", "フェード OUT", "縦横比が画面と違うとき",
-                     "背景色", "起動したら映像出力を開く"}));
+                     "背景色", "起動したら映像出力を開く", "OSC でキーや停止を受け付ける",
+                     "ポート（UDP）", "受け付けるアドレス（127.0.0.1: このコンピュータからだけ）",
+                     "送信元を限る（カンマ区切り、空欄: 限らない）"}));
 
     auto field = [&](int row) { return form->itemAt(row, QFormLayout::FieldRole)->widget(); };
     auto* mode = qobject_cast<QComboBox*>(field(9)); // below the heading of new keys
@@ -272,6 +274,14 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     EXPECT_TRUE(switched);
     EXPECT_TRUE(Prefs::value(Prefs::kBackgroundInput).toBool());
     Prefs::setValue(Prefs::kDefaultMode, "toggle");
+
+    // Switching OSC on asks the application to listen anew.
+    int remote = 0;
+    window->onRemoteChange = [&] { ++remote; };
+    qobject_cast<QCheckBox*>(field(form->rowCount() - 4))->setChecked(true);
+    EXPECT_EQ(remote, 1);
+    EXPECT_TRUE(Prefs::value(QStringLiteral("pref.oscEnabled")).toBool());
+    Prefs::setValue(QStringLiteral("pref.oscEnabled"), false);
 }
 
 // A movie key pressed in the window plays its pictures in the monitor view, fitted (a 4:3 movie
