@@ -10,7 +10,9 @@
 #include "app/UpdaterDialogs.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
+#include "model/KeyboardLayout.h"
 #include "model/Prefs.h"
+#include "remote/MidiControl.h"
 #include "remote/RemoteControl.h"
 #include "update/Updater.h"
 #include "video/CompositedVideoOutput.h"
@@ -64,8 +66,25 @@ Application::Application(int& argc, char** argv)
         if (const auto problem = m_remote->configure())
             m_model->status().show(*problem);
     };
-    listen();
-    m_window->onRemoteChange = listen;
+    // MIDI in (ALSA sequencer), off unless switched on; learning works on whatever comes in.
+    m_midi = std::make_unique<MidiControl>(*m_model);
+    const auto listenAll = [this, listen] {
+        listen();
+        if (const auto problem = m_midi->configure())
+            m_model->status().show(*problem);
+    };
+    listenAll();
+    m_window->onRemoteChange = listenAll;
+    m_window->onLearnMidi = [this](KeyCode key) {
+        MidiBinding binding;
+        binding.key = key;
+        m_midi->learn(binding);
+        m_model->status().show(
+            QStringLiteral("MIDI のノートかコントロールを送ってください（%1 キーに割り当てます）")
+                .arg(KeyboardLayout::label(key)));
+    };
+    QObject::connect(m_midi.get(), &MidiControl::learned, m_window.get(),
+                     [this] { m_window->update(); });
 }
 
 Application::~Application() {

@@ -9,6 +9,7 @@
 class AppModel;
 class KeyInput;
 class MainWindow;
+class MidiControl;
 class RemoteControl;
 class Updater;
 class UpdaterDialogs;
@@ -39,6 +40,7 @@ private:
     std::unique_ptr<UpdaterDialogs> m_updaterDialogs;
     std::unique_ptr<Updater> m_updater;
     std::unique_ptr<RemoteControl> m_remote;
+    std::unique_ptr<MidiControl> m_midi;
 };
 
 int runApplication(int& argc, char** argv);

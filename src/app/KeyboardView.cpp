@@ -161,6 +161,19 @@ void KeyboardView::paintEvent(QPaintEvent* event) {
         font.setBold(true);
         p.setFont(font);
         p.drawText(r.adjusted(5, 3, -5, -3), Qt::AlignLeft | Qt::AlignTop, spec.label);
+        // The MIDI message bound to the key, in the top right corner.
+        for (const MidiBinding& binding : m_model.document().midiBindings) {
+            if (spec.kind != KeySpec::Kind::key || binding.action != MidiBinding::Action::key ||
+                binding.key != spec.code)
+                continue;
+            QFont small = font;
+            small.setBold(false);
+            small.setPixelSize(std::max(8, static_cast<int>(r.height() * 0.15)));
+            p.setFont(small);
+            p.drawText(r.adjusted(5, 3, -5, -3), Qt::AlignRight | Qt::AlignTop, binding.label());
+            p.setFont(font);
+            break;
+        }
         if (!name.isEmpty()) {
             font.setBold(false);
             font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.17)));

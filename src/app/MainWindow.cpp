@@ -316,6 +316,12 @@ void MainWindow::buildMenu() {
                        m_model.editor().place(files, *key);
                }
            }},
+          {QStringLiteral("選択中のキーを MIDI で鳴らす（次の音を覚える）"),
+           QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_M),
+           [this] {
+               if (const auto key = m_model.document().selectedKey; key && onLearnMidi)
+                   onLearnMidi(*key);
+           }},
           {QStringLiteral("すべてのファイルを読み込み直す"),
            QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_R),
            [this] { m_model.media().reloadAll(true); }}}},

@@ -8,6 +8,7 @@
 #include <QPointer>
 
 #include "app/DialogInteraction.h"
+#include "model/KeyAssignment.h"
 
 class AppModel;
 class CueListView;
@@ -60,6 +61,8 @@ public:
     std::function<void(bool)> onBackgroundInputChange;
     // A remote-control setting changed in the settings window.
     std::function<void()> onRemoteChange;
+    // The menu's "選んだキーを MIDI で割り当てる": the next MIDI message plays that key.
+    std::function<void(KeyCode)> onLearnMidi;
     // The menu's "アップデートを確認…".
     std::function<void()> onCheckForUpdates;
 

@@ -13,6 +13,7 @@
 #include "app/Choices.h"
 #include "model/Prefs.h"
 #include "model/ValueRanges.h"
+#include "remote/MidiControl.h"
 #include "remote/RemoteControl.h"
 
 SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
@@ -123,6 +124,11 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
     form->addRow(QStringLiteral("送信元を限る（カンマ区切り、空欄: 限らない）"),
                  text(RemoteControl::kAllowedSenders, QString(),
                       QStringLiteral("192.168.1.20, 192.168.1.21")));
+    QCheckBox* midi = check(MidiControl::kEnabled, false);
+    connect(midi, &QCheckBox::toggled, this, remoteChanged);
+    form->addRow(QStringLiteral("MIDI 入力を受け付ける（ALSA シーケンサ）"), midi);
+    form->addRow(QStringLiteral("MIDI ポートの名前"),
+                 text(MidiControl::kPortName, QStringLiteral("Vorlin"), QStringLiteral("Vorlin")));
 
     auto* page = new QWidget;
     page->setLayout(form);

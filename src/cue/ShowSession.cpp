@@ -55,6 +55,7 @@ void ShowSession::save(const QString& path) {
     doc.masterVolume = settings.masterVolume;
     doc.stopAllFade = settings.stopAllFade;
     doc.currentPage = static_cast<std::int64_t>(show.currentPage);
+    doc.midiBindings = show.midiBindings;
     const QStringList& outputs = settings.videoOutputs;
     doc.videoOutputs = outputs;
     doc.videoTarget = outputs.isEmpty() || outputs.first() == QStringLiteral("window")
@@ -109,6 +110,7 @@ void ShowSession::open(const QString& path) {
     m_media.clear();
     show.pages = std::move(pages);
     show.loadPage(current);
+    show.midiBindings = doc.midiBindings;
 
     MixSettings settings;
     settings.masterVolume = doc.masterVolume;
@@ -171,6 +173,7 @@ void ShowSession::newDocument() {
     first.name = kFirstPage;
     show.pages = {first};
     show.loadPage(0);
+    show.midiBindings.clear();
     m_media.clear();
     MixSettings settings = m_settings.current();
     settings.mutedOutputs.clear();

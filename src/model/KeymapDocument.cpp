@@ -67,6 +67,12 @@ QByteArray KeymapDocument::encode() const {
     o["currentPage"] = static_cast<qint64>(currentPage.value_or(0));
     if (outputDeviceUID)
         o["outputDeviceUID"] = *outputDeviceUID;
+    if (!midiBindings.empty()) {
+        QJsonArray bindings;
+        for (const MidiBinding& binding : midiBindings)
+            bindings.append(binding.toJson());
+        o["midiBindings"] = bindings;
+    }
     return QJsonDocument(o).toJson(QJsonDocument::Indented);
 }
 
@@ -126,5 +132,14 @@ KeymapDocument KeymapDocument::decode(const QByteArray& bytes) {
     }
     if (o.contains("currentPage"))
         doc.currentPage = integer(o.value("currentPage"), "currentPage");
+    if (o.contains("midiBindings")) {
+        if (!o.value("midiBindings").isArray())
+            throw wrongType("midiBindings");
+        for (const QJsonValue& binding : o.value("midiBindings").toArray()) {
+            if (!binding.isObject())
+                throw wrongType("midiBindings");
+            doc.midiBindings.push_back(MidiBinding::fromJson(binding.toObject()));
+        }
+    }
     return doc;
 }

@@ -10,6 +10,7 @@
 #include <QStringList>
 
 #include "model/KeyAssignment.h"
+#include "model/MidiBinding.h"
 
 // One page as the show file stores it. Keys stay strings here: turning them into key codes
 // (and dropping the ones that are not) is part of opening.
@@ -33,6 +34,7 @@ struct KeymapDocument {
     std::optional<std::vector<std::int64_t>> mutedOutputs;
     std::optional<std::vector<PageDocument>> pages;
     std::optional<std::int64_t> currentPage;
+    std::vector<MidiBinding> midiBindings;
 
     QByteArray encode() const;
     // Throws DocumentError (unreadable JSON, a required field missing, a wrong type, an unknown

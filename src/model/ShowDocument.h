@@ -9,6 +9,7 @@
 
 #include "model/KeyAssignment.h"
 #include "model/KeyPage.h"
+#include "model/MidiBinding.h"
 
 // The document half of the model's state: the pages, the working copy of the current page's
 // keys and the selection. Every edit goes to `assignments`; the current page's
@@ -22,6 +23,8 @@ struct ShowDocument {
     std::size_t currentPage = 0;
     std::map<KeyCode, KeyAssignment> assignments;
     std::optional<KeyCode> selectedKey;
+    // What MIDI notes, controllers and program changes do in this show.
+    std::vector<MidiBinding> midiBindings;
     // Keys of the current page whose item lists are open as tabs of the deck panel, and the tab
     // shown. Not saved; closed whenever another page or show is loaded.
     std::vector<KeyCode> deckTabs;

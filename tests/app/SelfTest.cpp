@@ -270,14 +270,15 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
               "every text of the settings has its glyphs: " + badSettings.join(" | "));
     const QList<QLineEdit*> fields = settings.findChildren<QLineEdit*>();
     log.check(settings.findChildren<QComboBox*>().size() == 8 &&
-                  settings.findChildren<QCheckBox*>().size() == 5 &&
+                  settings.findChildren<QCheckBox*>().size() == 6 &&
                   std::count_if(fields.begin(), fields.end(),
                                 [](QLineEdit* field) {
                                     // Spin boxes hold line edits of their own.
                                     return !qobject_cast<QAbstractSpinBox*>(field->parent());
-                                }) == 2 &&
+                                }) == 3 &&
                   settings.findChildren<QSpinBox*>().size() == 1,
-              "the settings show 8 choices, 5 switches, the OSC port and its two address fields");
+              "the settings show 8 choices, 6 switches, the OSC port, its two address fields and "
+              "the MIDI port name");
 }
 
 } // namespace

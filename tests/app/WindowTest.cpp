@@ -242,16 +242,26 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
             if (auto* label = qobject_cast<QLabel*>(item->widget());
                 label && !label->text().isEmpty())
                 labels << label->text();
-    EXPECT_EQ(
-        labels,
-        (QStringList{"キーボード配列", "起動したら前回のキーマップを開く",
-                     "ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）",
-                     "すでに素材があるキーに入れたとき", "複数のファイルを空いたキーに入れたとき",
-                     "pptx の変換", "起動したときに新しい版があるか確かめる（1 日 1 回）", "モード",
-                     "次の素材が流れたら", "フェード IN", "フェード OUT", "縦横比が画面と違うとき",
-                     "背景色", "起動したら映像出力を開く", "OSC でキーや停止を受け付ける",
-                     "ポート（UDP）", "受け付けるアドレス（127.0.0.1: このコンピュータからだけ）",
-                     "送信元を限る（カンマ区切り、空欄: 限らない）"}));
+    EXPECT_EQ(labels, (QStringList{"キーボード配列",
+                                   "起動したら前回のキーマップを開く",
+                                   "ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）",
+                                   "すでに素材があるキーに入れたとき",
+                                   "複数のファイルを空いたキーに入れたとき",
+                                   "pptx の変換",
+                                   "起動したときに新しい版があるか確かめる（1 日 1 回）",
+                                   "モード",
+                                   "次の素材が流れたら",
+                                   "フェード IN",
+                                   "フェード OUT",
+                                   "縦横比が画面と違うとき",
+                                   "背景色",
+                                   "起動したら映像出力を開く",
+                                   "OSC でキーや停止を受け付ける",
+                                   "ポート（UDP）",
+                                   "受け付けるアドレス（127.0.0.1: このコンピュータからだけ）",
+                                   "送信元を限る（カンマ区切り、空欄: 限らない）",
+                                   "MIDI 入力を受け付ける（ALSA シーケンサ）",
+                                   "MIDI ポートの名前"}));
 
     auto field = [&](int row) { return form->itemAt(row, QFormLayout::FieldRole)->widget(); };
     auto* mode = qobject_cast<QComboBox*>(field(9)); // below the heading of new keys
@@ -278,7 +288,7 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     // Switching OSC on asks the application to listen anew.
     int remote = 0;
     window->onRemoteChange = [&] { ++remote; };
-    qobject_cast<QCheckBox*>(field(form->rowCount() - 4))->setChecked(true);
+    qobject_cast<QCheckBox*>(field(form->rowCount() - 6))->setChecked(true);
     EXPECT_EQ(remote, 1);
     EXPECT_TRUE(Prefs::value(QStringLiteral("pref.oscEnabled")).toBool());
     Prefs::setValue(QStringLiteral("pref.oscEnabled"), false);
