@@ -75,13 +75,10 @@ Application::Application(int& argc, char** argv)
     };
     listenAll();
     m_window->onRemoteChange = listenAll;
-    m_window->onLearnMidi = [this](KeyCode key) {
-        MidiBinding binding;
-        binding.key = key;
-        m_midi->learn(binding);
-        m_model->status().show(
-            QStringLiteral("MIDI のノートかコントロールを送ってください（%1 キーに割り当てます）")
-                .arg(KeyboardLayout::label(key)));
+    m_window->onLearnMidi = [this](const MidiBinding& target) {
+        m_midi->learn(target);
+        m_model->status().show(QStringLiteral("MIDI のノートかコントロールを送ってください（%1）")
+                                   .arg(MidiControl::actionName(target)));
     };
     QObject::connect(m_midi.get(), &MidiControl::learned, m_window.get(),
                      [this] { m_window->update(); });

@@ -170,6 +170,16 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     event->accept();
 }
 
+void MainWindow::learnMidi(MidiBinding::Action action, KeyCode key) {
+    if (!onLearnMidi)
+        return;
+    MidiBinding target;
+    target.action = action;
+    target.key = key;
+    target.page = static_cast<std::int64_t>(m_model.document().currentPage);
+    onLearnMidi(target);
+}
+
 void MainWindow::showSettings() {
     if (!m_settings) {
         auto* settings = new SettingsWindow(m_instance, this);
@@ -316,12 +326,24 @@ void MainWindow::buildMenu() {
                        m_model.editor().place(files, *key);
                }
            }},
-          {QStringLiteral("選択中のキーを MIDI で鳴らす（次の音を覚える）"),
+          {QStringLiteral("MIDI で割り当て: 選択中のキー"),
            QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_M),
            [this] {
-               if (const auto key = m_model.document().selectedKey; key && onLearnMidi)
-                   onLearnMidi(*key);
+               if (const auto key = m_model.document().selectedKey)
+                   learnMidi(MidiBinding::Action::key, *key);
            }},
+          {QStringLiteral("MIDI で割り当て: このページへの切り替え"),
+           {},
+           [this] { learnMidi(MidiBinding::Action::page, 0); }},
+          {QStringLiteral("MIDI で割り当て: すべて停止"),
+           {},
+           [this] { learnMidi(MidiBinding::Action::stop, 0); }},
+          {QStringLiteral("MIDI で割り当て: すべて即停止"),
+           {},
+           [this] { learnMidi(MidiBinding::Action::panic, 0); }},
+          {QStringLiteral("MIDI で割り当て: マスター音量（コントロール）"),
+           {},
+           [this] { learnMidi(MidiBinding::Action::master, 0); }},
           {QStringLiteral("すべてのファイルを読み込み直す"),
            QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_R),
            [this] { m_model.media().reloadAll(true); }}}},

@@ -8,7 +8,7 @@
 #include <QPointer>
 
 #include "app/DialogInteraction.h"
-#include "model/KeyAssignment.h"
+#include "model/MidiBinding.h"
 
 class AppModel;
 class CueListView;
@@ -54,6 +54,8 @@ public:
     // Keeps the window inside the screen's available area.
     void fitWindowToScreen();
 
+    // Arms MIDI learning for an operation (a key: `key`; a page: the current one).
+    void learnMidi(MidiBinding::Action action, KeyCode key);
     // Brings up the settings window (made on first use).
     void showSettings();
     QWidget* settingsWindow() const { return m_settings; }
@@ -61,8 +63,8 @@ public:
     std::function<void(bool)> onBackgroundInputChange;
     // A remote-control setting changed in the settings window.
     std::function<void()> onRemoteChange;
-    // The menu's "選んだキーを MIDI で割り当てる": the next MIDI message plays that key.
-    std::function<void(KeyCode)> onLearnMidi;
+    // The menu's "MIDI で割り当て: …": the next MIDI message does what `target` says.
+    std::function<void(const MidiBinding& target)> onLearnMidi;
     // The menu's "アップデートを確認…".
     std::function<void()> onCheckForUpdates;
 

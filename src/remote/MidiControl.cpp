@@ -11,7 +11,9 @@ namespace {
 
 const QString kLearned = QStringLiteral("MIDI を割り当てました: %1 → %2");
 
-QString actionName(const MidiBinding& binding) {
+} // namespace
+
+QString MidiControl::actionName(const MidiBinding& binding) {
     switch (binding.action) {
     case MidiBinding::Action::key:
         return KeyboardLayout::label(binding.key);
@@ -26,8 +28,6 @@ QString actionName(const MidiBinding& binding) {
     }
     return {};
 }
-
-} // namespace
 
 MidiControl::MidiControl(AppModel& model, QObject* parent) : QObject(parent), m_model(model) {}
 

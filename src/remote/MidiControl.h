@@ -40,6 +40,8 @@ public:
     // The next message binds to `binding`'s action (its message fields are filled in then).
     void learn(const MidiBinding& target);
     void cancelLearning() { m_learning.reset(); }
+    // What a binding does, as the status line names it ("A", "ページ 2", "すべて停止").
+    static QString actionName(const MidiBinding& binding);
     bool isLearning() const { return m_learning.has_value(); }
 
 signals:

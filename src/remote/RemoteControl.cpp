@@ -7,15 +7,18 @@
 
 namespace {
 
-const QString kRefused = QStringLiteral("リモート入力を受け付けませんでした（%1）");
+const QString kRefused =
+    QStringLiteral("リモート入力を受け付けませんでした（%1。これまでに %2 件）");
 const QString kNothingThere = QStringLiteral("リモート入力: %1 はありません");
 
 } // namespace
 
 RemoteControl::RemoteControl(AppModel& model, QObject* parent) : QObject(parent), m_model(model) {
     connect(&m_osc, &OscServer::command, this, &RemoteControl::apply);
-    connect(&m_osc, &OscServer::rejected, this,
-            [this](const QString& why) { m_model.status().show(kRefused.arg(why)); });
+    connect(&m_osc, &OscServer::rejected, this, [this](const QString& why) {
+        const OscServer::Counts& counts = m_osc.counts();
+        m_model.status().show(kRefused.arg(why).arg(counts.malformed + counts.refused));
+    });
     m_feedback.setSingleShot(true);
     m_feedback.setInterval(33);
     connect(&m_feedback, &QTimer::timeout, this, &RemoteControl::sendState);
@@ -67,4 +70,9 @@ void RemoteControl::sendState() {
         m_osc.sendToSubscribers("/vorlin/state/cue",
                                 {row.id, static_cast<std::int64_t>(row.key), row.name, row.progress,
                                  static_cast<std::int64_t>(row.stopping)});
+    // The keys of the current page that play, with their progress (as the drawn keys show it).
+    m_osc.sendToSubscribers("/vorlin/state/keys",
+                            {static_cast<std::int64_t>(m_model.live().progress().size())});
+    for (const auto& [code, progress] : m_model.live().progress())
+        m_osc.sendToSubscribers("/vorlin/state/key", {static_cast<std::int64_t>(code), progress});
 }

@@ -131,6 +131,7 @@ TEST_F(Remote, ASubscriberHearsTheStateUntilItUnsubscribes) {
     stage.run(0.1);
     listen();
     EXPECT_NE(std::find(heard.begin(), heard.end(), "/vorlin/state/cue"), heard.end());
+    EXPECT_NE(std::find(heard.begin(), heard.end(), "/vorlin/state/key"), heard.end());
 
     lo_send_from(target, client, LO_TT_IMMEDIATE, "/vorlin/unsubscribe", "");
     listen();
@@ -149,8 +150,10 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
     ASSERT_FALSE(remote.configure());
     lo_send(target, "/vorlin/panic", "");
     ASSERT_TRUE(until([&] { return remote.osc().counts().refused == 1; }));
-    EXPECT_EQ(stage.model.status().text(),
-              "リモート入力を受け付けませんでした（許可していない送り手です: 127.0.0.1）");
+    EXPECT_EQ(
+        stage.model.status().text(),
+        "リモート入力を受け付けませんでした（許可していない送り手です: 127.0.0.1。これまでに 1 "
+        "件）");
     Prefs::setValue(RemoteControl::kAllowedSenders, "127.0.0.1");
     ASSERT_FALSE(remote.configure());
 
