@@ -70,12 +70,19 @@ TEST_F(Midi, LearnedNotesAndControllersPlayKeysAndAreSavedWithTheShow) {
     EXPECT_FALSE(stage.model.isRunning(kS));
     midi.handle(control(20, 100, 1)); // another channel
     EXPECT_FALSE(stage.model.isRunning(kS));
+    // A fader rising through its upper half presses a toggle key once, not at every step.
+    midi.learn(forKey(kA));
+    midi.handle(control(21, 0));
+    stage.run(0.05);
+    for (int value : {70, 127})
+        midi.handle(control(21, value));
+    EXPECT_TRUE(stage.model.isRunning(kA));
 
     TempDir dir;
     const QString path = QString::fromStdString(dir.file("midi.vorlin"));
     stage.model.save(path);
     const auto saved = stage.doc().midiBindings;
-    ASSERT_EQ(saved.size(), 2u);
+    ASSERT_EQ(saved.size(), 3u);
     EXPECT_EQ(saved[1].label(), "CC20/2");
     stage.model.newDocument();
     EXPECT_TRUE(stage.doc().midiBindings.empty());
