@@ -217,9 +217,15 @@ protected:
 Archives* UpdaterTest::archives = nullptr;
 
 TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
-    EXPECT_TRUE((Release{"1.10", 7}).isNewer("1.9", 7));
-    EXPECT_FALSE((Release{"1.9", 7}).isNewer("1.10", 7));
-    EXPECT_TRUE((Release{"1.0", 8}).isNewer("2.0", 7)); // the build decides first
+    const auto release = [](const QString& version, int build) {
+        Release r;
+        r.version = version;
+        r.build = build;
+        return r;
+    };
+    EXPECT_TRUE(release("1.10", 7).isNewer("1.9", 7));
+    EXPECT_FALSE(release("1.9", 7).isNewer("1.10", 7));
+    EXPECT_TRUE(release("1.0", 8).isNewer("2.0", 7)); // the build decides first
 
     Updater updater(options(), ui);
     setFeed("0.1.0", 1, "/good.tar.zst");
