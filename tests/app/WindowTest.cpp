@@ -165,6 +165,19 @@ TEST_F(Window, FilesDroppedOnAKeyCellArePlacedOnIt) {
                       Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(&keyboard, &click);
     EXPECT_EQ(model.document().selectedKey, 0);
+
+    // A MIDI binding of the key is drawn in its top right corner, and only there.
+    const QRect corner = keyboard.cellRect(3).toRect().adjusted(40, 2, -2, -30);
+    const QImage before = keyboard.grab().toImage().copy(corner);
+    MidiBinding binding;
+    binding.number = 60;
+    binding.key = 3;
+    model.document().midiBindings.push_back(binding);
+    const QImage after = keyboard.grab().toImage().copy(corner);
+    EXPECT_NE(before, after);
+    binding.key = 5;
+    model.document().midiBindings = {binding};
+    EXPECT_EQ(keyboard.grab().toImage().copy(corner), before);
 }
 
 } // namespace
