@@ -42,6 +42,7 @@ const QString kNotVerified =
     QStringLiteral("ダウンロードしたアプリの署名を確認できないため、入れ替えを中止しました（%1）");
 const QString kNotWritable = QStringLiteral("Vorlin が置かれているフォルダに書き込めません");
 const QString kServerAnswer = QStringLiteral("サーバーの応答: %1");
+const QString kCut = QStringLiteral("途中で切れました");
 
 // The top folder of a release archive: the installed tree as it will be.
 const QString kTreeName = QStringLiteral("vorlin");
@@ -187,8 +188,13 @@ void Updater::install(const Release& release) {
             m_archive->write(reply->readAll());
         m_archive->close();
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        // A connection closed early does not always end as an error: the length tells.
+        const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+        const bool cut = length.isValid() && m_archive->size() < length.toLongLong();
         if (m_cancelled)
             fail(kInstallFailed, kCancelled);
+        else if (cut)
+            fail(kInstallFailed, kDownloadFailed.arg(kCut));
         else if (reply->error() != QNetworkReply::NoError)
             fail(kInstallFailed, kDownloadFailed.arg(reply->errorString()));
         else if (status >= 400)

@@ -283,7 +283,7 @@ TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
         {"parent", "アップデートできませんでした: アーカイブを展開できません: 不正な項目 ../evil"},
         {"link", "アップデートできませんでした: アーカイブを展開できません: 不正なリンク "
                  "vorlin/share/etc"},
-        {"cut", "アップデートできませんでした: ダウンロードできませんでした（"},
+        {"cut", "アップデートできませんでした: ダウンロードできませんでした（途中で切れました）"},
         {"hangs", "アップデートできませんでした: アップデートを中止しました"},
     };
     const int folders = updateFolders();
