@@ -37,6 +37,8 @@ struct StreamedSound::Track {
     double timeBase = 0.0;
     std::vector<SampleBuffer> pending;       // at the device's rate, waiting for the ring
     std::vector<std::vector<float>> decoded; // one decoded frame
+    std::vector<float*> into;                // its channels, for the decoder to fill
+    std::vector<const float*> from;          // where the converter reads them
     // Frames still to drop before the place decoding started from; unknown (unset) until the
     // first frame says where the demuxer landed.
     std::optional<std::int64_t> skip;
@@ -161,6 +163,8 @@ void StreamedSound::open() {
         const auto channels = static_cast<std::size_t>(track->decoder->channels());
         track->pending.resize(channels);
         track->decoded.resize(channels);
+        track->into.resize(channels);
+        track->from.resize(channels);
         m_tracks.push_back(std::move(track));
     }
     if (m_tracks.empty())
@@ -204,7 +208,7 @@ void StreamedSound::rewind(double seconds) {
 }
 
 void StreamedSound::decodeInto(Track& track, const TrackDecoder::Samples& samples) {
-    std::vector<float*> dest(track.decoded.size());
+    std::vector<float*>& dest = track.into;
     for (std::size_t c = 0; c < dest.size(); ++c) {
         if (track.decoded[c].size() < samples.frames)
             track.decoded[c].resize(samples.frames);
@@ -221,8 +225,8 @@ void StreamedSound::decodeInto(Track& track, const TrackDecoder::Samples& sample
         for (auto lead = std::min<std::int64_t>(-skip, std::llround(kMaxLeadIn * own)); lead > 0;) {
             const auto piece =
                 std::min<std::int64_t>(lead, static_cast<std::int64_t>(m_silence.size()));
-            std::vector<const float*> zeros(dest.size(), m_silence.data());
-            feed(track, zeros.data(), static_cast<std::size_t>(piece));
+            std::fill(track.from.begin(), track.from.end(), m_silence.data());
+            feed(track, track.from.data(), static_cast<std::size_t>(piece));
             lead -= piece;
         }
         track.skip = std::max<std::int64_t>(skip, 0);
@@ -230,10 +234,9 @@ void StreamedSound::decodeInto(Track& track, const TrackDecoder::Samples& sample
     const auto dropped = static_cast<std::size_t>(
         std::min<std::int64_t>(*track.skip, static_cast<std::int64_t>(samples.frames)));
     *track.skip -= static_cast<std::int64_t>(dropped);
-    std::vector<const float*> input(dest.size());
     for (std::size_t c = 0; c < dest.size(); ++c)
-        input[c] = dest[c] + dropped;
-    feed(track, input.data(), samples.frames - dropped);
+        track.from[c] = dest[c] + dropped;
+    feed(track, track.from.data(), samples.frames - dropped);
 }
 
 void StreamedSound::feed(Track& track, const float* const* input, std::size_t frames) {

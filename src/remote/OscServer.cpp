@@ -81,10 +81,6 @@ bool decodeInto(const char* data, qsizetype size, int depth, std::vector<Message
     return true;
 }
 
-QString describe(const Message& message) {
-    return message.first;
-}
-
 } // namespace
 
 OscServer::OscServer(QObject* parent) : QObject(parent) {
@@ -135,7 +131,7 @@ void OscServer::handle(const QByteArray& datagram, const QHostAddress& sender, q
         const auto command = RemoteCommand::fromOsc(message.first, message.second);
         if (!command) {
             ++m_counts.malformed;
-            emit rejected(kUnknown.arg(describe(message)));
+            emit rejected(kUnknown.arg(message.first));
             continue;
         }
         ++m_counts.received;
