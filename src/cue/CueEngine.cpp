@@ -1,6 +1,7 @@
 #include "cue/CueEngine.h"
 
 #include <algorithm>
+#include <array>
 
 #include <QPointer>
 
@@ -23,6 +24,11 @@ const QString kNoSound = QStringLiteral(": 音声を読み込めませんでし�
 const QString kStreamFailed = QStringLiteral(": 音声を再生できません（%1）");
 // A streamed sound without a picture starts this long after its press: its decoder's first fill.
 constexpr double kStreamLead = 0.08;
+
+// The streamed sounds a cue may hold: its movie's, and its deck's current movie item's.
+std::array<StreamedSound*, 2> streamsOf(const ActiveCue& cue) {
+    return {cue.stream.get(), cue.deck ? cue.deck->stream.get() : nullptr};
+}
 // An image never advances by itself sooner than this after it was shown.
 constexpr double kShortestSlide = 0.3;
 
@@ -232,13 +238,18 @@ void CueEngine::startMedia(const ActiveCuePtr& cue, const KeyAssignment& a, cons
     cue->video = m_video.play(std::move(movie));
 }
 
+RouteList CueEngine::routesFor(const KeyAssignment& a, std::int64_t channels) {
+    const RouteList routes =
+        Routing::routes(a.matrix, a.outputMap.toStdString(), channels, m_outputChannels);
+    if (routes.empty())
+        m_status.show(a.displayName() + kNoRoute);
+    return routes;
+}
+
 std::optional<std::int64_t> CueEngine::playClip(const AudioClipPtr& clip, const KeyAssignment& a,
                                                 double volume, double fadeIn, bool loop,
                                                 bool deferred) {
-    const RouteList routes =
-        Routing::routes(a.matrix, a.outputMap.toStdString(), clip->channelCount, m_outputChannels);
-    if (routes.empty())
-        m_status.show(a.displayName() + kNoRoute);
+    const RouteList routes = routesFor(a, clip->channelCount);
     if (clip->frameCount < 2 || routes.empty())
         return std::nullopt;
     const std::int64_t voice =
@@ -256,12 +267,9 @@ std::optional<std::int64_t> CueEngine::playStream(ActiveCue& cue, const StreamSo
     voice.reset();
     stream.reset();
     const std::int64_t channels = std::max<std::int64_t>(source.probe.sourceChannels, 1);
-    const RouteList routes =
-        Routing::routes(a.matrix, a.outputMap.toStdString(), channels, m_outputChannels);
-    if (routes.empty()) {
-        m_status.show(a.displayName() + kNoRoute);
+    const RouteList routes = routesFor(a, channels);
+    if (routes.empty())
         return std::nullopt;
-    }
     StreamedSound::Options options;
     options.rate = m_mixer.sampleRate();
     options.channels = channels;
@@ -299,10 +307,10 @@ std::optional<CueEngine::StreamSource> CueEngine::streamSource(const ActiveCue& 
 
 void CueEngine::fillStreams() {
     for (const ActiveCuePtr& cue : m_cues) {
-        if (cue->stream)
-            cue->stream->fill();
-        if (cue->deck && cue->deck->stream)
-            cue->deck->stream->fill();
+        for (StreamedSound* stream : streamsOf(*cue)) {
+            if (stream)
+                stream->fill();
+        }
     }
 }
 
@@ -662,8 +670,7 @@ void CueEngine::tick() {
     std::vector<ActiveCuePtr> kept;
     kept.reserve(m_cues.size());
     for (const auto& cue : m_cues) {
-        for (StreamedSound* stream :
-             {cue->stream.get(), cue->deck ? cue->deck->stream.get() : nullptr}) {
+        for (StreamedSound* stream : streamsOf(*cue)) {
             if (const auto failure = stream ? stream->takeFailure() : std::nullopt)
                 m_status.show(cue->name + kStreamFailed.arg(QString::fromStdString(*failure)));
         }

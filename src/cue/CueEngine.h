@@ -8,6 +8,7 @@
 #include <QObject>
 #include <QString>
 
+#include "audio/Route.h"
 #include "audio/VoiceStatus.h"
 #include "cue/ActiveCue.h"
 #include "cue/LiveState.h"
@@ -114,6 +115,8 @@ private:
                          const Placement& placement);
     void deckPlayMovie(const ActiveCuePtr& cue, const DeckItem& item, double fade,
                        const Placement& placement);
+    // The key's routes for a source of `channels` channels; says so when there are none.
+    RouteList routesFor(const KeyAssignment& a, std::int64_t channels);
     std::optional<std::int64_t> playClip(const AudioClipPtr& clip, const KeyAssignment& a,
                                          double volume, double fadeIn, bool loop, bool deferred);
     // A movie whose sound is streamed: the file, what it holds, and how its sound plays.
