@@ -77,7 +77,7 @@ void ShowRenderer::apply(const ScriptEvent& event) {
         if (!event.command.apply(*m_model))
             m_eventProblems << QStringLiteral("%1 秒の osc: %2 がありません")
                                    .arg(event.seconds)
-                                   .arg(event.command.name);
+                                   .arg(event.command.target());
         break;
     }
 }

@@ -58,4 +58,7 @@ struct RemoteCommand {
     // Does it to the model. False when it names what is not there (a key label, a page);
     // subscribe and unsubscribe are for the OSC server and do nothing here.
     bool apply(AppModel& model) const;
+    // What it names, for the message when apply found nothing: the label or page name, else
+    // the page index or cue id.
+    QString target() const { return name.isEmpty() ? QString::number(number) : name; }
 };

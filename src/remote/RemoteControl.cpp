@@ -55,8 +55,7 @@ void RemoteControl::apply(const RemoteCommand& command) {
         return;
     }
     if (!command.apply(m_model))
-        m_model.status().show(kNothingThere.arg(
-            command.name.isEmpty() ? QString::number(command.number) : command.name));
+        m_model.status().show(kNothingThere.arg(command.target()));
 }
 
 void RemoteControl::sendState() {
