@@ -106,7 +106,8 @@ void Updater::check(bool userInitiated) {
                 fail(kCheckFailed,
                      kCheckFailed + "\n" +
                          (status > 0 ? kServerAnswer.arg(status) : reply->errorString()));
-            emit finished();
+            else
+                emit finished(); // fail() says it otherwise
             return;
         }
         handle(*release, userInitiated);
