@@ -29,7 +29,7 @@ QImage firstPicture(const QString& path) {
             return {};
         // A copy: the pixels belong to the decoder, which goes at the end of this function.
         const QImage picture = scaledDown(QImage(frame->rgba.get(), frame->width, frame->height,
-                                                 frame->width * 4, QImage::Format_RGBA8888)
+                                                 frame->stride, QImage::Format_RGBA8888)
                                               .copy());
         return frame->rotation ? picture.transformed(QTransform().rotate(frame->rotation))
                                : picture;

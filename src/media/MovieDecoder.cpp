@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <new>
 
 #include "media/LoadError.h"
 #include "media/MediaFile.h"
@@ -18,11 +19,30 @@ constexpr int kErrorsInARow = 50;
 
 } // namespace
 
+int MovieFrame::strideFor(int width) {
+    const auto row = static_cast<std::size_t>(width) * 4;
+    return static_cast<int>((row + kAlignment - 1) / kAlignment * kAlignment);
+}
+
+std::size_t MovieFrame::bytesFor(int width, int height) {
+    return static_cast<std::size_t>(strideFor(width)) * static_cast<std::size_t>(height) +
+           kAlignment;
+}
+
+std::uint8_t* MovieFrame::allocatePixels(std::size_t bytes) {
+    return static_cast<std::uint8_t*>(::operator new[](bytes, std::align_val_t(kAlignment)));
+}
+
+void MovieFrame::freePixels(std::uint8_t* pixels) {
+    ::operator delete[](pixels, std::align_val_t(kAlignment));
+}
+
 MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* cancel,
                            Allocate allocate)
     : m_file(std::make_unique<MediaFile>(path, cancel)), m_cancel(cancel),
       m_allocate(allocate ? std::move(allocate) : [](std::size_t bytes) {
-          return std::shared_ptr<std::uint8_t[]>(new std::uint8_t[bytes]);
+          return std::shared_ptr<std::uint8_t[]>(MovieFrame::allocatePixels(bytes),
+                                                 MovieFrame::freePixels);
       }) {
     m_stream = m_file->videoStream();
     if (m_stream < 0)
@@ -172,9 +192,10 @@ std::optional<MovieFrame> MovieDecoder::convert(const AVFrame* frame) {
         m_failed = true;
         return std::nullopt;
     }
-    picture.rgba = m_allocate(static_cast<std::size_t>(frame->width) * frame->height * 4);
+    picture.stride = MovieFrame::strideFor(frame->width);
+    picture.rgba = m_allocate(MovieFrame::bytesFor(frame->width, frame->height));
     std::uint8_t* planes[4] = {picture.rgba.get(), nullptr, nullptr, nullptr};
-    const int strides[4] = {frame->width * 4, 0, 0, 0};
+    const int strides[4] = {picture.stride, 0, 0, 0};
     sws_scale(m_scaler, frame->data, frame->linesize, 0, frame->height, planes, strides);
     return picture;
 }

@@ -14,13 +14,24 @@ struct AVFrame;
 struct AVPacket;
 struct SwsContext;
 
-// One decoded picture of a movie: 8-bit RGBA rows of width × 4 bytes, and when it is due.
+// One decoded picture of a movie: 8-bit RGBA rows `stride` bytes apart, and when it is due.
 struct MovieFrame {
     double time = 0.0; // seconds from the movie's start
     int width = 0;
     int height = 0;
+    int stride = 0; // bytes from one row to the next (strideFor(width))
     std::shared_ptr<std::uint8_t[]> rgba;
     int rotation = 0; // degrees clockwise to stand it upright (the file's display matrix)
+
+    // swscale's vector code stores whole aligned blocks, past a row's last pixel and past the
+    // last row: every picture buffer starts on kAlignment, its rows are padded to a multiple of
+    // it and kAlignment more bytes follow the last row.
+    static constexpr std::size_t kAlignment = 64;
+    static int strideFor(int width);
+    static std::size_t bytesFor(int width, int height);
+    // Memory of that alignment; release it with freePixels (a plain delete[] would not match).
+    static std::uint8_t* allocatePixels(std::size_t bytes);
+    static void freePixels(std::uint8_t* pixels);
 };
 
 // Decodes the pictures of a file's first moving-picture stream in presentation order, converted
@@ -30,8 +41,9 @@ struct MovieFrame {
 // Threading: one thread at a time, any thread; the cancel flag may be set from another thread.
 class MovieDecoder {
 public:
-    // Where a picture's pixels go (`bytes` long, contents undefined). A player hands out buffers
-    // it recycles: a fresh 8 MB block per 1080p picture would be zeroed and faulted in anew.
+    // Where a picture's pixels go (`bytes` long, from MovieFrame::bytesFor, aligned to
+    // MovieFrame::kAlignment, contents undefined). A player hands out buffers it recycles: a
+    // fresh 8 MB block per 1080p picture would be zeroed and faulted in anew.
     using Allocate = std::function<std::shared_ptr<std::uint8_t[]>(std::size_t bytes)>;
 
     // Throws LoadError: the file's own errors (see MediaFile), or kNoPicture when it has no

@@ -10,7 +10,7 @@ namespace {
 QImage imageOf(MovieFrame&& frame) {
     auto* pixels = new std::shared_ptr<std::uint8_t[]>(std::move(frame.rgba));
     QImage image(
-        pixels->get(), frame.width, frame.height, frame.width * 4, QImage::Format_RGBA8888,
+        pixels->get(), frame.width, frame.height, frame.stride, QImage::Format_RGBA8888,
         [](void* held) { delete static_cast<std::shared_ptr<std::uint8_t[]>*>(held); }, pixels);
     return frame.rotation ? image.transformed(QTransform().rotate(frame.rotation)) : image;
 }
@@ -22,11 +22,15 @@ QImage imageOf(MovieFrame&& frame) {
 struct MoviePlayer::Buffers {
     std::mutex mutex;
     std::size_t bytes = 0;
-    std::vector<std::unique_ptr<std::uint8_t[]>> free;
+    struct Release {
+        void operator()(std::uint8_t* pixels) const { MovieFrame::freePixels(pixels); }
+    };
+    using Buffer = std::unique_ptr<std::uint8_t[], Release>;
+    std::vector<Buffer> free;
 
     static std::shared_ptr<std::uint8_t[]> take(const std::shared_ptr<Buffers>& self,
                                                 std::size_t bytes) {
-        std::unique_ptr<std::uint8_t[]> buffer;
+        Buffer buffer;
         {
             std::lock_guard lock(self->mutex);
             if (self->bytes != bytes) {
@@ -39,10 +43,10 @@ struct MoviePlayer::Buffers {
             }
         }
         if (!buffer)
-            buffer.reset(new std::uint8_t[bytes]); // not zeroed: every byte is written
+            buffer.reset(MovieFrame::allocatePixels(bytes)); // not zeroed: every pixel is written
         std::weak_ptr<Buffers> pool = self;
         return std::shared_ptr<std::uint8_t[]>(buffer.release(), [pool, bytes](std::uint8_t* p) {
-            std::unique_ptr<std::uint8_t[]> back(p);
+            Buffer back(p);
             if (const auto buffers = pool.lock()) {
                 std::lock_guard lock(buffers->mutex);
                 if (buffers->bytes == bytes && buffers->free.size() < kKept)

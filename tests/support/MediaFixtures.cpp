@@ -102,7 +102,9 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
               const std::vector<Tone>& tracks, const Video* video, std::vector<Output>& outs) {
     const bool globalHeader = container->oformat->flags & AVFMT_GLOBALHEADER;
     if (video) {
-        const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_MPEG4);
+        const AVCodec* codec = avcodec_find_encoder_by_name(video->codec.c_str());
+        if (!codec)
+            return false;
         Output out;
         out.stream = avformat_new_stream(container, nullptr);
         out.codec = avcodec_alloc_context3(codec);
@@ -205,10 +207,11 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
         } else {
             av_frame_make_writable(out.frame);
             for (int p = 0; p < 3; ++p) {
-                const int h = p ? out.frame->height / 2 : out.frame->height;
+                // Chroma of an odd size covers the last column and row too.
+                const int h = p ? (out.frame->height + 1) / 2 : out.frame->height;
                 for (int y = 0; y < h; ++y)
                     std::fill_n(out.frame->data[p] + y * out.frame->linesize[p],
-                                p ? out.frame->width / 2 : out.frame->width,
+                                p ? (out.frame->width + 1) / 2 : out.frame->width,
                                 static_cast<std::uint8_t>(p ? 128 : 16 + (out.next * 8) % 216));
             }
             out.frame->pts = out.next++;

@@ -23,6 +23,7 @@ struct Video {
     double rotation = 0.0; // degrees, stored as a display matrix
     double seconds = 1.0;
     int fps = 25;
+    std::string codec = "mpeg4"; // an FFmpeg encoder name: "mpeg4", "libx264", "ffv1" …
 };
 
 // The container follows the file extension (wav, flac, mp3, m4a, ogg, opus, mp4, mkv, mov …);

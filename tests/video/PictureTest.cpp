@@ -61,6 +61,40 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
     EXPECT_TRUE(missing.failed());
 }
 
+// Pictures of any size come out whole: swscale writes aligned blocks past a row's end, so the
+// sizes that are not multiples of 16 or 64 are the ones that overran a tight buffer.
+TEST(MoviePlayer, PicturesOfAwkwardSizesComeOutWhole) {
+    struct Row {
+        int width, height;
+        const char* codec;
+        const char* file;
+    };
+    const Row rows[] = {
+        {4, 4, "ffv1", "tiny.mkv"},
+        {200, 150, "libx264", "small.mp4"},
+        {426, 240, "libx264", "240p.mp4"},
+        {721, 481, "ffv1", "odd.mkv"},
+        {1918, 1078, "libx264", "near1080.mp4"},
+    };
+    TempDir dir;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.file);
+        MediaFixtures::Video video{row.width, row.height, 0.0, 0.4};
+        video.codec = row.codec;
+        ASSERT_TRUE(MediaFixtures::write(dir.file(row.file), "pcm_s16le", {}, &video));
+        MoviePlayer player(dir.file(row.file), MoviePlayer::Wait::forPicture);
+        for (int n : {0, 3, 7}) {
+            const QImage* picture = player.frameAt((n + 0.5) / 25.0); // mid-picture
+            ASSERT_NE(picture, nullptr);
+            ASSERT_EQ(picture->size(), QSize(row.width, row.height));
+            // Both ends of the last row: a wrong stride shears the picture.
+            for (const QPoint at : {QPoint(0, 0), QPoint(row.width - 1, row.height - 1)})
+                EXPECT_NEAR(qGray(picture->pixel(at)), MediaFixtures::pictureGrey(n), 4.0) << n;
+        }
+        EXPECT_FALSE(player.failed());
+    }
+}
+
 // A second start of a file takes the player made ahead at the first: its first pictures are
 // decoded already, so the picture is there the moment it is due.
 TEST(VideoOutput, ASecondStartOfAFileShowsAtOnceFromAPreparedPlayer) {
