@@ -110,7 +110,12 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
     form->addRow(QStringLiteral("ポート（UDP）"), port);
     auto text = [this, remoteChanged](const QString& key, const QString& fallback,
                                       const QString& placeholder) {
-        auto* field = new QLineEdit(Prefs::value(key, fallback).toString(), this);
+        // A list written into the settings file by hand comes back as a list.
+        const QVariant stored = Prefs::value(key, fallback);
+        auto* field = new QLineEdit(stored.typeId() == QMetaType::QStringList
+                                        ? stored.toStringList().join(QStringLiteral(", "))
+                                        : stored.toString(),
+                                    this);
         field->setPlaceholderText(placeholder);
         connect(field, &QLineEdit::editingFinished, this, [key, field, remoteChanged] {
             Prefs::setValue(key, field->text().trimmed());
@@ -118,12 +123,27 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
         });
         return field;
     };
+    QLineEdit* address = text(RemoteControl::kAddress, QStringLiteral("127.0.0.1"),
+                              QStringLiteral("127.0.0.1 または 0.0.0.0（すべてのネットワーク）"));
     form->addRow(QStringLiteral("受け付けるアドレス（127.0.0.1: このコンピュータからだけ）"),
-                 text(RemoteControl::kAddress, QStringLiteral("127.0.0.1"),
-                      QStringLiteral("127.0.0.1 または 0.0.0.0（すべてのネットワーク）")));
-    form->addRow(QStringLiteral("送信元を限る（カンマ区切り、空欄: 限らない）"),
-                 text(RemoteControl::kAllowedSenders, QString(),
-                      QStringLiteral("192.168.1.20, 192.168.1.21")));
+                 address);
+    QLineEdit* senders = text(RemoteControl::kAllowedSenders, QString(),
+                              QStringLiteral("192.168.1.20, 192.168.1.21"));
+    form->addRow(QStringLiteral("送信元を限る（カンマ区切り、空欄: 限らない）"), senders);
+    // Open to the network with nobody named: say what that means.
+    auto* open = new QLabel(
+        QStringLiteral("⚠ ネットワーク上のどのコンピュータからでもキーを鳴らせます"), this);
+    open->setObjectName(QStringLiteral("oscOpenWarning"));
+    open->setStyleSheet(QStringLiteral("color: #c0392b;"));
+    const auto warn = [address, senders, open] {
+        const QHostAddress listened(address->text().trimmed());
+        open->setVisible(!listened.isNull() && !listened.isLoopback() &&
+                         senders->text().trimmed().isEmpty());
+    };
+    connect(address, &QLineEdit::editingFinished, this, warn);
+    connect(senders, &QLineEdit::editingFinished, this, warn);
+    warn();
+    form->addRow(QString(), open);
     QCheckBox* midi = check(MidiControl::kEnabled, false);
     connect(midi, &QCheckBox::toggled, this, remoteChanged);
     form->addRow(QStringLiteral("MIDI 入力を受け付ける（ALSA シーケンサ）"), midi);

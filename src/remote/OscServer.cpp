@@ -1,10 +1,16 @@
 #include "remote/OscServer.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/errqueue.h>
 #include <lo/lo.h>
 #include <memory>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <QNetworkDatagram>
-#include <QTimer>
 #include <QtEndian>
 
 namespace {
@@ -12,6 +18,11 @@ namespace {
 const QString kNotOsc = QStringLiteral("OSC として読めません");
 const QString kUnknown = QStringLiteral("知らないアドレスか引数です: %1");
 const QString kNotAllowed = QStringLiteral("許可していない送り手です: %1");
+const QString kTooMany = QStringLiteral("一度に届いた数が多すぎます");
+const QString kTooManySubscribers = QStringLiteral("購読できるのは %1 か所までです");
+
+// The largest datagram UDP carries.
+constexpr int kLargest = 65536;
 
 using Message = OscServer::Message;
 
@@ -81,71 +92,245 @@ bool decodeInto(const char* data, qsizetype size, int depth, std::vector<Message
     return true;
 }
 
+// An address and port as the system's socket address, in the family of a socket (an IPv4
+// address on an IPv6 socket as ::ffff:a.b.c.d).
+socklen_t socketAddress(const QHostAddress& host, quint16 port, int family, sockaddr_storage& out) {
+    std::memset(&out, 0, sizeof out);
+    bool isV4 = false;
+    const quint32 v4 = host.toIPv4Address(&isV4);
+    if (family == AF_INET) {
+        auto& in = reinterpret_cast<sockaddr_in&>(out);
+        in.sin_family = AF_INET;
+        in.sin_port = htons(port);
+        in.sin_addr.s_addr = htonl(v4);
+        return sizeof in;
+    }
+    auto& in6 = reinterpret_cast<sockaddr_in6&>(out);
+    in6.sin6_family = AF_INET6;
+    in6.sin6_port = htons(port);
+    const Q_IPV6ADDR bytes =
+        isV4 ? QHostAddress(QStringLiteral("::ffff:") + host.toString()).toIPv6Address()
+             : host.toIPv6Address();
+    std::memcpy(in6.sin6_addr.s6_addr, bytes.c, 16);
+    return sizeof in6;
+}
+
+// A sender as an address (an IPv4 sender on an IPv6 socket as plain IPv4) and a port.
+std::pair<QHostAddress, quint16> senderOf(const sockaddr_storage& from) {
+    QHostAddress host(reinterpret_cast<const sockaddr*>(&from));
+    bool isV4 = false;
+    const quint32 v4 = host.toIPv4Address(&isV4);
+    if (isV4)
+        host = QHostAddress(v4);
+    const quint16 port = from.ss_family == AF_INET
+                             ? ntohs(reinterpret_cast<const sockaddr_in&>(from).sin_port)
+                             : ntohs(reinterpret_cast<const sockaddr_in6&>(from).sin6_port);
+    return {host, port};
+}
+
 } // namespace
 
-OscServer::OscServer(QObject* parent) : QObject(parent) {
-    connect(&m_socket, &QUdpSocket::readyRead, this, &OscServer::readPending);
+OscServer::OscServer(QObject* parent) : QObject(parent), m_buffer(kLargest, Qt::Uninitialized) {}
+
+OscServer::~OscServer() {
+    close();
 }
 
 std::optional<QString> OscServer::listen(const QHostAddress& address, quint16 port,
-                                         const QSet<QHostAddress>& allowed) {
+                                         const Senders& senders) {
     close();
-    m_allowed = allowed;
-    if (!m_socket.bind(address, port))
-        return QStringLiteral("ポート %1 を開けません（%2）").arg(port).arg(m_socket.errorString());
+    m_senders = senders;
+    const auto failed = [&](int error) {
+        close();
+        return QStringLiteral("ポート %1 を開けません（%2）")
+            .arg(port)
+            .arg(QString::fromLocal8Bit(std::strerror(error)));
+    };
+    const int family = address.protocol() == QAbstractSocket::IPv4Protocol ? AF_INET : AF_INET6;
+    m_family = family;
+    m_fd = ::socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (m_fd < 0)
+        return failed(errno);
+    const int on = 1, off = 0;
+    // Errors of what we send (a subscriber's port that went away) come back as messages.
+    if (family == AF_INET) {
+        ::setsockopt(m_fd, IPPROTO_IP, IP_RECVERR, &on, sizeof on);
+    } else {
+        ::setsockopt(m_fd, IPPROTO_IPV6, IPV6_RECVERR, &on, sizeof on);
+        if (address.protocol() == QAbstractSocket::AnyIPProtocol)
+            ::setsockopt(m_fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    }
+    sockaddr_storage bound;
+    const socklen_t length = socketAddress(address, port, family, bound);
+    if (::bind(m_fd, reinterpret_cast<const sockaddr*>(&bound), length) != 0)
+        return failed(errno);
+    socklen_t got = sizeof bound;
+    ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&bound), &got);
+    m_port = senderOf(bound).second;
+    m_notifier = std::make_unique<QSocketNotifier>(m_fd, QSocketNotifier::Read);
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, &OscServer::readPending);
     return std::nullopt;
 }
 
 void OscServer::close() {
-    m_socket.close();
+    m_notifier.reset();
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
+    m_port = 0;
     m_subscribers.clear();
 }
 
-void OscServer::readPending() {
-    m_scheduled = false;
-    for (int n = 0; n < kBatch && m_socket.hasPendingDatagrams(); ++n) {
-        const QNetworkDatagram datagram = m_socket.receiveDatagram();
-        handle(datagram.data(), datagram.senderAddress(),
-               static_cast<quint16>(datagram.senderPort()));
-    }
-    // The rest on the next turn, after whatever else waits (the tick, the window).
-    if (m_socket.hasPendingDatagrams() && !m_scheduled) {
-        m_scheduled = true;
-        QTimer::singleShot(0, this, &OscServer::readPending);
-    }
+bool OscServer::isAllowed(const QHostAddress& sender) const {
+    if (m_senders.anyone)
+        return true;
+    for (const QHostAddress& allowed : m_senders.allowed)
+        if (allowed.isEqual(sender, QHostAddress::TolerantConversion))
+            return true;
+    return false;
 }
 
-void OscServer::handle(const QByteArray& datagram, const QHostAddress& sender, quint16 port) {
-    if (!m_allowed.isEmpty() && !m_allowed.contains(sender)) {
-        ++m_counts.refused;
-        emit rejected(kNotAllowed.arg(sender.toString()));
-        return;
+void OscServer::readPending() {
+    int acted = 0;
+    std::optional<RemoteCommand> master;
+    QString why;
+    for (int n = 0; n < kDrain && m_fd >= 0; ++n) {
+        sockaddr_storage from;
+        socklen_t fromLength = sizeof from;
+        const ssize_t size = ::recvfrom(m_fd, m_buffer.data(), static_cast<size_t>(kLargest), 0,
+                                        reinterpret_cast<sockaddr*>(&from), &fromLength);
+        if (size < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                break;
+            continue; // an error of something we sent (its details wait in the error queue)
+        }
+        const auto [host, port] = senderOf(from);
+        if (!isAllowed(host)) {
+            ++m_counts.refused;
+            why = kNotAllowed.arg(host.toString());
+            continue;
+        }
+        if (acted >= kBatch) {
+            ++m_counts.shed; // not even decoded: a flood costs no more than reading it
+            why = kTooMany;
+            continue;
+        }
+        handle(QByteArray::fromRawData(m_buffer.constData(), size), host, port, acted, master, why);
     }
+    dropUnreachable();
+    if (master)
+        emit command(*master);
+    if (!why.isEmpty())
+        emit rejected(why);
+}
+
+void OscServer::handle(const QByteArray& datagram, const QHostAddress& sender, quint16 port,
+                       int& acted, std::optional<RemoteCommand>& master, QString& why) {
     const auto messages = decode(datagram);
     if (!messages) {
         ++m_counts.malformed;
-        emit rejected(kNotOsc);
+        why = kNotOsc;
         return;
     }
+    bool subscribed = false; // a bundle of subscriptions is one request
     for (const Message& message : *messages) {
         const auto command = RemoteCommand::fromOsc(message.first, message.second);
         if (!command) {
             ++m_counts.malformed;
-            emit rejected(kUnknown.arg(message.first));
+            why = kUnknown.arg(message.first);
+            continue;
+        }
+        if (acted >= kBatch) {
+            ++m_counts.shed;
+            why = kTooMany;
             continue;
         }
         ++m_counts.received;
-        const std::pair<QHostAddress, quint16> client{sender, port};
-        if (command->kind == RemoteCommand::Kind::subscribe) {
-            if (std::find(m_subscribers.begin(), m_subscribers.end(), client) ==
-                m_subscribers.end())
-                m_subscribers.push_back(client);
-        } else if (command->kind == RemoteCommand::Kind::unsubscribe) {
-            m_subscribers.erase(std::remove(m_subscribers.begin(), m_subscribers.end(), client),
-                                m_subscribers.end());
+        ++acted;
+        switch (command->kind) {
+        case RemoteCommand::Kind::master:
+            master = command;
+            continue;
+        case RemoteCommand::Kind::subscribe:
+            if (std::exchange(subscribed, true))
+                continue;
+            if (m_subscribers.size() >= kMaxSubscribers) {
+                dropExpired();
+                if (m_subscribers.size() >= kMaxSubscribers &&
+                    std::none_of(
+                        m_subscribers.begin(), m_subscribers.end(),
+                        [&](const Subscriber& s) { return s.port == port && s.host == sender; })) {
+                    ++m_counts.subscribersRefused;
+                    why = kTooManySubscribers.arg(kMaxSubscribers);
+                    continue;
+                }
+            }
+            subscribe(sender, port);
+            break;
+        case RemoteCommand::Kind::unsubscribe:
+            unsubscribe(sender, port);
+            break;
+        default:
+            break;
         }
         emit this->command(*command);
     }
+}
+
+void OscServer::subscribe(const QHostAddress& host, quint16 port) {
+    const auto until = std::chrono::steady_clock::now() + m_lifetime;
+    for (Subscriber& subscriber : m_subscribers)
+        if (subscriber.port == port && subscriber.host == host) {
+            subscriber.until = until;
+            return;
+        }
+    m_subscribers.push_back({host, port, until});
+}
+
+void OscServer::unsubscribe(const QHostAddress& host, quint16 port) {
+    std::erase_if(m_subscribers,
+                  [&](const Subscriber& s) { return s.port == port && s.host == host; });
+}
+
+void OscServer::dropExpired() {
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(m_subscribers, [&](const Subscriber& s) { return s.until <= now; });
+}
+
+// The system answers a datagram sent to a closed port with "port unreachable"; with
+// IP_RECVERR that answer waits in the socket's error queue, naming where the datagram went.
+void OscServer::dropUnreachable() {
+    for (int n = 0; n < kDrain && m_fd >= 0; ++n) {
+        sockaddr_storage to;
+        char control[512];
+        char byte;
+        iovec part{&byte, 1};
+        msghdr header{};
+        header.msg_name = &to;
+        header.msg_namelen = sizeof to;
+        header.msg_iov = &part;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+        if (::recvmsg(m_fd, &header, MSG_ERRQUEUE | MSG_DONTWAIT) < 0)
+            return;
+        for (cmsghdr* c = CMSG_FIRSTHDR(&header); c; c = CMSG_NXTHDR(&header, c)) {
+            if (!((c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_RECVERR) ||
+                  (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_RECVERR)))
+                continue;
+            const auto* error = reinterpret_cast<const sock_extended_err*>(CMSG_DATA(c));
+            if (error->ee_errno == ECONNREFUSED || error->ee_errno == EHOSTUNREACH ||
+                error->ee_errno == ENETUNREACH) {
+                const auto [host, port] = senderOf(to);
+                unsubscribe(host, port);
+            }
+        }
+    }
+}
+
+std::size_t OscServer::subscriberCount() {
+    dropExpired();
+    return m_subscribers.size();
 }
 
 std::optional<std::vector<Message>> OscServer::decode(const QByteArray& datagram) {
@@ -176,9 +361,15 @@ QByteArray OscServer::encode(const QByteArray& address,
 
 void OscServer::sendToSubscribers(const QByteArray& address,
                                   const std::vector<RemoteCommand::Argument>& arguments) {
-    if (m_subscribers.empty())
+    dropUnreachable();
+    dropExpired();
+    if (m_subscribers.empty() || m_fd < 0)
         return;
     const QByteArray bytes = encode(address, arguments);
-    for (const auto& [host, port] : m_subscribers)
-        m_socket.writeDatagram(bytes, host, port);
+    for (const Subscriber& subscriber : m_subscribers) {
+        sockaddr_storage to;
+        const socklen_t toLength = socketAddress(subscriber.host, subscriber.port, m_family, to);
+        ::sendto(m_fd, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_DONTWAIT,
+                 reinterpret_cast<const sockaddr*>(&to), toLength);
+    }
 }

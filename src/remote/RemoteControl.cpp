@@ -10,6 +10,8 @@ namespace {
 const QString kRefused =
     QStringLiteral("リモート入力を受け付けませんでした（%1。これまでに %2 件）");
 const QString kNothingThere = QStringLiteral("リモート入力: %1 はありません");
+const QString kUnreadableSenders =
+    QStringLiteral("OSC の許可する送り手を読めません（%1）。どこからの入力も受け付けません");
 
 } // namespace
 
@@ -17,7 +19,8 @@ RemoteControl::RemoteControl(AppModel& model, QObject* parent) : QObject(parent)
     connect(&m_osc, &OscServer::command, this, &RemoteControl::apply);
     connect(&m_osc, &OscServer::rejected, this, [this](const QString& why) {
         const OscServer::Counts& counts = m_osc.counts();
-        m_model.status().show(kRefused.arg(why).arg(counts.malformed + counts.refused));
+        m_model.status().show(kRefused.arg(why).arg(counts.malformed + counts.refused +
+                                                    counts.shed + counts.subscribersRefused));
     });
     m_feedback.setSingleShot(true);
     m_feedback.setInterval(33);
@@ -37,21 +40,47 @@ std::optional<QString> RemoteControl::configure() {
         m_osc.close();
         return std::nullopt;
     }
-    QSet<QHostAddress> allowed;
-    const QString senders = Prefs::value(kAllowedSenders, QString()).toString();
-    for (const QString& sender :
-         senders.split(QRegularExpression(QStringLiteral("[,\\s]+")), Qt::SkipEmptyParts))
-        allowed.insert(QHostAddress(sender));
     const QHostAddress address(Prefs::value(kAddress, QStringLiteral("127.0.0.1")).toString());
     const int port = Prefs::value(kPort, kDefaultPort).toInt();
     if (address.isNull() || port <= 0 || port > 65535)
         return QStringLiteral("OSC の設定が正しくありません");
-    return m_osc.listen(address, static_cast<quint16>(port), allowed);
+    QString unreadable;
+    const OscServer::Senders senders =
+        allowedSenders(Prefs::value(kAllowedSenders, QString()), unreadable);
+    if (const auto failed = m_osc.listen(address, static_cast<quint16>(port), senders))
+        return failed;
+    if (!unreadable.isEmpty())
+        return kUnreadableSenders.arg(unreadable);
+    return std::nullopt;
+}
+
+OscServer::Senders RemoteControl::allowedSenders(const QVariant& stored, QString& unreadable) {
+    // Typed in the settings window it is one string; written into the settings file by hand
+    // ("a, b") QSettings reads it back as a list. Either way every entry counts.
+    const QString text = stored.typeId() == QMetaType::QStringList
+                             ? stored.toStringList().join(QLatin1Char(','))
+                             : stored.toString();
+    OscServer::Senders senders;
+    for (const QString& sender :
+         text.split(QRegularExpression(QStringLiteral("[,\\s]+")), Qt::SkipEmptyParts)) {
+        senders.anyone = false;
+        const QHostAddress address(sender);
+        if (address.isNull()) {
+            unreadable = sender;
+            senders.allowed.clear();
+            return senders; // a list we cannot read lets nobody in
+        }
+        senders.allowed.insert(address);
+    }
+    return senders;
 }
 
 void RemoteControl::apply(const RemoteCommand& command) {
     if (command.kind == RemoteCommand::Kind::subscribe) {
-        sendState();
+        // With the next feedback burst, at its bounded rate: a burst of subscriptions cannot
+        // make us send more.
+        if (!m_feedback.isActive())
+            m_feedback.start();
         return;
     }
     if (!command.apply(m_model))

@@ -28,6 +28,10 @@ public:
     std::optional<QString> configure();
     OscServer& osc() { return m_osc; }
 
+    // The allowed senders as stored (a string, or a list); an entry that is no address makes
+    // it refuse everyone, and is named in `unreadable`.
+    static OscServer::Senders allowedSenders(const QVariant& stored, QString& unreadable);
+
 private:
     void apply(const RemoteCommand& command);
     void sendState();

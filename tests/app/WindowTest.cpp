@@ -22,6 +22,7 @@
 #include "cue/AppModel.h"
 #include "media/AudioLoader.h"
 #include "model/Prefs.h"
+#include "remote/RemoteControl.h"
 #include "video/ScreenList.h"
 
 namespace {
@@ -277,6 +278,14 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
                                    "MIDI ポートの名前"}));
 
     auto field = [&](int row) { return form->itemAt(row, QFormLayout::FieldRole)->widget(); };
+    auto fieldFor = [&](const QString& text) -> QWidget* {
+        for (int row = 0; row < form->rowCount(); ++row)
+            if (auto* item = form->itemAt(row, QFormLayout::LabelRole))
+                if (auto* label = qobject_cast<QLabel*>(item->widget());
+                    label && label->text() == text)
+                    return field(row);
+        return nullptr;
+    };
     auto* mode = qobject_cast<QComboBox*>(field(9)); // below the heading of new keys
     ASSERT_NE(mode, nullptr);
     EXPECT_EQ(mode->currentText(), "トグル（もう一度押すとフェード停止）");
@@ -301,8 +310,24 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     // Switching OSC on asks the application to listen anew.
     int remote = 0;
     window->onRemoteChange = [&] { ++remote; };
-    qobject_cast<QCheckBox*>(field(form->rowCount() - 6))->setChecked(true);
+    qobject_cast<QCheckBox*>(fieldFor("OSC でキーや停止を受け付ける"))->setChecked(true);
     EXPECT_EQ(remote, 1);
+    // Open to the network with nobody named, the window says what that means.
+    auto* open = settings->findChild<QLabel*>("oscOpenWarning");
+    auto* address = qobject_cast<QLineEdit*>(
+        fieldFor("受け付けるアドレス（127.0.0.1: このコンピュータからだけ）"));
+    auto* senders =
+        qobject_cast<QLineEdit*>(fieldFor("送信元を限る（カンマ区切り、空欄: 限らない）"));
+    EXPECT_TRUE(open->isHidden());
+    for (const auto& [listen, allowed, warned] : {std::tuple{"0.0.0.0", "", true},
+                                                  {"0.0.0.0", "192.168.1.20", false},
+                                                  {"127.0.0.1", "", false}}) {
+        address->setText(listen);
+        senders->setText(allowed);
+        emit senders->editingFinished();
+        EXPECT_EQ(!open->isHidden(), warned) << listen << " " << allowed;
+    }
+    Prefs::setValue(RemoteControl::kAllowedSenders, QString());
     EXPECT_TRUE(Prefs::value(QStringLiteral("pref.oscEnabled")).toBool());
     Prefs::setValue(QStringLiteral("pref.oscEnabled"), false);
 }
