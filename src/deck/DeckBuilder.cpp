@@ -63,6 +63,9 @@ DeckItem slideItem(int slide) {
     return item;
 }
 
+DeckManifest build(const QString& source, const QString& folder, const Progress& progress,
+                   const CancelFlag* cancel);
+
 // What a file taken from a slide is, by its type: a movie, a sound, or nothing to play.
 std::optional<DeckItem::Kind> mediaKind(const QString& file) {
     if (MediaType::is(file, QLatin1StringView("video/")))
@@ -98,7 +101,27 @@ std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progr
         throw DeckError(DeckError::kNoFolder);
     if (!QDir().mkpath(folder))
         throw DeckError(DeckError::kNoFolder);
+    try {
+        DeckManifest manifest = build(source, folder, progress, cancel);
+        manifest.stamp = stamp;
+        manifest.engine = engine;
+        writeManifest(folder, manifest);
+        return std::make_shared<Deck>(folder, std::move(manifest));
+    } catch (...) {
+        // A failed or stopped build leaves nothing half-filled behind.
+        dir.removeRecursively();
+        throw;
+    }
+}
+
+namespace {
+
+// Renders the slides and copies their media into `folder`; the manifest without its stamp.
+DeckManifest build(const QString& source, const QString& folder, const Progress& progress,
+                   const CancelFlag* cancel) {
     checkCancel(cancel);
+    const QString extension = QFileInfo(source).suffix().toLower();
+    const bool isPdf = extension == "pdf";
 
     // The PDF, and what the file itself says of its slides: hidden ones, movies and sounds.
     QString pdf = source;
@@ -125,12 +148,13 @@ std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progr
     }
 
     DeckManifest manifest;
-    manifest.stamp = stamp;
-    manifest.engine = engine;
-    manifest.slideCount = PdfPages::render(pdf, folder, progress, cancel);
+    const PdfPages::Rendered rendered = PdfPages::render(pdf, folder, progress, cancel);
+    manifest.slideCount = rendered.pages;
     std::map<QString, QString> copies; // archive entry → file in the deck folder
     for (int slide = 1; slide <= manifest.slideCount; ++slide) {
         DeckItem image = slideItem(slide);
+        if (std::binary_search(rendered.reduced.begin(), rendered.reduced.end(), slide))
+            image.title += QStringLiteral("（縦に長すぎるため縮小）");
         const auto meta = static_cast<std::size_t>(slide - 1) < slides.size()
                               ? &slides[static_cast<std::size_t>(slide - 1)]
                               : nullptr;
@@ -169,9 +193,10 @@ std::shared_ptr<Deck> buildSlides(const QString& source, bool force, const Progr
         SlideArchive::extract(mediaArchive, targets);
     for (const QString& file : intermediate)
         QFile::remove(file);
-    writeManifest(folder, manifest);
-    return std::make_shared<Deck>(folder, std::move(manifest));
+    return manifest;
 }
+
+} // namespace
 
 std::shared_ptr<Deck> buildList(const QStringList& files, const CancelFlag* cancel) {
     DeckManifest manifest;

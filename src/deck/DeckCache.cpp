@@ -21,8 +21,17 @@ QString stamp(const QString& sourcePath, const QString& engine) {
 QString folderFor(const QString& sourcePath, const QString& stamp) {
     const QByteArray digest =
         QCryptographicHash::hash(stamp.toUtf8(), QCryptographicHash::Sha256).toHex();
-    return root() + '/' + QFileInfo(sourcePath).completeBaseName() + '-' +
-           QString::fromLatin1(digest.left(12));
+    // A folder name holds 255 bytes; a long Japanese file name is three bytes a character. The
+    // name is cut at a character's end (the digest keeps folders apart).
+    const QString name = QFileInfo(sourcePath).completeBaseName();
+    qsizetype bytes = 0, end = 0;
+    for (const uint c : name.toUcs4()) {
+        bytes += c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4; // its length in UTF-8
+        if (bytes > kMaxNameBytes)
+            break;
+        end += QChar::requiresSurrogates(c) ? 2 : 1;
+    }
+    return root() + '/' + name.left(end) + '-' + QString::fromLatin1(digest.left(12));
 }
 
 } // namespace DeckCache

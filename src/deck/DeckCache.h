@@ -15,6 +15,9 @@ QString root();
 // reusable.
 QString stamp(const QString& sourcePath, const QString& engine);
 
+// Bytes of the source's name kept in a folder's name (at most: cut at a character's end).
+constexpr qsizetype kMaxNameBytes = 200;
+
 // root()/<source name without extension>-<first 12 hex digits of SHA-256(stamp)>.
 QString folderFor(const QString& sourcePath, const QString& stamp);
 

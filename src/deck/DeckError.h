@@ -8,6 +8,8 @@
 class DeckError : public std::runtime_error {
 public:
     static inline const QString kUnreadable = QStringLiteral("スライドを読み込めません");
+    static inline const QString kLocked = QStringLiteral(
+        "パスワードで保護されたファイルは開けません（保護を外して保存し直してください）");
     static inline const QString kEmptyPage = QStringLiteral("空のページがあります");
     static inline const QString kNoImage = QStringLiteral("画像を作れません");
     static inline const QString kPngFailed = QStringLiteral("PNG を書き出せません");

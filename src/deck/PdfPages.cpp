@@ -23,26 +23,31 @@ using DeckBuilder::kPageWidth;
 
 std::unique_ptr<Poppler::Document> open(const QString& pdf) {
     std::unique_ptr<Poppler::Document> document = Poppler::Document::load(pdf);
-    if (!document || document->isLocked())
+    if (!document)
         throw DeckError(DeckError::kUnreadable);
+    if (document->isLocked())
+        throw DeckError(DeckError::kLocked);
     document->setRenderHint(Poppler::Document::Antialiasing, true);
     document->setRenderHint(Poppler::Document::TextAntialiasing, true);
     document->setPaperColor(Qt::white);
     return document;
 }
 
-void writePage(Poppler::Document& document, int index, const QString& folder) {
+const QString kTooManyPages =
+    QStringLiteral("ページが多すぎます（%1 ページ。%2 ページまでのファイルにしてください）");
+
+// Whether the page had to be reduced.
+bool writePage(Poppler::Document& document, int index, const QString& folder) {
     const std::unique_ptr<Poppler::Page> page = document.page(index);
     if (!page)
         throw DeckError(DeckError::kUnreadable);
     const QSizeF points = page->pageSizeF();
     if (!(points.width() > 0.0) || !(points.height() > 0.0))
         throw DeckError(DeckError::kEmptyPage);
-    const int height =
-        std::max(1, static_cast<int>(std::lround(kPageWidth * points.height() / points.width())));
-    const double xres = kPageWidth * 72.0 / points.width();
-    const double yres = height * 72.0 / points.height();
-    QImage picture = page->renderToImage(xres, yres, 0, 0, kPageWidth, height);
+    const QSize size = pictureSize(points);
+    const double xres = size.width() * 72.0 / points.width();
+    const double yres = size.height() * 72.0 / points.height();
+    QImage picture = page->renderToImage(xres, yres, 0, 0, size.width(), size.height());
     if (picture.isNull())
         throw DeckError(DeckError::kNoImage);
     // Slides are opaque: without an alpha channel the PNG is smaller and faster to write.
@@ -51,20 +56,32 @@ void writePage(Poppler::Document& document, int index, const QString& folder) {
     writer.setQuality(kPngQuality);
     if (!writer.write(picture))
         throw DeckError(DeckError::kPngFailed);
+    return size.width() < kPageWidth;
 }
 
 } // namespace
+
+QSize pictureSize(const QSizeF& points) {
+    const double aspect = points.height() / points.width();
+    if (kPageWidth * aspect <= kMaxHeight)
+        return {kPageWidth, std::max(1, static_cast<int>(std::lround(kPageWidth * aspect)))};
+    return {std::max(1, static_cast<int>(std::lround(kMaxHeight / aspect))), kMaxHeight};
+}
 
 QString fileName(int page) {
     return QStringLiteral("s%1.png").arg(page, 3, 10, QLatin1Char('0'));
 }
 
-int render(const QString& pdf, const QString& folder, const DeckBuilder::Progress& progress,
-           const DeckBuilder::CancelFlag* cancel) {
+Rendered render(const QString& pdf, const QString& folder, const DeckBuilder::Progress& progress,
+                const DeckBuilder::CancelFlag* cancel) {
     const std::unique_ptr<Poppler::Document> first = open(pdf);
     const int pages = first->numPages();
     if (pages <= 0)
         throw DeckError(DeckError::kUnreadable);
+    if (pages > kMaxPages)
+        throw DeckError(kTooManyPages.arg(pages).arg(kMaxPages));
+    Rendered rendered;
+    rendered.pages = pages;
 
     const int workers =
         std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, std::min(pages, 8));
@@ -84,8 +101,9 @@ int render(const QString& pdf, const QString& folder, const DeckBuilder::Progres
                 }
                 index = next++;
             }
+            bool reduced = false;
             try {
-                writePage(document, index, folder);
+                reduced = writePage(document, index, folder);
             } catch (...) {
                 std::lock_guard lock(mutex);
                 if (!failure)
@@ -94,6 +112,8 @@ int render(const QString& pdf, const QString& folder, const DeckBuilder::Progres
             }
             std::lock_guard lock(mutex);
             ++done;
+            if (reduced)
+                rendered.reduced.push_back(index + 1);
             if (progress)
                 progress(QString::number(done) + '/' + QString::number(pages));
         }
@@ -116,7 +136,8 @@ int render(const QString& pdf, const QString& folder, const DeckBuilder::Progres
         thread.join();
     if (failure)
         std::rethrow_exception(failure);
-    return pages;
+    std::sort(rendered.reduced.begin(), rendered.reduced.end());
+    return rendered;
 }
 
 } // namespace PdfPages

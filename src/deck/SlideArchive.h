@@ -14,8 +14,10 @@
 // DeckError.
 namespace SlideArchive {
 
-// XML parts are small; anything larger is not a presentation's.
-constexpr qint64 kMaxPartBytes = 32ll << 20;
+// XML parts are small; anything larger is not a presentation's, and neither are parts this large
+// together (the parts read are held in memory at once).
+constexpr qint64 kMaxPartBytes = 16ll << 20;
+constexpr qint64 kMaxPartsBytes = 48ll << 20;
 // A movie on a slide may be long, but not this long.
 constexpr qint64 kMaxMediaBytes = 8ll << 30;
 // Deflate reaches about 1000:1 only on runs of one byte; real parts and media stay far below.
@@ -27,5 +29,10 @@ std::map<QString, QByteArray> readParts(const QString& archive,
 
 // Copies entries to files: `targets` maps an entry name to the file it becomes.
 void extract(const QString& archive, const std::map<QString, QString>& targets);
+
+// Writes a copy of a PowerPoint file without its links to the outside (relationships with
+// TargetMode="External": addresses and files beside the presentation), so that opening it
+// fetches nothing and reads no other file.
+void copyWithoutExternalLinks(const QString& pptx, const QString& copy);
 
 } // namespace SlideArchive

@@ -9,10 +9,12 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QUrl>
 
 #include "deck/DeckCache.h"
 #include "deck/DeckError.h"
+#include "deck/SlideArchive.h"
 
 namespace SlideConverter {
 
@@ -36,6 +38,25 @@ std::mutex& serial() {
 // Vorlin's own LibreOffice profile, kept between conversions (making one takes seconds).
 QString profile() {
     return QDir::cleanPath(DeckCache::root() + QStringLiteral("/../LibreOffice"));
+}
+
+// A presentation may link pictures by address: LibreOffice would fetch them. Where the system
+// lets a user make a namespace of their own, the office runs in one without a network.
+QStringList withoutNetwork() {
+    static const QStringList prefix = [] {
+        const QString unshare = QStandardPaths::findExecutable(QStringLiteral("unshare"));
+        if (unshare.isEmpty())
+            return QStringList();
+        const QStringList words{unshare, QStringLiteral("--net"), QStringLiteral("--map-root-user"),
+                                QStringLiteral("--")};
+        QProcess probe;
+        probe.start(unshare, words.mid(1) + QStringList{QStringLiteral("true")});
+        return probe.waitForFinished(5000) && probe.exitStatus() == QProcess::NormalExit &&
+                       probe.exitCode() == 0
+                   ? words
+                   : QStringList();
+    }();
+    return prefix;
 }
 
 void killGroup(QProcess& process) {
@@ -65,15 +86,40 @@ QString convert(const QString& source, const QString& folder, const QString& for
     if (cancel && cancel->load())
         throw DeckError(DeckError::kCancelled);
 
-    const QString output =
-        folder + '/' + QFileInfo(source).completeBaseName() + '.' + format.section(':', 0, 0);
+    // LibreOffice works in a folder of plain name on a copy of plain name (it reads "%20" or ";"
+    // in a path as parts of a URL), and a PowerPoint file without its links to the outside.
+    QDir().mkpath(DeckCache::root());
+    QTemporaryDir work(DeckCache::root() + QStringLiteral("/.convert-XXXXXX"));
+    if (!work.isValid())
+        throw DeckError(DeckError::kNoFolder);
+    const QString suffix = QFileInfo(source).suffix().toLower();
+    const QString copy = work.filePath(QStringLiteral("source.") + suffix);
+    if (suffix == QStringLiteral("pptx"))
+        SlideArchive::copyWithoutExternalLinks(source, copy);
+    else if (!QFile::copy(source, copy))
+        throw DeckError(DeckError::kNoFolder);
+    const QString extension = format.section(':', 0, 0);
+    const QString written = work.filePath(QStringLiteral("source.") + extension);
+    const QString output = folder + '/' + QFileInfo(source).completeBaseName() + '.' + extension;
     QFile::remove(output);
+    QStringList command = withoutNetwork();
+    command << program
+            << QStringList{QStringLiteral("-env:UserInstallation=") +
+                               QUrl::fromLocalFile(profile()).toString(),
+                           "--headless",
+                           "--invisible",
+                           "--norestore",
+                           "--nologo",
+                           "--nodefault",
+                           "--nolockcheck",
+                           "--convert-to",
+                           format == "pdf" ? kPdfFilter : format,
+                           "--outdir",
+                           work.path(),
+                           copy};
     QProcess process;
-    process.setProgram(program);
-    process.setArguments(
-        {QStringLiteral("-env:UserInstallation=") + QUrl::fromLocalFile(profile()).toString(),
-         "--headless", "--invisible", "--norestore", "--nologo", "--nodefault", "--nolockcheck",
-         "--convert-to", format == "pdf" ? kPdfFilter : format, "--outdir", folder, source});
+    process.setProgram(command.takeFirst());
+    process.setArguments(command);
     // Its own process group: LibreOffice's launcher starts the office as a child, and a hang is
     // ended by killing them all.
     process.setChildProcessModifier([] { ::setsid(); });
@@ -93,7 +139,7 @@ QString convert(const QString& source, const QString& folder, const QString& for
     }
     const QString said =
         QString::fromUtf8(process.readAllStandardError() + process.readAllStandardOutput());
-    if (QFileInfo(output).size() > 0)
+    if (QFileInfo(written).size() > 0 && QFile::rename(written, output))
         return output;
     if (said.contains(QStringLiteral("could not be loaded")))
         throw DeckError(kCannotOpen);

@@ -2,7 +2,9 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFileInfo>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -11,8 +13,9 @@
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
 #include "TempDir.h"
-#include "model/BuildInfo.h"
 #include "TypedCommand.h"
+#include "deck/DeckCache.h"
+#include "model/BuildInfo.h"
 
 namespace {
 
@@ -74,9 +77,9 @@ TEST(CommandLine, EveryCommandRunsWithoutADisplayAndEveryMistakeSaysWhat) {
         EXPECT_TRUE(help.out.contains(command)) << command;
     const Result version = runCommand({"--version"});
     EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out.trimmed(), QStringLiteral("Vorlin %1（ビルド %2）")
-                                         .arg(BuildInfo::kVersion)
-                                         .arg(BuildInfo::kBuild));
+    EXPECT_EQ(
+        version.out.trimmed(),
+        QStringLiteral("Vorlin %1（ビルド %2）").arg(BuildInfo::kVersion).arg(BuildInfo::kBuild));
 
     // A misspelt command, a show that is not there and an unknown option of a command are
     // refused before any window is tried.
@@ -146,6 +149,60 @@ TEST(DeckCommand, BuildsThenFindsADeckAndSaysWhatIsWrong) {
     EXPECT_TRUE(damaged.err.contains("スライドを読み込めません"));
     EXPECT_EQ(TypedCommand::run({"deck", QString::fromStdString(dir.file("song.wav"))}).status, 1);
     EXPECT_EQ(TypedCommand::run({"deck"}).status, 2);
+}
+
+// Pages of any shape cost a bounded amount of memory (a tall one is scaled down and says so),
+// a deck of too many pages is refused leaving nothing behind, and a long name still builds.
+TEST(DeckCommand, PagesOfAnyShapeOrCountAreBoundedAndLongNamesBuild) {
+    TempDir dir;
+    const auto path = [&](const QString& name) {
+        return QString::fromStdString(dir.file(name.toStdString()));
+    };
+    struct Row {
+        QString name;
+        int pages;
+        QSizeF points;
+        int status;
+        QString said;  // on stderr, or the last item's title
+        QSize picture; // of the last page
+    };
+    const QString longName = QString(82, QChar(0x3042)); // 82 × "あ", 246 bytes
+    const Row rows[] = {
+        {"tall.pdf", 1, {200, 14400}, 0, "スライド 1（縦に長すぎるため縮小）", {114, 8192}},
+        {"sliver.pdf", 1, {1, 14400}, 0, "スライド 1（縦に長すぎるため縮小）", {1, 8192}},
+        {longName + ".pdf", 2, {320, 180}, 0, "スライド 2", {2560, 1440}},
+        {"many.pdf",
+         2001,
+         {32, 18},
+         1,
+         "ページが多すぎます（2001 ページ。2000 ページまでのファイルにしてください）",
+         {}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name.toStdString());
+        ASSERT_TRUE(writePdf(path(row.name), std::vector<QColor>(row.pages, Qt::red), row.points));
+        const TypedCommand built = TypedCommand::run({"deck", path(row.name)});
+        ASSERT_EQ(built.status, row.status) << built.err.toStdString();
+        if (row.status != 0) {
+            EXPECT_TRUE(built.err.contains(row.said)) << built.err.toStdString();
+            continue;
+        }
+        const QJsonObject deck = QJsonDocument::fromJson(built.out.toUtf8()).object();
+        const QJsonArray items = deck["manifest"].toObject()["items"].toArray();
+        EXPECT_EQ(items.last().toObject()["title"].toString(), row.said);
+        EXPECT_EQ(
+            QImage(deck["folder"].toString() + '/' + items.last().toObject()["file"].toString())
+                .size(),
+            row.picture);
+    }
+    // Built or refused, no folder was left for the refused one.
+    for (const QString& folder :
+         QDir(DeckCache::root()).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        EXPECT_FALSE(folder.startsWith("many-")) << folder.toStdString();
+    // A 200 × 14,400-point page at full width would have been 2560 × 184,320 pixels (3 GB).
+    rusage children{};
+    getrusage(RUSAGE_CHILDREN, &children);
+    EXPECT_LT(children.ru_maxrss, 400 * 1024) << "kB";
 }
 
 } // namespace

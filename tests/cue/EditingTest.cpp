@@ -248,12 +248,12 @@ TEST_F(Editing, SoundsLoadWhileASlideFileIsStillConverting) {
     const QByteArray path = qgetenv("PATH");
     qputenv("PATH", bin.toUtf8() + ":" + path);
     // Two of them: one converting, one waiting its turn; neither may hold up the sound.
-    for (const char* name : {"talk.pptx", "other.pptx"}) {
+    for (const char* name : {"talk.ppt", "other.ppt"}) {
         QFile slides(file(name));
         ASSERT_TRUE(slides.open(QIODevice::WriteOnly) && slides.write("zip") > 0);
     }
-    editor().assign(file("talk.pptx"), kA);
-    editor().assign(file("other.pptx"), kD);
+    editor().assign(file("talk.ppt"), kA);
+    editor().assign(file("other.ppt"), kD);
     QThread::msleep(100); // the conversion has begun
     const QString tone = file("tone.wav");
     ASSERT_TRUE(MediaFixtures::write(tone.toStdString(), "pcm_s16le", {{1, 48000, 0.5}}));
@@ -263,8 +263,8 @@ TEST_F(Editing, SoundsLoadWhileASlideFileIsStillConverting) {
            std::chrono::steady_clock::now() < deadline)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
     EXPECT_TRUE(stage.model.media().table().at(tone).clip);
-    EXPECT_TRUE(stage.model.media().table().at(file("talk.pptx")).loading);
-    EXPECT_EQ(stage.model.media().table().at(file("talk.pptx")).progressText,
+    EXPECT_TRUE(stage.model.media().table().at(file("talk.ppt")).loading);
+    EXPECT_EQ(stage.model.media().table().at(file("talk.ppt")).progressText,
               "LibreOffice で変換中…");
     editor().clear(kA); // cancels the conversion: the office is ended, not waited for
     editor().clear(kD);

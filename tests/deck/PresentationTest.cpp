@@ -5,6 +5,8 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QImage>
+#include <QTcpServer>
+#include <QUrl>
 
 #include "MediaFixtures.h"
 #include "Presentations.h"
@@ -69,7 +71,31 @@ TEST_F(Presentation, PowerPointThroughLibreOfficeKeepsItsHiddenSlideInPlaceAndBr
 <Relationships xmlns="http://schemas.openxmlformats.org/package/2006/relationships">)";
     const QByteArray layout =
         R"(<Relationship Id="rId1" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/slideLayout" Target="../slideLayouts/slideLayout1.xml"/>)";
+    // Slide 1 shows two pictures linked from outside the file: an address on this machine and a
+    // file beside it. Opening the presentation must reach neither.
+    QTcpServer web;
+    ASSERT_TRUE(web.listen(QHostAddress::LocalHost));
+    QImage magenta(64, 32, QImage::Format_RGB32);
+    magenta.fill(qRgb(255, 0, 255));
+    ASSERT_TRUE(magenta.save(file("outside.png")));
+    const auto linked = [](int id, int y) {
+        return QStringLiteral(
+                   R"(<p:pic><p:nvPicPr><p:cNvPr id="%1" name="linked%1"/><p:cNvPicPr/><p:nvPr/></p:nvPicPr><p:blipFill><a:blip r:link="rId%1"/><a:stretch><a:fillRect/></a:stretch></p:blipFill><p:spPr><a:xfrm><a:off x="0" y="%2"/><a:ext cx="720000" cy="360000"/></a:xfrm><a:prstGeom prst="rect"><a:avLst/></a:prstGeom></p:spPr></p:pic>)")
+            .arg(id)
+            .arg(y)
+            .toUtf8();
+    };
     for (auto& [name, bytes] : zip) {
+        if (name == "ppt/slides/slide1.xml")
+            bytes.replace("</p:spTree>", linked(91, 0) + linked(92, 400000) + "</p:spTree>");
+        if (name == "ppt/slides/_rels/slide1.xml.rels")
+            bytes =
+                rels + layout +
+                QStringLiteral(
+                    R"(<Relationship Id="rId91" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/image" Target="http://127.0.0.1:%1/picture.png" TargetMode="External"/><Relationship Id="rId92" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/image" Target="%2" TargetMode="External"/></Relationships>)")
+                    .arg(web.serverPort())
+                    .arg(QUrl::fromLocalFile(file("outside.png")).toString())
+                    .toUtf8();
         if (name == "ppt/slides/_rels/slide2.xml.rels")
             bytes =
                 rels + layout +
@@ -79,11 +105,13 @@ TEST_F(Presentation, PowerPointThroughLibreOfficeKeepsItsHiddenSlideInPlaceAndBr
                 rels + layout +
                 R"(<Relationship Id="rId3" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/audio" Target="file:///etc/passwd" TargetMode="External"/><Relationship Id="rId4" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/audio" Target="../media/chime.wav"/></Relationships>)";
     }
-    ASSERT_TRUE(Presentations::writeZip(file("talk.pptx"), zip));
+    // A name LibreOffice would take for part of an address.
+    const QString talk = file("talk%20one;2.pptx");
+    ASSERT_TRUE(Presentations::writeZip(talk, zip));
 
     QStringList progress;
-    const auto deck = DeckBuilder::buildSlides(file("talk.pptx"), false,
-                                               [&](const QString& text) { progress << text; });
+    const auto deck =
+        DeckBuilder::buildSlides(talk, false, [&](const QString& text) { progress << text; });
     EXPECT_EQ(progress.mid(0, 2), (QStringList{"スライドを書き出し中…", "LibreOffice で変換中…"}));
     EXPECT_EQ(deck->manifest.engine, "libreoffice");
     EXPECT_EQ(deck->manifest.slideCount, 4);
@@ -107,12 +135,21 @@ TEST_F(Presentation, PowerPointThroughLibreOfficeKeepsItsHiddenSlideInPlaceAndBr
     ASSERT_EQ(third.width(), 2560);
     EXPECT_EQ(third.pixelColor(1280, third.height() / 2).rgb(), qRgb(0, 0, 255));
     EXPECT_EQ(QImage(deck->pathOf("s004.png")).pixel(1280, third.height() / 2), qRgb(255, 255, 0));
-    // Nothing but pictures, media and the manifest stays in the folder.
+    // Nothing but pictures, media and the manifest stays in the folder, and no folder beside it.
     EXPECT_EQ(QDir(deck->folder).entryList(QDir::Files).size(), 7);
+    EXPECT_EQ(
+        QDir(DeckCache::root())
+            .entryList({"*one*", ".convert*"}, QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden),
+        QStringList{QFileInfo(deck->folder).fileName()});
+    // The linked pictures are not on the slide, and nothing asked for the address.
+    const QImage first(deck->pathOf("s001.png"));
+    EXPECT_EQ(first.pixel(90, 45), qRgb(255, 255, 255));
+    EXPECT_EQ(first.pixel(90, 150), qRgb(255, 255, 255));
+    EXPECT_FALSE(web.waitForNewConnection(0));
 
     progress.clear();
-    const auto again = DeckBuilder::buildSlides(file("talk.pptx"), false,
-                                                [&](const QString& text) { progress << text; });
+    const auto again =
+        DeckBuilder::buildSlides(talk, false, [&](const QString& text) { progress << text; });
     EXPECT_TRUE(progress.isEmpty()); // found, not converted again
     EXPECT_EQ(again->manifest, deck->manifest);
 }
@@ -159,6 +196,14 @@ TEST_F(Presentation, HostileArchivesAreRefusedAndNothingLandsOutsideTheDeck) {
     EXPECT_LT(QFileInfo(file("bomb.pptx")).size(), 2 << 20);
     EXPECT_EQ(failure([&] { SlideParts::pptxSlides(file("bomb.pptx")); }),
               "スライドのファイルが壊れています（展開すると大きすぎます）");
+
+    // Many large parts, each within its limit: refused once they are too large together.
+    auto many = base;
+    for (int n = 2; n < 62; ++n)
+        many.push_back({QString("ppt/slides/slide%1.xml").arg(n), QByteArray(1 << 20, ' ')});
+    ASSERT_TRUE(Presentations::writeZip(file("many.pptx"), many));
+    EXPECT_EQ(failure([&] { SlideParts::pptxSlides(file("many.pptx")); }),
+              "スライドのファイルの XML が大きすぎます（1 つ 16 MB、合わせて 48 MB まで）");
 
     // The same in a movie, whose size may be large: stopped by how far it expands, early.
     ASSERT_TRUE(Presentations::writeZip(file("bomb-movie.pptx"),
