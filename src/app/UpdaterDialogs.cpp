@@ -1,22 +1,44 @@
 #include "app/UpdaterDialogs.h"
 
 #include <QDesktopServices>
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QLabel>
 #include <QMessageBox>
+#include <QPlainTextEdit>
 #include <QPushButton>
+#include <QVBoxLayout>
 
 UpdaterUi::Choice UpdaterDialogs::offer(const QString& text, bool canSkip) {
-    QMessageBox box(QMessageBox::Information, QStringLiteral("アップデート"), text,
-                    QMessageBox::NoButton, m_parent);
-    QPushButton* install = box.addButton(QStringLiteral("アップデート"), QMessageBox::AcceptRole);
-    QPushButton* skip =
-        canSkip ? box.addButton(QStringLiteral("この版はスキップ"), QMessageBox::DestructiveRole)
-                : nullptr;
-    box.addButton(QStringLiteral("あとで"), QMessageBox::RejectRole);
-    box.setDefaultButton(install);
+    // The release notes may be long: the first line stands above them, they scroll in a box of
+    // bounded height, so the dialog fits any screen.
+    QDialog box(m_parent);
+    box.setWindowTitle(QStringLiteral("アップデート"));
+    auto* layout = new QVBoxLayout(&box);
+    layout->addWidget(new QLabel(text.section('\n', 0, 0), &box));
+    auto* notes = new QPlainTextEdit(text.section('\n', 1).trimmed(), &box);
+    notes->setReadOnly(true);
+    notes->setMinimumWidth(440);
+    notes->setMaximumHeight(240);
+    layout->addWidget(notes);
+    auto* buttons = new QDialogButtonBox(&box);
+    QPushButton* install =
+        buttons->addButton(QStringLiteral("アップデート"), QDialogButtonBox::AcceptRole);
+    QPushButton* skip = canSkip ? buttons->addButton(QStringLiteral("この版はスキップ"),
+                                                     QDialogButtonBox::DestructiveRole)
+                                : nullptr;
+    buttons->addButton(QStringLiteral("あとで"), QDialogButtonBox::RejectRole);
+    layout->addWidget(buttons);
+    install->setDefault(true);
+    QAbstractButton* clicked = nullptr;
+    QObject::connect(buttons, &QDialogButtonBox::clicked, &box, [&](QAbstractButton* button) {
+        clicked = button;
+        box.done(0);
+    });
     box.exec();
-    if (box.clickedButton() == install)
+    if (clicked == install)
         return Choice::install;
-    return skip && box.clickedButton() == skip ? Choice::skip : Choice::later;
+    return skip && clicked == skip ? Choice::skip : Choice::later;
 }
 
 void UpdaterDialogs::alert(const QString& title, const QString& text) {

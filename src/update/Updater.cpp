@@ -4,11 +4,14 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QPointer>
 #include <QSysInfo>
 #include <QTemporaryDir>
+#include <QThreadPool>
 #include <QTimer>
 
 #include "model/BuildInfo.h"
@@ -43,6 +46,34 @@ const QString kNotVerified =
 const QString kNotWritable = QStringLiteral("Vorlin が置かれているフォルダに書き込めません");
 const QString kServerAnswer = QStringLiteral("サーバーの応答: %1");
 const QString kCut = QStringLiteral("途中で切れました");
+const QString kNotJson = QStringLiteral("サーバーの応答が JSON ではありません");
+const QString kNotAFeed = QStringLiteral("サーバーの応答に版の情報がありません");
+const QString kFeedTooLarge = QStringLiteral("サーバーの応答が大きすぎます（%1 KB まで）");
+const QString kArchiveTooLarge =
+    QStringLiteral("アーカイブが大きすぎます（案内された大きさか %1 MB を超えました）");
+const QString kTooSlow = QStringLiteral("%1 秒以内に終わりませんでした");
+const QString kNotesCut = QStringLiteral("\n…（以下省略）");
+
+// Ends `reply` with `why` when it goes on longer than `limit` or grows beyond `maxBytes` (or
+// beyond the length it announced). `why` is read when the reply has finished.
+void bound(QNetworkReply* reply, std::chrono::milliseconds limit, qint64 maxBytes,
+           const QString& tooLarge, std::shared_ptr<QString> why) {
+    auto* timer = new QTimer(reply);
+    timer->setSingleShot(true);
+    QObject::connect(timer, &QTimer::timeout, reply, [reply, limit, why] {
+        *why = kTooSlow.arg(std::chrono::duration_cast<std::chrono::seconds>(limit).count());
+        reply->abort();
+    });
+    timer->start(limit);
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply,
+                     [reply, maxBytes, tooLarge, why](qint64 got, qint64 total) {
+                         if (why->isEmpty() &&
+                             (got > maxBytes || total > maxBytes || (total >= 0 && got > total))) {
+                             *why = tooLarge;
+                             reply->abort();
+                         }
+                     });
+}
 
 // The top folder of a release archive: the installed tree as it will be.
 const QString kTreeName = QStringLiteral("vorlin");
@@ -93,19 +124,28 @@ void Updater::check(bool userInitiated) {
     QNetworkRequest request(m_options.feed);
     request.setTransferTimeout(kTransferTimeout);
     QNetworkReply* reply = m_network->get(request);
-    connect(reply, &QNetworkReply::finished, this, [this, reply, userInitiated] {
+    auto why = std::make_shared<QString>();
+    bound(reply, m_options.feedTimeLimit, m_options.maxFeedBytes,
+          kFeedTooLarge.arg(m_options.maxFeedBytes >> 10), why);
+    connect(reply, &QNetworkReply::finished, this, [this, reply, userInitiated, why] {
         reply->deleteLater();
         Prefs::setValue(kLastCheck, static_cast<double>(QDateTime::currentSecsSinceEpoch()));
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        const QByteArray body = reply->readAll();
-        const auto release = reply->error() == QNetworkReply::NoError ? Release::fromJson(body)
-                                                                      : std::optional<Release>();
+        std::optional<Release> release;
+        if (why->isEmpty() && reply->error() == QNetworkReply::NoError) {
+            const QByteArray body = reply->readAll();
+            QJsonParseError error;
+            QJsonDocument::fromJson(body, &error);
+            release = Release::fromJson(body);
+            if (!release)
+                *why = error.error != QJsonParseError::NoError ? kNotJson : kNotAFeed;
+        } else if (why->isEmpty()) {
+            *why = status > 0 ? kServerAnswer.arg(status) : reply->errorString();
+        }
         if (!release) {
             // An automatic check never interrupts the operator with a failure.
             if (userInitiated)
-                fail(kCheckFailed,
-                     kCheckFailed + "\n" +
-                         (status > 0 ? kServerAnswer.arg(status) : reply->errorString()));
+                fail(kCheckFailed, kCheckFailed + "\n" + *why);
             else
                 emit finished(); // fail() says it otherwise
             return;
@@ -134,7 +174,10 @@ void Updater::handle(const Release& release, bool userInitiated) {
     const QString version = release.date
                                 ? release.version + QStringLiteral("（%1）").arg(*release.date)
                                 : release.version;
-    switch (m_ui.offer(kOffer.arg(version, release.notes.join('\n')), true)) {
+    QString notes = release.notes.join('\n');
+    if (notes.size() > kMaxNotes)
+        notes = notes.left(kMaxNotes) + kNotesCut;
+    switch (m_ui.offer(kOffer.arg(version, notes), true)) {
     case UpdaterUi::Choice::install:
         install(release);
         return;
@@ -175,13 +218,18 @@ void Updater::install(const Release& release) {
     QNetworkRequest request(QUrl(release.zip));
     request.setTransferTimeout(kTransferTimeout);
     m_download = m_network->get(request);
+    // What arrives goes to disk as it comes: never more than this in memory.
+    m_download->setReadBufferSize(1 << 20);
+    auto why = std::make_shared<QString>();
+    bound(m_download, m_options.downloadTimeLimit, m_options.maxArchiveBytes,
+          kArchiveTooLarge.arg(m_options.maxArchiveBytes >> 20), why);
     m_ui.showProgress(-1.0);
     connect(m_download, &QNetworkReply::readyRead, this,
             [this] { m_archive->write(m_download->readAll()); });
     connect(m_download, &QNetworkReply::downloadProgress, this, [this](qint64 got, qint64 total) {
         m_ui.showProgress(total > 0 ? static_cast<double>(got) / static_cast<double>(total) : -1.0);
     });
-    connect(m_download, &QNetworkReply::finished, this, [this, release] {
+    connect(m_download, &QNetworkReply::finished, this, [this, release, why] {
         QNetworkReply* reply = std::exchange(m_download, nullptr);
         reply->deleteLater();
         m_ui.hideProgress();
@@ -194,6 +242,8 @@ void Updater::install(const Release& release) {
         const bool cut = length.isValid() && m_archive->size() < length.toLongLong();
         if (m_cancelled)
             fail(kInstallFailed, kCancelled);
+        else if (!why->isEmpty())
+            fail(kInstallFailed, kDownloadFailed.arg(*why));
         else if (cut)
             fail(kInstallFailed, kDownloadFailed.arg(kCut));
         else if (reply->error() != QNetworkReply::NoError)
@@ -206,23 +256,40 @@ void Updater::install(const Release& release) {
 }
 
 void Updater::downloaded(const Release& release) {
-    const QDir work(m_work);
-    const QString unpacked = work.filePath(QStringLiteral("unpacked"));
-    try {
-        if (!work.mkpath(QStringLiteral("unpacked")))
-            throw UpdateError(kNotWritable);
-        ReleaseArchive::unpack(m_archive->fileName(), unpacked);
-    } catch (const UpdateError& error) {
-        fail(kInstallFailed, error.message());
-        return;
-    }
-    const QString tree = QDir(unpacked).filePath(kTreeName);
-    if (!QFileInfo(QDir(tree).filePath(QStringLiteral("bin/vorlin"))).isFile()) {
-        fail(kInstallFailed, kNoProgram);
-        return;
-    }
-    if (const auto refused = ReleaseVerifier(m_options.trustedKey).check(tree, release)) {
-        fail(kInstallFailed, kNotVerified.arg(*refused));
+    // Unpacking and checking every file's digest take seconds: on a pool thread, the result
+    // back here (unless the updater is gone by then).
+    const QString work = m_work;
+    const QString archive = m_archive->fileName();
+    const QByteArray key = m_options.trustedKey;
+    QThreadPool::globalInstance()->start(
+        [self = QPointer<Updater>(this), work, archive, key, release] {
+            const QString unpacked = QDir(work).filePath(QStringLiteral("unpacked"));
+            const QString tree = QDir(unpacked).filePath(kTreeName);
+            std::optional<QString> refused;
+            try {
+                if (!QDir(work).mkpath(QStringLiteral("unpacked")))
+                    throw UpdateError(kNotWritable);
+                ReleaseArchive::unpack(archive, unpacked);
+                if (!QFileInfo(QDir(tree).filePath(QStringLiteral("bin/vorlin"))).isFile())
+                    refused = kNoProgram;
+                else if (const auto wrong = ReleaseVerifier(key).check(tree, release))
+                    refused = kNotVerified.arg(*wrong);
+            } catch (const UpdateError& error) {
+                refused = error.message();
+            }
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(),
+                [self, refused, tree] {
+                    if (self)
+                        self->unpacked(refused, tree);
+                },
+                Qt::QueuedConnection);
+        });
+}
+
+void Updater::unpacked(const std::optional<QString>& refused, const QString& tree) {
+    if (refused) {
+        fail(kInstallFailed, *refused);
         return;
     }
     m_armed = Armed{tree, m_options.installRoot, m_work};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -24,6 +25,9 @@ class QNetworkReply;
 // VERSION file the install writes: a program run from its build folder, or from a folder it
 // cannot write, refuses and offers the download page.
 //
+// Every transfer is bounded in size and time (Options); the download streams to disk; unpacking
+// and verifying run on a pool thread.
+//
 // Main thread (network replies arrive on it).
 class Updater : public QObject {
     Q_OBJECT
@@ -35,7 +39,15 @@ public:
         int currentBuild = 0;
         QByteArray trustedKey; // raw Ed25519 key; empty: this build cannot update itself
         QString systemVersion; // compared with a release's minimumSystemVersion
+        // Bounds of what a server may make us read, and for how long: a feed is a small JSON
+        // file, a release archive the size of an installed tree.
+        qint64 maxFeedBytes = 1 << 20;
+        qint64 maxArchiveBytes = 512ll << 20;
+        std::chrono::milliseconds feedTimeLimit{30000};
+        std::chrono::milliseconds downloadTimeLimit{30 * 60 * 1000};
     };
+    // Release notes beyond this many characters are cut (the offer shows them scrolled).
+    static constexpr qsizetype kMaxNotes = 20000;
 
     static inline const QString kCheckFailed = QStringLiteral("アップデートを確認できませんでした");
     static inline const QString kInstallFailed = QStringLiteral("アップデートできませんでした");
@@ -74,6 +86,7 @@ signals:
 private:
     void fail(const QString& title, const QString& text);
     void downloaded(const Release& release);
+    void unpacked(const std::optional<QString>& refused, const QString& tree);
 
     Options m_options;
     UpdaterUi& m_ui;

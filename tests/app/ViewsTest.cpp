@@ -11,6 +11,7 @@
 #include <QListWidget>
 #include <QMouseEvent>
 #include <QPushButton>
+#include <QTimer>
 
 #include "CueStage.h"
 #include "ScriptedInteraction.h"
@@ -23,6 +24,7 @@
 #include "app/OutputBar.h"
 #include "app/PageListPanel.h"
 #include "app/RoutingMatrixView.h"
+#include "app/UpdaterDialogs.h"
 #include "model/Prefs.h"
 
 namespace {
@@ -337,6 +339,31 @@ TEST_F(Views, DeckPanelSwitchesItemsOffTakesOneLiveAndResets) {
     EXPECT_EQ(list.item(1)->checkState(), Qt::Checked);
     stage.model.editor().closeDeckTab(0);
     EXPECT_FALSE(panel->isVisible());
+}
+
+} // namespace
+
+namespace {
+
+// Release notes of any length scroll inside an offer that fits a 768-pixel screen.
+TEST(UpdaterOffer, LongNotesScrollInADialogThatFitsALaptopScreen) {
+    UpdaterDialogs dialogs(nullptr, [] {});
+    QStringList notes;
+    for (int line = 0; line < 2000; ++line)
+        notes << QStringLiteral("修正 %1: 長い説明がここに続きます").arg(line);
+    int height = 0;
+    QTimer::singleShot(0, [&] {
+        QWidget* box = QApplication::activeModalWidget();
+        ASSERT_NE(box, nullptr);
+        height = box->sizeHint().height();
+        for (auto* button : box->findChildren<QPushButton*>())
+            if (button->text() == "この版はスキップ")
+                button->click();
+    });
+    EXPECT_EQ(dialogs.offer("Vorlin 0.2.0があります\n" + notes.join('\n'), true),
+              UpdaterUi::Choice::skip);
+    EXPECT_GT(height, 0);
+    EXPECT_LT(height, 600);
 }
 
 } // namespace

@@ -5,12 +5,14 @@
 #include <QByteArray>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTimer>
 
 // A small HTTP/1.1 server on 127.0.0.1 for the updater's tests: each path answers with its
-// bytes, or only half of them before the connection closes (a cut download), or never.
+// bytes, or only half of them before the connection closes (a cut download), or never, or
+// without end (its bytes again and again, with no length), or a byte every half second.
 class TestServer {
 public:
-    enum class Answer { whole, cut, never };
+    enum class Answer { whole, cut, never, endless, trickle };
     struct Route {
         QByteArray body;
         Answer answer = Answer::whole;
@@ -45,6 +47,22 @@ private:
         const Route& route = found->second;
         if (route.answer == Answer::never)
             return;
+        if (route.answer == Answer::endless || route.answer == Answer::trickle) {
+            socket->write("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
+            const QByteArray body = route.body;
+            if (route.answer == Answer::endless) {
+                QObject::connect(socket, &QTcpSocket::bytesWritten, socket, [socket, body] {
+                    if (socket->bytesToWrite() < (1 << 20))
+                        socket->write(body);
+                });
+                socket->write(body);
+            } else {
+                auto* timer = new QTimer(socket);
+                QObject::connect(timer, &QTimer::timeout, socket, [socket] { socket->write(" "); });
+                timer->start(500);
+            }
+            return;
+        }
         socket->write("HTTP/1.1 200 OK\r\nContent-Length: " +
                       QByteArray::number(route.body.size()) + "\r\nConnection: close\r\n\r\n");
         socket->write(route.answer == Answer::cut ? route.body.left(route.body.size() / 2)

@@ -1,6 +1,7 @@
 #include "update/Updater.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <QDir>
 #include <QDirIterator>
@@ -309,6 +310,72 @@ TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
         EXPECT_EQ(snapshot(root), installed);
         EXPECT_EQ(updateFolders(), folders); // the work folder went with the failure
     }
+}
+
+// What a server sends is bounded in size and time, whatever it is: feeds that never end, that
+// trickle or are no JSON, notes too long to show whole, archives that never end.
+TEST_F(UpdaterTest, FeedsAndArchivesAreBoundedInSizeAndTime) {
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    struct Row {
+        const char* name;
+        TestServer::Route feed;
+        QString said;
+    };
+    const Row rows[] = {
+        {"endless",
+         {QByteArray(64 << 10, ' '), TestServer::Answer::endless},
+         "アップデートを確認できませんでした: アップデートを確認できませんでした\nサーバーの応答"
+         "が大きすぎます（1024 KB まで）"},
+        {"trickle",
+         {" ", TestServer::Answer::trickle},
+         "アップデートを確認できませんでした: アップデートを確認できませんでした\n2 秒以内に終わ"
+         "りませんでした"},
+        {"html",
+         {"<html>maintenance</html>"},
+         "アップデートを確認できませんでした: アップデートを確認できませんでした\nサーバーの応答"
+         "が JSON ではありません"},
+        {"other json",
+         {R"({"status": "ok"})"},
+         "アップデートを確認できませんでした: アップデートを確認できませんでした\nサーバーの応答"
+         "に版の情報がありません"},
+    };
+    Updater::Options bounded = options();
+    bounded.feedTimeLimit = std::chrono::seconds(2);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        server.routes["/version.json"] = row.feed;
+        ui.alerts.clear();
+        Updater updater(bounded, ui);
+        check(updater, true);
+        EXPECT_EQ(ui.alerts, QStringList{row.said});
+    }
+
+    // Notes of 900 KB: offered with the first kMaxNotes characters.
+    setFeed("0.2.0", 2, "/good.tar.zst", {{"notes", QJsonArray{QString(900 << 10, 'n')}}});
+    ui.answer = UpdaterUi::Choice::later;
+    Updater noted(bounded, ui);
+    check(noted, true);
+    ASSERT_EQ(ui.offers.size(), 1);
+    EXPECT_LT(ui.offers[0].size(), Updater::kMaxNotes + 200);
+    EXPECT_TRUE(ui.offers[0].contains("…（以下省略）"));
+
+    // An archive that never ends: cut at the maximum, nothing left on disk.
+    server.routes["/endless.tar.zst"] = {QByteArray(64 << 10, 'z'), TestServer::Answer::endless};
+    setFeed("0.2.0", 2, "/endless.tar.zst");
+    bounded.maxArchiveBytes = 16 << 20;
+    ui.alerts.clear();
+    ui.answer = UpdaterUi::Choice::install;
+    const int folders = updateFolders();
+    Updater endless(bounded, ui);
+    check(endless, true);
+    EXPECT_EQ(ui.alerts, QStringList{"アップデートできませんでした: ダウンロードできませんでした（"
+                                     "アーカイブが大きすぎます（案内された大きさか 16 MB を超えまし"
+                                     "た））"});
+    EXPECT_EQ(updateFolders(), folders);
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 100 * 1024) << "kB more at the peak";
 }
 
 TEST_F(UpdaterTest, AProgramWithoutAKeyOrOutsideAnInstalledTreeDoesNotReplaceItself) {
