@@ -105,7 +105,7 @@ public:
         pace();
     }
     void stopKey(KeyCode code, double fade) { m_engine->stopKey(code, fade); }
-    void stopCue(std::int64_t id) { m_engine->stopCue(id); }
+    bool stopCue(std::int64_t id) { return m_engine->stopCue(id); }
     void stopAll(bool immediate) { m_engine->stopAll(immediate); }
     bool isRunning(KeyCode code) const { return m_engine->isRunning(code); }
     void togglePlayback(KeyCode code) {
@@ -116,7 +116,7 @@ public:
         m_engine->tick();
         pace();
     }
-    void seek(std::int64_t cueID, double fraction) { m_engine->seek(cueID, fraction); }
+    bool seek(std::int64_t cueID, double fraction) { return m_engine->seek(cueID, fraction); }
     // The running tick's period (kTickInterval or kIdleTickInterval).
     std::chrono::milliseconds tickInterval() const { return m_timer.intervalAsDuration(); }
 

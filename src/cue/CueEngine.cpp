@@ -516,13 +516,14 @@ void CueEngine::stopKey(KeyCode code, double fade) {
     }
 }
 
-void CueEngine::stopCue(std::int64_t id) {
+bool CueEngine::stopCue(std::int64_t id) {
     for (const auto& cue : m_cues) {
         if (cue->id == id) {
             stop(*cue, cue->assignment.fadeOut);
-            return;
+            return true;
         }
     }
+    return false;
 }
 
 void CueEngine::stopAll(bool immediate) {
@@ -585,34 +586,35 @@ std::optional<CueEngine::SeekTarget> CueEngine::seekTarget(const ActiveCue& cue)
     return target;
 }
 
-void CueEngine::seek(std::int64_t cueID, double fraction) {
+bool CueEngine::seek(std::int64_t cueID, double fraction) {
     const auto found = std::find_if(m_cues.begin(), m_cues.end(), [cueID](const auto& cue) {
         return cue->id == cueID && !cue->stopping;
     });
     if (found == m_cues.end())
-        return;
+        return false;
     const auto target = seekTarget(**found);
     if (!target || target->duration <= 0.0)
-        return;
+        return true; // there, but nothing in it moves
     // Never exactly the end, which would finish the cue on the spot.
     const double seconds =
         std::clamp(std::isnan(fraction) ? 0.0 : fraction, 0.0, 0.999) * target->duration;
     if (!target->video) {
         if (target->voiceID)
             m_mixer.seek(*target->voiceID, seconds, 0);
-        return;
+        return true;
     }
     const std::uint64_t resume = now() + HostTime::secondsToTicks(0.1);
     if (!m_video.seek(*target->video, seconds, resume) || !target->voiceID)
-        return;
+        return true;
     const auto streamed = streamSource(**found);
     if (!streamed) {
         m_mixer.seek(*target->voiceID, seconds, resume);
-        return;
+        return true;
     }
     // A streamed sound starts again from there, decoded ahead while the picture gets ready.
     if (const auto voice = playStream(**found, *streamed, seconds, 0.0))
         m_mixer.setStart(*voice, resume);
+    return true;
 }
 
 void CueEngine::deckTiming(const std::map<std::int64_t, VoiceStatus>& snapshot) {

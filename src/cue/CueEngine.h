@@ -54,7 +54,8 @@ public:
     void startKey(KeyCode code, std::int64_t deckIndex);
     void stopKey(KeyCode code, double fade);
     void stop(ActiveCue& cue, double fade);
-    void stopCue(std::int64_t id);
+    // False when no cue has that id.
+    bool stopCue(std::int64_t id);
     void stopAll(bool immediate);
     bool isRunning(KeyCode code) const;
     void togglePlayback(KeyCode code);
@@ -62,7 +63,8 @@ public:
 
     // Moves a running cue to `fraction` (0…0.999) of its duration. A movie and its sound
     // resume together 0.1 s from now; a stopping cue, or one with nothing to seek, is left.
-    void seek(std::int64_t cueID, double fraction);
+    // False when no running cue has that id.
+    bool seek(std::int64_t cueID, double fraction);
     // Host clock for seeks and deck timing (the device's simulated clock in offline runs).
     void setHostClock(std::function<std::uint64_t()> clock) { m_hostClock = std::move(clock); }
     // Offline runs decode on the calling thread, so that every render of a show is the same: a

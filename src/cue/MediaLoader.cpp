@@ -9,6 +9,7 @@
 
 #include "deck/DeckBuilder.h"
 #include "deck/DeckError.h"
+#include "media/MovieDecoder.h"
 
 namespace {
 
@@ -37,6 +38,10 @@ MediaInfo loadFile(const QString& path, double rate, const AudioLoader::CancelFl
         return info;
     if (!info.probe.hasAudio && !info.probe.hasVideo) {
         info.error = QStringLiteral("再生できないファイルです");
+        return info;
+    }
+    if (const std::string refused = MovieDecoder::refusal(info.probe); !refused.empty()) {
+        info.error = QString::fromStdString(refused);
         return info;
     }
     if (!info.probe.hasAudio)

@@ -154,11 +154,9 @@ bool RemoteCommand::apply(AppModel& model) const {
         model.setMasterVolume(value);
         return true;
     case Kind::stopCue:
-        model.stopCue(number);
-        return true;
+        return model.stopCue(number);
     case Kind::seekCue:
-        model.seek(number, value);
-        return true;
+        return model.seek(number, value);
     case Kind::subscribe:
     case Kind::unsubscribe:
         return true;

@@ -55,10 +55,15 @@ struct RemoteCommand {
     static std::optional<RemoteCommand> fromOsc(const QString& address,
                                                 const std::vector<Argument>& arguments);
 
-    // Does it to the model. False when it names what is not there (a key label, a page);
+    // Does it to the model. False when it names what is not there (a key label, a page, a
+    // running cue);
     // subscribe and unsubscribe are for the OSC server and do nothing here.
     bool apply(AppModel& model) const;
     // What it names, for the message when apply found nothing: the label or page name, else
     // the page index or cue id.
-    QString target() const { return name.isEmpty() ? QString::number(number) : name; }
+    QString target() const {
+        if (kind == Kind::stopCue || kind == Kind::seekCue)
+            return QStringLiteral("キュー %1").arg(number);
+        return name.isEmpty() ? QString::number(number) : name;
+    }
 };

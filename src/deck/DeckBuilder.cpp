@@ -3,7 +3,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QImageReader>
 #include <QJsonDocument>
 #include <QSaveFile>
 
@@ -14,8 +13,10 @@
 #include "deck/SlideConverter.h"
 #include "deck/SlideParts.h"
 #include "media/AudioLoader.h"
+#include "media/MovieDecoder.h"
 #include "model/DocumentError.h"
 #include "model/MediaType.h"
+#include "video/PictureFile.h"
 
 namespace DeckBuilder {
 
@@ -230,13 +231,17 @@ void loadMedia(Deck& deck, double rate, const CancelFlag* cancel) {
         const QString path = deck.pathOf(item.file);
         if (item.kind == DeckItem::Kind::image) {
             // Only the header: pictures are decoded when shown.
-            if (!QImageReader(path).canRead())
-                deck.failures[item.file] = QStringLiteral("画像として読めません");
+            if (const QString refused = PictureFile::check(path); !refused.isEmpty())
+                deck.failures[item.file] = refused;
             continue;
         }
         const std::string file = path.toStdString();
         const MediaProbe probe = AudioLoader::probe(file, cancel);
         deck.probes[item.file] = probe;
+        if (const std::string refused = MovieDecoder::refusal(probe); !refused.empty()) {
+            deck.failures[item.file] = QString::fromStdString(refused);
+            continue;
+        }
         if (!probe.hasAudio) {
             if (!probe.hasVideo)
                 deck.failures[item.file] = QStringLiteral("再生できないファイルです");

@@ -7,10 +7,12 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cmath>
 #include <new>
 
 #include "media/LoadError.h"
 #include "media/MediaFile.h"
+#include "media/MediaProbe.h"
 
 namespace {
 
@@ -37,6 +39,14 @@ void MovieFrame::freePixels(std::uint8_t* pixels) {
     ::operator delete[](pixels, std::align_val_t(kAlignment));
 }
 
+std::string MovieDecoder::refusal(const MediaProbe& probe) {
+    if (!probe.hasVideo || (probe.videoWidth <= kLargestSide && probe.videoHeight <= kLargestSide))
+        return {};
+    return "映像が大きすぎます（" + std::to_string(std::lround(probe.videoWidth)) + " × " +
+           std::to_string(std::lround(probe.videoHeight)) + " ピクセル。" +
+           std::to_string(kLargestSide) + " ピクセルまで）";
+}
+
 MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* cancel,
                            Allocate allocate)
     : m_file(std::make_unique<MediaFile>(path, cancel)), m_cancel(cancel),
@@ -48,6 +58,8 @@ MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* can
     if (m_stream < 0)
         throw LoadError::failed(kNoPicture);
     const AVStream* stream = m_file->stream(m_stream);
+    if (stream->codecpar->width > kLargestSide || stream->codecpar->height > kLargestSide)
+        throw LoadError::failed(kNoPicture);
     const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
     if (!codec)
         throw LoadError::failed(kNoPicture);

@@ -9,6 +9,7 @@
 #include <vector>
 
 class MediaFile;
+struct MediaProbe;
 struct AVCodecContext;
 struct AVFrame;
 struct AVPacket;
@@ -56,6 +57,11 @@ public:
     MovieDecoder& operator=(const MovieDecoder&) = delete;
 
     static inline const std::string kNoPicture = "映像を再生できません";
+    // No output shows more: a movie wider or taller is refused rather than decoded into
+    // pictures of 16384 × 16384 × 4 bytes.
+    static constexpr int kLargestSide = 8192;
+    // Why a movie of this probe cannot be shown (too large), or empty.
+    static std::string refusal(const MediaProbe& probe);
 
     int width() const;
     int height() const;

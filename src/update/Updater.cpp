@@ -127,16 +127,27 @@ void Updater::check(bool userInitiated) {
     auto why = std::make_shared<QString>();
     bound(reply, m_options.feedTimeLimit, m_options.maxFeedBytes,
           kFeedTooLarge.arg(m_options.maxFeedBytes >> 10), why);
-    connect(reply, &QNetworkReply::finished, this, [this, reply, userInitiated, why] {
+    // Taken as it comes, so that Qt holds no more than a piece of it.
+    reply->setReadBufferSize(256 << 10);
+    auto body = std::make_shared<QByteArray>();
+    connect(reply, &QNetworkReply::readyRead, reply,
+            [reply, body, why, max = m_options.maxFeedBytes] {
+                *body += reply->readAll();
+                if (body->size() > max && why->isEmpty()) {
+                    *why = kFeedTooLarge.arg(max >> 10);
+                    reply->abort();
+                }
+            });
+    connect(reply, &QNetworkReply::finished, this, [this, reply, userInitiated, why, body] {
         reply->deleteLater();
         Prefs::setValue(kLastCheck, static_cast<double>(QDateTime::currentSecsSinceEpoch()));
         const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         std::optional<Release> release;
         if (why->isEmpty() && reply->error() == QNetworkReply::NoError) {
-            const QByteArray body = reply->readAll();
+            *body += reply->readAll();
             QJsonParseError error;
-            QJsonDocument::fromJson(body, &error);
-            release = Release::fromJson(body);
+            QJsonDocument::fromJson(*body, &error);
+            release = Release::fromJson(*body);
             if (!release)
                 *why = error.error != QJsonParseError::NoError ? kNotJson : kNotAFeed;
         } else if (why->isEmpty()) {

@@ -10,9 +10,17 @@
 namespace PictureFile {
 
 constexpr int kLargestSide = 7680;
+// A format that cannot reduce while it decodes (PNG, TIFF …) holds the whole picture for a
+// moment: at most this many pixels (a 16-bit 8000 × 6000 photograph is 48 million; 200 million
+// at 8 bytes each is 1.6 GB). JPEG decodes reduced and is not bound by it.
+constexpr qint64 kMaxDecodedPixels = 200'000'000;
 
 // The picture, premultiplied for drawing, at most `largestSide` pixels on its longer side; a
 // null image and `error` (a Japanese message for the operator) when the file is no picture.
 QImage read(const QString& path, QString& error, int largestSide = kLargestSide);
+
+// From the file's header only: why read() would refuse it (no picture, too large to decode),
+// or empty.
+QString check(const QString& path);
 
 } // namespace PictureFile

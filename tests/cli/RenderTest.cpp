@@ -3,6 +3,7 @@
 
 #include <QFile>
 
+#include "MediaFixtures.h"
 #include "TempDir.h"
 #include "TypedCommand.h"
 #include "WavFiles.h"
@@ -199,19 +200,43 @@ TEST_F(Render, LengthsTimesAndGainsAreCheckedBeforeAnythingIsWritten) {
     }
 }
 
+// Whatever will not play is named, with why: a file gone, a damaged one, a movie too large to
+// decode, a picture whose header claims more than can be decoded, a remote command for a cue
+// that is not running.
 TEST_F(Render, MediaThatCannotPlayIsNamedOnTheTerminal) {
     QFile::remove(folder + "/quarter.wav");
     QFile broken(folder + "/eighth.wav");
     broken.open(QIODevice::WriteOnly | QIODevice::Truncate);
     broken.write("RIFF and nothing more");
     broken.close();
-    script("0 down 0\n");
+    MediaFixtures::Video wide{16384, 16, 0.0, 0.2};
+    wide.codec = "ffv1";
+    ASSERT_TRUE(MediaFixtures::write((folder + "/wide.mkv").toStdString(), "pcm_s16le", {}, &wide));
+    QFile huge(folder + "/huge.png");
+    ASSERT_TRUE(huge.open(QIODevice::WriteOnly));
+    huge.write(QByteArray::fromStdString(MediaFixtures::pngClaiming(16384, 16384)));
+    huge.close();
+    {
+        AppModel model;
+        model.setOffline(true);
+        model.open(show);
+        model.document().assignments[3] = KeyAssignment(folder + "/wide.mkv", 3);
+        model.document().assignments[5] = KeyAssignment(folder + "/huge.png", 5);
+        model.save(show);
+    }
+    script("0 down 0\n0.05 osc /vorlin/cue/99/stop\n");
     const QString wav = folder + "/x.wav";
     const RenderRun run = render({show, "--events", events, "--out", wav, "--seconds", "0.1"});
     EXPECT_EQ(run.status, 0);
-    EXPECT_TRUE(run.err.contains("メディアを読み込めません: " + folder + "/quarter.wav"))
-        << run.err.toStdString();
-    EXPECT_TRUE(run.err.contains("メディアを読み込めません: " + folder + "/eighth.wav"));
+    for (const QString& said :
+         {"メディアを読み込めません: " + folder + "/quarter.wav: ファイルが見つかりません",
+          "メディアを読み込めません: " + folder + "/eighth.wav",
+          "メディアを読み込めません: " + folder +
+              "/wide.mkv: 映像が大きすぎます（16384 × 16 ピクセル。8192 ピクセルまで）",
+          "メディアを読み込めません: " + folder +
+              "/huge.png: 画像が大きすぎます（16384 × 16384 ピクセル）",
+          QString("0.05 秒の osc: キュー 99 がありません")})
+        EXPECT_TRUE(run.err.contains(said)) << said.toStdString() << "\n" << run.err.toStdString();
     EXPECT_FALSE(run.err.contains("half.wav"));
     EXPECT_TRUE(QFile::exists(wav));
 }

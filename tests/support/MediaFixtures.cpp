@@ -244,4 +244,30 @@ bool write(const std::string& path, const std::string& audioCodec, const std::ve
     return ok;
 }
 
+std::string pngClaiming(std::uint32_t width, std::uint32_t height) {
+    const auto bigEndian = [](std::uint32_t v) {
+        return std::string{static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                           static_cast<char>(v >> 8), static_cast<char>(v)};
+    };
+    const auto crc = [](const std::string& bytes) {
+        std::uint32_t c = 0xffffffffu;
+        for (const char byte : bytes) {
+            c ^= static_cast<std::uint8_t>(byte);
+            for (int k = 0; k < 8; ++k)
+                c = (c >> 1) ^ (0xedb88320u & (0u - (c & 1u)));
+        }
+        return ~c;
+    };
+    const auto chunk = [&](const std::string& type, const std::string& data) {
+        return bigEndian(static_cast<std::uint32_t>(data.size())) + type + data +
+               bigEndian(crc(type + data));
+    };
+    // 8 bits per channel, RGBA, no interlace.
+    const std::string header = bigEndian(width) + bigEndian(height) + std::string{8, 6, 0, 0, 0};
+    // An empty zlib stream as the picture data.
+    const std::string data("\x78\x9c\x03\x00\x00\x00\x00\x01", 8);
+    return std::string("\x89PNG\r\n\x1a\n", 8) + chunk("IHDR", header) + chunk("IDAT", data) +
+           chunk("IEND", {});
+}
+
 } // namespace MediaFixtures

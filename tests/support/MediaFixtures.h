@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,10 @@ struct Video {
 inline double pictureGrey(int n) {
     return 8.0 * (n % 27) * 255.0 / 219.0;
 }
+
+// A PNG that claims `width` × `height` pixels and holds none of them (a decompression bomb's
+// header): signature and header chunk, then the end.
+std::string pngClaiming(std::uint32_t width, std::uint32_t height);
 
 bool write(const std::string& path, const std::string& audioCodec, const std::vector<Tone>& tracks,
            const Video* video = nullptr);

@@ -348,7 +348,7 @@ TEST_F(UpdaterTest, FeedsAndArchivesAreBoundedInSizeAndTime) {
         ui.alerts.clear();
         Updater updater(bounded, ui);
         check(updater, true);
-        EXPECT_EQ(ui.alerts, QStringList{row.said});
+        EXPECT_EQ(ui.alerts, QStringList{row.said}) << ui.alerts.join(" | ").toStdString();
     }
 
     // Notes of 900 KB: offered with the first kMaxNotes characters.

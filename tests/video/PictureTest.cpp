@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <thread>
 
+#include <QFile>
 #include <QImage>
 #include <QPainter>
+#include <QProcess>
 
 #include "MediaFixtures.h"
 #include "TempDir.h"
@@ -11,6 +13,7 @@
 #include "video/CompositedVideoOutput.h"
 #include "video/Compositor.h"
 #include "video/MoviePlayer.h"
+#include "video/PictureFile.h"
 
 using namespace std::chrono_literals;
 
@@ -92,6 +95,49 @@ TEST(MoviePlayer, PicturesOfAwkwardSizesComeOutWhole) {
                 EXPECT_NEAR(qGray(picture->pixel(at)), MediaFixtures::pictureGrey(n), 4.0) << n;
         }
         EXPECT_FALSE(player.failed());
+    }
+}
+
+// A photograph of a camera's size shows, reduced; what cannot be decoded within bounds, or is no
+// picture, says why before anything is decoded.
+TEST(PictureFile, LargePhotographsShowReducedAndWhatCannotSaysWhy) {
+    TempDir dir;
+    const QString photo = QString::fromStdString(dir.file("photo.png"));
+    ASSERT_EQ(QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "lavfi", "-i",
+                                           "color=c=0x336699:s=8000x6000", "-frames:v", "1",
+                                           "-pix_fmt", "rgb48be", photo}),
+              0);
+    const auto write = [&](const char* name, const QByteArray& bytes) {
+        QFile file(QString::fromStdString(dir.file(name)));
+        file.open(QIODevice::WriteOnly);
+        file.write(bytes);
+        return file.fileName();
+    };
+    struct Row {
+        QString path;
+        QString refused;
+        QSize shown;
+    };
+    const Row rows[] = {
+        {photo, "", {7680, 5760}},
+        {write("bomb.png", QByteArray::fromStdString(MediaFixtures::pngClaiming(16384, 16384))),
+         "画像が大きすぎます（16384 × 16384 ピクセル）",
+         {}},
+        {write("text.png", "just some text"), "画像として読めません", {}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.path.toStdString());
+        EXPECT_EQ(PictureFile::check(row.path), row.refused);
+        QString error;
+        const QImage image = PictureFile::read(row.path, error);
+        EXPECT_EQ(error, row.refused);
+        EXPECT_EQ(image.isNull() ? QSize() : image.size(), row.shown);
+        if (!image.isNull()) {
+            const QColor colour = image.pixelColor(100, 100); // 0x336699 through YUV and back
+            EXPECT_NEAR(colour.red(), 0x33, 4);
+            EXPECT_NEAR(colour.green(), 0x66, 4);
+            EXPECT_NEAR(colour.blue(), 0x99, 4);
+        }
     }
 }
 
