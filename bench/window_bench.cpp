@@ -21,6 +21,7 @@
 #include <QProcess>
 
 #include "Median.h"
+#include "ProcessStats.h"
 #include "QtBenchMain.h"
 #include "TempDir.h"
 #include "VirtualDisplay.h"
@@ -30,19 +31,6 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-// Seconds of CPU (user + system) a process has used so far.
-double cpuSeconds(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), {});
-    std::istringstream fields(text.substr(text.rfind(')') + 2));
-    std::string skip;
-    for (int i = 3; i < 14; ++i)
-        fields >> skip;
-    double user = 0, system = 0;
-    fields >> user >> system;
-    return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
 
 // A show with one looping stereo tone on the A key.
 QString makeShow(const std::string& folder) {
