@@ -1,4 +1,11 @@
 # The two commands a newcomer needs: `make run` and `make test`.
+# SANITIZE=1: AddressSanitizer and UndefinedBehaviorSanitizer, in a build folder of their own.
+ifeq ($(SANITIZE),1)
+BUILD_DIR ?= build-sanitize
+CMAKE_OPTIONS = -DVORLIN_SANITIZE=ON -DVORLIN_BUILD_BENCH=OFF
+# Qt and the system libraries keep some memory to the end on purpose: leaks are not checked.
+TEST_ENV = ASAN_OPTIONS=detect_leaks=0:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1
+endif
 BUILD_DIR ?= build
 BUILD_TYPE ?= RelWithDebInfo
 PREFIX ?= $(HOME)/.local
@@ -12,7 +19,7 @@ setup:
 	@scripts/setup
 
 $(BUILD_DIR)/build.ninja:
-	@cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE)
+	@cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_OPTIONS)
 
 configure: setup $(BUILD_DIR)/build.ninja
 
@@ -23,7 +30,7 @@ run: build
 	@scripts/run $(BUILD_DIR)
 
 test: build
-	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+	@cd $(BUILD_DIR) && $(TEST_ENV) ctest --output-on-failure -j $(JOBS)
 
 install: build
 	@scripts/install $(BUILD_DIR) $(PREFIX)

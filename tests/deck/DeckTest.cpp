@@ -183,6 +183,30 @@ TEST_F(Decks, BadSlideFilesFailWithTheirMessageAndWriteNothingOutsideTheirFolder
     EXPECT_EQ(QDir(file("")).entryList(QDir::Files).size(), 5); // the sources, untouched
 }
 
+// Clearing the key, closing the show or quitting cancels a build: it stops within a page or two
+// and leaves no half-filled folder.
+TEST_F(Decks, ACancelledBuildStopsAtOnceAndLeavesNothing) {
+    const QString pdf = file("long.pdf");
+    ASSERT_TRUE(writePdf(pdf, std::vector<QColor>(400, Qt::red), QSizeF(64, 36)));
+    DeckBuilder::CancelFlag cancel{false};
+    QString last;
+    try {
+        DeckBuilder::buildSlides(
+            pdf, false,
+            [&](const QString& text) {
+                last = text;
+                if (text == "5/400")
+                    cancel = true;
+            },
+            &cancel);
+        FAIL() << "built";
+    } catch (const DeckError& error) {
+        EXPECT_EQ(error.message(), DeckError::kCancelled);
+    }
+    EXPECT_LT(last.section('/', 0, 0).toInt(), 10);
+    EXPECT_TRUE(QDir(DeckCache::root()).entryList({"long-*"}, QDir::Dirs).isEmpty());
+}
+
 TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
     ASSERT_TRUE(MediaFixtures::write(dir.file("tone.wav"), "pcm_s16le", {{2, 44100, 0.5}}));
     const MediaFixtures::Video video{160, 120, 0.0, 0.5};
