@@ -142,11 +142,10 @@ void OutputBar::showActiveDevice() {
     }
     // What actually plays: the chosen device may have fallen back to the default.
     m_active->setStyleSheet(m_model.isOnFallback() ? "color: #c08000;" : "color: gray;");
+    // Which system plays, and through what: "→ PipeWire: … · 8 ch · 48 kHz · 5.3 ms".
     m_active->setText(
-        QStringLiteral("→ %1・%2 ch・%3 kHz%4")
-            .arg(QString::fromStdString(audio.deviceName()))
-            .arg(audio.channelCount())
-            .arg(audio.sampleRate() / 1000.0)
+        QStringLiteral("→ %1%2")
+            .arg(QString::fromStdString(audio.playingDescription()))
             .arg(m_model.isOnFallback() ? QStringLiteral("（代わりの出力）") : QString()));
 }
 

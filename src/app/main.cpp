@@ -3,13 +3,16 @@
 #include <QTextStream>
 
 #include "app/Application.h"
+#include "app/PlayCommand.h"
 #include "cli/Commands.h"
 
-// `vorlin` opens the window; `vorlin devices|probe|render|help …` runs without a display.
+// `vorlin` opens the window; `vorlin play|devices|probe|render|help …` runs without a display.
 int main(int argc, char** argv) {
     QStringList args;
     for (int i = 1; i < argc; ++i)
         args << QString::fromLocal8Bit(argv[i]);
+    if (args.value(0) == QStringLiteral("play"))
+        return runPlay(argc, argv, args);
     if (Commands::isCommand(args)) {
         QCoreApplication app(argc, argv);
         QCoreApplication::setApplicationName(QStringLiteral("Vorlin"));

@@ -25,6 +25,9 @@ namespace {
 const QString kUsage = QStringLiteral(
     "使い方:\n"
     "  vorlin [SHOW.vorlin]   ウィンドウを開きます（画面が必要です）\n"
+    "  vorlin play SHOW.vorlin [--device UID] [--osc ポート]\n"
+    "                         ウィンドウなしでキーマップを出力デバイスで再生します\n"
+    "                         （OSC は 127.0.0.1 で受けます。Ctrl+C で停止して終了）\n"
     "  vorlin devices         出力デバイスを JSON で表示します\n"
     "  vorlin probe FILE…     メディアファイルの情報を JSON で表示します\n"
     "  vorlin render SHOW.vorlin --events EVENTS.txt --out OUT.wav\n"

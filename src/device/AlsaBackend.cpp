@@ -14,6 +14,7 @@
 #include "audio/Mixer.h"
 #include "device/AudioStartError.h"
 #include "device/Interleave.h"
+#include "device/PipeWireBackend.h"
 
 namespace {
 
@@ -35,11 +36,14 @@ std::int64_t alsaChannels(const std::string& name) {
     if (snd_pcm_hw_params_any(pcm, hw) >= 0)
         snd_pcm_hw_params_get_channels_max(hw, &channels);
     snd_pcm_close(pcm);
-    return std::min<std::int64_t>(channels,
-                                  AlsaBackend::isSoundServer(name) ? 2 : Mixer::kMaxOutputs);
+    return std::min<std::int64_t>(channels, AlsaBackend::isSoundServer(name)
+                                                ? AlsaBackend::serverChannels()
+                                                : Mixer::kMaxOutputs);
 }
 
 constexpr snd_pcm_uframes_t kPeriodFrames = 256;
+// Writes failing one after another, no frame taken between: the device is gone.
+constexpr int kLostAfterFailures = 8;
 constexpr unsigned kPeriods = 4;
 
 std::string alsaReason(int error) {
@@ -58,6 +62,15 @@ void AlsaBackend::silenceLibraryMessages() {
 bool AlsaBackend::isSoundServer(const std::string& pcmName) {
     return pcmName == "default" || pcmName.rfind("sysdefault", 0) == 0 ||
            pcmName.rfind("pulse", 0) == 0 || pcmName.rfind("pipewire", 0) == 0;
+}
+
+std::int64_t AlsaBackend::serverChannels() {
+    if (const auto graph = PipeWireBackend::graph()) {
+        for (const PipeWireBackend::Sink& sink : graph->sinks)
+            if (sink.name == graph->defaultSink)
+                return sink.channels;
+    }
+    return 2;
 }
 
 bool AlsaBackend::canOpen(const std::string& pcmName) {
@@ -105,10 +118,11 @@ void AlsaBackend::open() {
     unsigned maxChannels = 0;
     snd_pcm_hw_params_get_channels_max(hw, &maxChannels);
     unsigned channels = std::clamp(maxChannels, 1u, static_cast<unsigned>(Mixer::kMaxOutputs));
-    // Sound servers' plugins accept any channel count and fold it down; a show on the desktop
-    // output plays stereo. Multichannel interfaces are reached by hw:/plughw: or JACK.
+    // Sound servers' plugins accept any channel count and fold it onto the server's default
+    // output: send that output's own count (its order is ALSA's, not the output's: the
+    // PipeWire back end plays each channel where the output has it).
     if (isSoundServer(m_name))
-        channels = std::min(channels, 2u);
+        channels = std::min(channels, static_cast<unsigned>(serverChannels()));
     unsigned rate = 48000;
     snd_pcm_uframes_t period = kPeriodFrames;
     snd_pcm_uframes_t buffer = kPeriodFrames * kPeriods;
@@ -213,12 +227,15 @@ bool AlsaBackend::writePeriod() {
     }
     const std::size_t frameBytes = m_interleaved.size() / static_cast<std::size_t>(m_period);
     std::int64_t written = 0;
+    int failedInARow = 0;
     while (written < m_period && m_running.load(std::memory_order_relaxed)) {
         const snd_pcm_sframes_t n = snd_pcm_writei(
             m_pcm, m_interleaved.data() + static_cast<std::size_t>(written) * frameBytes,
             static_cast<snd_pcm_uframes_t>(m_period - written));
         if (n >= 0) {
             written += n;
+            if (n > 0)
+                failedInARow = 0;
             continue;
         }
         if (n == -EAGAIN) {
@@ -227,8 +244,12 @@ bool AlsaBackend::writePeriod() {
         }
         if (n == -EPIPE)
             m_xruns.fetch_add(1, std::memory_order_relaxed);
-        // Underruns and suspends are recovered; an unplugged device (ENODEV) is not.
-        if (snd_pcm_recover(m_pcm, static_cast<int>(n), 1) < 0)
+        // Underruns and suspends are recovered; an unplugged device (ENODEV) is not. Nor is a
+        // sound server's plugin whose server died: it fails every write while its recovery
+        // "succeeds" (tens of thousands of times a second), so a run of failures with no frame
+        // taken counts as lost whatever recovery says.
+        if (++failedInARow >= kLostAfterFailures ||
+            snd_pcm_recover(m_pcm, static_cast<int>(n), 1) < 0)
             return false;
     }
     return true;
@@ -248,6 +269,9 @@ void AlsaBackend::addDevices(std::vector<AudioOutputDevice>& devices) {
             if (const std::int64_t channels = alsaChannels(name); channels > 0) {
                 std::string label = description ? description : name;
                 std::replace(label.begin(), label.end(), '\n', ' ');
+                if (isSoundServer(name) && channels > 2 && PipeWireBackend::graph())
+                    label +=
+                        "（PipeWire 経由: チャンネルの並びは PipeWire の出力を選ぶと確実です）";
                 devices.push_back({0, name, label, channels});
             }
         }

@@ -34,6 +34,9 @@ public:
     // any channel count and fold it down, so a show on them plays stereo. The one rule for the
     // back end and the device list.
     static bool isSoundServer(const std::string& pcmName);
+    // The channels a sound server's PCM is worth sending: those of PipeWire's default output
+    // when PipeWire runs, else stereo. Any thread; asks the server.
+    static std::int64_t serverChannels();
     // Whether the PCM opens now (non-blocking; closed again at once). Any thread.
     static bool canOpen(const std::string& pcmName);
 

@@ -1,17 +1,20 @@
 #include "device/AudioEngine.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "device/AudioStartError.h"
 #include "device/BackendKind.h"
 #include "device/JackBackend.h"
+#include "device/PipeWireBackend.h"
 
 namespace {
 
 const std::string kSystemDefault = "システム既定";
 
-// The system default: the first of these that opens (the null device when none does).
-const char* const kDefaultOrder[] = {"jack:", "alsa:default"};
+// The system default: the first of these that opens (the null device when none does). A
+// desktop's PipeWire first (its default sink, followed), then a JACK server, then ALSA.
+const char* const kDefaultOrder[] = {"pipewire:", "jack:", "alsa:default"};
 
 std::unique_ptr<AudioBackend> makeBackend(const std::string& uid) {
     std::string name;
@@ -68,9 +71,11 @@ bool AudioEngine::isOnFallback(const std::optional<std::string>& wanted) const {
     if (!m_backend)
         return false;
     if (wanted) {
-        // "jack:" alone is the first JACK device; the engine names the one it resolved.
-        const bool anyJack = *wanted == "jack:" && m_activeDevice.rfind("jack:", 0) == 0;
-        return m_activeDevice != *wanted && !anyJack;
+        // "jack:" alone is the first JACK device, "pipewire:" alone the default sink; the
+        // engine names the one it resolved.
+        const bool any =
+            (*wanted == "jack:" || *wanted == "pipewire:") && m_activeDevice.rfind(*wanted, 0) == 0;
+        return m_activeDevice != *wanted && !any;
     }
     // The default is wherever sound can be heard; only silence is a fallback. (A default that
     // lost its JACK server to ALSA stays there: the card is ours now, a new server could not
@@ -110,7 +115,27 @@ void AudioEngine::open(std::unique_ptr<AudioBackend> backend, const std::string&
     m_activeDevice = uid;
     if (auto* jack = dynamic_cast<JackBackend*>(backend.get()); jack && uid == "jack:")
         m_activeDevice = "jack:" + jack->deviceClient();
+    if (auto* pw = dynamic_cast<PipeWireBackend*>(backend.get()); pw && uid == "pipewire:")
+        m_activeDevice = "pipewire:" + pw->sinkName();
     m_backend = std::move(backend);
+}
+
+std::string AudioEngine::playingDescription() const {
+    if (!m_backend || m_activeDevice == "null")
+        return "出力なし（無音）";
+    std::string name = BackendKind::describe(m_activeDevice);
+    if (const auto* pw = dynamic_cast<const PipeWireBackend*>(m_backend.get()))
+        name = "PipeWire: " + pw->description();
+    char figures[96];
+    const double latency = m_backend->latency();
+    if (latency > 0.0)
+        std::snprintf(figures, sizeof figures, " · %lld ch · %g kHz · %.1f ms",
+                      static_cast<long long>(m_channelCount), m_sampleRate / 1000.0,
+                      latency * 1000.0);
+    else
+        std::snprintf(figures, sizeof figures, " · %lld ch · %g kHz",
+                      static_cast<long long>(m_channelCount), m_sampleRate / 1000.0);
+    return name + figures;
 }
 
 void AudioEngine::stop() {

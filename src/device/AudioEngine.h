@@ -53,6 +53,9 @@ public:
     // The device actually playing (the default resolved), e.g. "jack:system".
     const std::string& activeDevice() const { return m_activeDevice; }
     AudioBackend* backend() { return m_backend.get(); }
+    // What plays, for the operator: "PipeWire: <sink> · 8 ch · 48 kHz · 5.3 ms", "JACK: …",
+    // "ALSA: …", or "出力なし（無音）".
+    std::string playingDescription() const;
 
     // Main thread, after the device's rate, buffer or presence changed.
     std::function<void()> onConfigurationChange;

@@ -4,6 +4,7 @@
 #include "device/AudioStartError.h"
 #include "device/JackBackend.h"
 #include "device/NullBackend.h"
+#include "device/PipeWireBackend.h"
 
 namespace {
 
@@ -15,6 +16,13 @@ constexpr std::int64_t kNullBlockFrames = 1024;
 
 const std::vector<BackendKind>& BackendKind::all() {
     static const std::vector<BackendKind> kinds{
+        // "pipewire:" alone is the desktop's default sink, followed when it changes.
+        {"pipewire:", "PipeWire: ",
+         [](const std::string& name) -> std::unique_ptr<AudioBackend> {
+             return std::make_unique<PipeWireBackend>(name);
+         },
+         [](const std::string& name) { return PipeWireBackend::canOpen(name); },
+         &PipeWireBackend::addDevices},
         // "jack:" alone is the first JACK device there is.
         {"jack:", "JACK: ",
          [](const std::string& name) -> std::unique_ptr<AudioBackend> {

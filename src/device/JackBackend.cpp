@@ -126,6 +126,7 @@ void JackBackend::stop() {
         jack_client_close(m_client);
     m_client = nullptr;
     m_serverGone = false;
+    m_cycles = 0;
     m_haveClockOffset = false;
     m_ports.clear();
     m_targets.clear();
@@ -134,6 +135,7 @@ void JackBackend::stop() {
 
 int JackBackend::process(std::uint32_t frames, void* arg) {
     auto* self = static_cast<JackBackend*>(arg);
+    self->m_cycles.fetch_add(1, std::memory_order_relaxed);
     const std::size_t bytes = frames * sizeof(float);
     for (std::size_t c = 0; c < self->m_ports.size(); ++c)
         self->m_buffers[c] = {static_cast<float*>(jack_port_get_buffer(self->m_ports[c], frames)),
@@ -183,8 +185,12 @@ int JackBackend::sampleRateChanged(std::uint32_t rate, void* arg) {
 
 int JackBackend::bufferSizeChanged(std::uint32_t frames, void* arg) {
     auto* self = static_cast<JackBackend*>(arg);
-    // JACK reports the size once on activation; only a real change moves the latency.
-    if (frames != self->m_bufferSize && self->m_notice)
+    // JACK reports the size once on activation, and PipeWire's JACK reports one size before
+    // activation and another in its first cycles: a size that settles while the client starts
+    // is taken as it is. Only a change once cycles run restarts (once: the new client reads the
+    // size it then reports).
+    const std::uint32_t before = self->m_bufferSize.exchange(frames);
+    if (frames != before && self->m_cycles.load() > kSettlingCycles && self->m_notice)
         self->m_notice();
     return 0;
 }

@@ -83,7 +83,10 @@ private:
     Notice m_notice;
     double m_rate = 0.0;
     double m_latency = 0.0;
-    std::uint32_t m_bufferSize = 0;
+    std::atomic<std::uint32_t> m_bufferSize{0};
+    // Cycles run since activation; a buffer size reported within the first ones is the start's.
+    std::atomic<std::int64_t> m_cycles{0};
+    static constexpr std::int64_t kSettlingCycles = 16;
     std::atomic<std::int64_t> m_xruns{0};
     std::atomic<bool> m_serverGone{false};
     std::atomic<std::uint64_t> m_longestCycle{0};

@@ -38,22 +38,29 @@ std::optional<Message> decodeMessage(const char* data, qsizetype size) {
     const char* types = lo_message_get_types(message.get());
     lo_arg** argv = lo_message_get_argv(message.get());
     for (int i = 0; types && types[i]; ++i) {
+        // liblo packs arguments at 4-byte steps: an 8-byte value may sit unaligned, so each is
+        // copied out rather than read through the union.
+        const auto* raw = reinterpret_cast<const char*>(argv[i]);
+        const auto read = [raw](auto value) {
+            std::memcpy(&value, raw, sizeof value);
+            return value;
+        };
         switch (types[i]) {
         case LO_INT32:
-            decoded.second.emplace_back(static_cast<std::int64_t>(argv[i]->i));
+            decoded.second.emplace_back(static_cast<std::int64_t>(read(std::int32_t{})));
             break;
         case LO_INT64:
-            decoded.second.emplace_back(static_cast<std::int64_t>(argv[i]->h));
+            decoded.second.emplace_back(static_cast<std::int64_t>(read(std::int64_t{})));
             break;
         case LO_FLOAT:
-            decoded.second.emplace_back(static_cast<double>(argv[i]->f));
+            decoded.second.emplace_back(static_cast<double>(read(float{})));
             break;
         case LO_DOUBLE:
-            decoded.second.emplace_back(argv[i]->d);
+            decoded.second.emplace_back(read(double{}));
             break;
         case LO_STRING:
         case LO_SYMBOL:
-            decoded.second.emplace_back(QString::fromUtf8(&argv[i]->s));
+            decoded.second.emplace_back(QString::fromUtf8(raw));
             break;
         case LO_TRUE:
             decoded.second.emplace_back(std::int64_t{1});

@@ -54,6 +54,10 @@ std::optional<QString> RemoteControl::configure() {
     return std::nullopt;
 }
 
+std::optional<QString> RemoteControl::listenOn(const QHostAddress& address, quint16 port) {
+    return m_osc.listen(address, port, OscServer::Senders{});
+}
+
 OscServer::Senders RemoteControl::allowedSenders(const QVariant& stored, QString& unreadable) {
     // Typed in the settings window it is one string; written into the settings file by hand
     // ("a, b") QSettings reads it back as a list. Either way every entry counts.

@@ -26,6 +26,9 @@ public:
 
     // (Re)reads the preferences and listens, or stops listening. The reason when it cannot.
     std::optional<QString> configure();
+    // Listens on address:port for every sender there, whatever the preferences say
+    // (`vorlin play --osc`). The reason when it cannot.
+    std::optional<QString> listenOn(const QHostAddress& address, quint16 port);
     OscServer& osc() { return m_osc; }
 
     // The allowed senders as stored (a string, or a list); an entry that is no address makes

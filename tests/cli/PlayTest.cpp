@@ -1,0 +1,196 @@
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <thread>
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QUdpSocket>
+#include <QtEndian>
+
+#include "PipeWireSession.h"
+#include "TempDir.h"
+#include "WavFiles.h"
+#include "audio/WavWriter.h"
+#include "cue/AppModel.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kChannels = 8;
+double toneOf(int channel) {
+    return 300.0 + 200.0 * channel;
+}
+
+// An OSC message of one integer argument, as any desk sends it.
+QByteArray oscInt(const QByteArray& address, std::int32_t value) {
+    const auto padded = [](QByteArray text) {
+        text.append('\0');
+        while (text.size() % 4)
+            text.append('\0');
+        return text;
+    };
+    QByteArray argument(4, '\0');
+    qToBigEndian<std::int32_t>(value, argument.data());
+    return padded(address) + padded(",i") + argument;
+}
+
+// Power of `frequency` in `samples` (Goertzel), as a fraction of a full-scale sine's.
+double power(const std::vector<float>& samples, std::size_t from, std::size_t count,
+             double frequency) {
+    const double w = 2.0 * M_PI * frequency / 48000.0, k = 2.0 * std::cos(w);
+    double s1 = 0.0, s2 = 0.0;
+    for (std::size_t i = from; i < from + count && i < samples.size(); ++i) {
+        const double s = samples[i] + k * s1 - s2;
+        s2 = s1;
+        s1 = s;
+    }
+    return (s1 * s1 + s2 * s2 - k * s1 * s2) / (count * count / 4.0);
+}
+
+// `vorlin play` as typed, on a real PipeWire session: started on a show whose key loops an
+// eight-channel file (channel k its own tone), fired by OSC.
+class Play : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!session.ready())
+            GTEST_SKIP() << "no PipeWire session (scripts/setup installs pipewire and wireplumber)";
+        session.use();
+        std::vector<std::vector<float>> tones(kChannels, std::vector<float>(48000));
+        std::vector<const float*> channels;
+        for (int c = 0; c < kChannels; ++c) {
+            for (std::size_t i = 0; i < tones[c].size(); ++i)
+                tones[c][i] =
+                    0.25f * static_cast<float>(std::sin(2.0 * M_PI * toneOf(c) * i / 48000.0));
+            channels.push_back(tones[c].data());
+        }
+        WavWriter wav;
+        ASSERT_TRUE(wav.open(dir.file("eight.wav"), kChannels, 48000));
+        ASSERT_TRUE(wav.write(channels.data(), 48000));
+        ASSERT_TRUE(wav.finish());
+        AppModel model;
+        model.setOffline(true);
+        KeyAssignment a(QString::fromStdString(dir.file("eight.wav")), 0);
+        a.loop = true;
+        model.document().assignments[0] = a;
+        show = QString::fromStdString(dir.file("show.vorlin"));
+        model.save(show);
+        QUdpSocket probe;
+        probe.bind(QHostAddress::LocalHost, 0);
+        port = probe.localPort();
+    }
+    void TearDown() override {
+        if (player.state() != QProcess::NotRunning) {
+            player.kill();
+            player.waitForFinished();
+        }
+    }
+
+    // Starts `vorlin play` with no display; true once it listens.
+    bool start(const QStringList& more) {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            env.remove(QString::fromLatin1(variable));
+        player.setProcessEnvironment(env);
+        player.start(QStringLiteral(VORLIN_EXECUTABLE),
+                     QStringList{"play", show, "--osc", QString::number(port)} + more);
+        return said("OSC: 127.0.0.1");
+    }
+    // Waits for `text` on the player's stderr.
+    bool said(const QString& text, int ms = 10000) {
+        QElapsedTimer waited;
+        waited.start();
+        while (!err.contains(text) && waited.elapsed() < ms) {
+            player.waitForReadyRead(100);
+            err += QString::fromUtf8(player.readAllStandardError());
+        }
+        return err.contains(text);
+    }
+    void press(const QByteArray& address, int value) {
+        QUdpSocket desk;
+        desk.writeDatagram(oscInt(address, value), QHostAddress::LocalHost, port);
+    }
+    // Ctrl+C: stops and exits 0.
+    void interrupt() {
+        ::kill(static_cast<pid_t>(player.processId()), SIGINT);
+        ASSERT_TRUE(player.waitForFinished(5000));
+        EXPECT_EQ(player.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(player.exitCode(), 0) << err.toStdString();
+    }
+    // The recording's channels, and for each its strongest of the eight tones over the last
+    // half second (-1 when nothing sounds).
+    std::vector<int> heard(const std::string& path) {
+        const auto recorded = readWav(QString::fromStdString(path), kChannels);
+        std::vector<int> strongest;
+        for (const auto& channel : recorded) {
+            const std::size_t from = channel.size() > 24000 ? channel.size() - 24000 : 0;
+            int best = -1;
+            double bestPower = 1e-4; // -40 dB of a full-scale sine
+            for (int c = 0; c < kChannels; ++c) {
+                const double p = power(channel, from, 24000, toneOf(c));
+                if (p > bestPower) {
+                    bestPower = p;
+                    best = c;
+                }
+            }
+            strongest.push_back(best);
+        }
+        return strongest;
+    }
+
+    PipeWireSession session;
+    TempDir dir;
+    QString show, err;
+    quint16 port = 0;
+    QProcess player;
+};
+
+TEST_F(Play, EveryChannelReachesItsOwnSpeakerOfAnEightChannelSink) {
+    const pid_t recorder = session.record("vorlin-test-8ch", kChannels, dir.file("heard.wav"));
+    ASSERT_TRUE(start({"--device", "pipewire:vorlin-test-8ch"})) << err.toStdString();
+    EXPECT_TRUE(said("出力: PipeWire: Test eight channels · 8 ch · 48 kHz")) << err.toStdString();
+    press("/vorlin/key", 0); // a wrong argument count is refused and said, nothing plays
+    press("/vorlin/key/A", 1);
+    std::this_thread::sleep_for(1500ms);
+    PipeWireSession::stopRecording(recorder);
+    interrupt();
+    EXPECT_EQ(heard(dir.file("heard.wav")), (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}));
+}
+
+// The server killed mid-loop: the player goes on on the null device and says so, stays idle and
+// bounded while it waits, and the sound comes back by itself once the server does.
+TEST_F(Play, ASoundServerThatDiesAndReturnsIsSurvived) {
+    ASSERT_TRUE(start({"--device", "pipewire:vorlin-test-8ch"})) << err.toStdString();
+    press("/vorlin/key/A", 1);
+    std::this_thread::sleep_for(500ms);
+    session.kill();
+    EXPECT_TRUE(said("出力: 出力なし（無音）", 2000)) << err.toStdString();
+    const auto pid = static_cast<pid_t>(player.processId());
+    const auto cpu = [pid] {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string text((std::istreambuf_iterator<char>(stat)), {});
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::string skip;
+        for (int i = 3; i < 14; ++i)
+            fields >> skip;
+        double user = 0, system = 0;
+        fields >> user >> system;
+        return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    };
+    const double before = cpu();
+    std::this_thread::sleep_for(2s);
+    EXPECT_LT(cpu() - before, 0.2) << "seconds of CPU while waiting 2 s for the server";
+    ASSERT_TRUE(session.restart());
+    const pid_t recorder = session.record("vorlin-test-8ch", kChannels, dir.file("back.wav"));
+    EXPECT_TRUE(said("出力: PipeWire: Test eight channels", 4000)) << err.toStdString();
+    std::this_thread::sleep_for(1500ms);
+    PipeWireSession::stopRecording(recorder);
+    interrupt();
+    EXPECT_EQ(heard(dir.file("back.wav")), (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}));
+}
+
+} // namespace

@@ -1,0 +1,145 @@
+#include "PipeWireSession.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+bool onPath(const char* program) {
+    return std::system((std::string("command -v ") + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+void end(pid_t& pid, int signal) {
+    if (pid <= 0)
+        return;
+    ::kill(pid, signal);
+    waitpid(pid, nullptr, 0);
+    pid = -1;
+}
+
+} // namespace
+
+PipeWireSession::PipeWireSession() {
+    if (!onPath("pipewire") || !onPath("wireplumber") || !onPath("dbus-daemon"))
+        return;
+    char folder[] = "/tmp/vorlin-pipewire-XXXXXX";
+    if (!mkdtemp(folder))
+        return;
+    m_dir = folder;
+    namespace fs = std::filesystem;
+    fs::create_directories(m_dir + "/run");
+    fs::permissions(m_dir + "/run", fs::perms::owner_all);
+    fs::create_directories(m_dir + "/config/pipewire/pipewire.conf.d");
+    fs::create_directories(m_dir + "/state");
+    fs::copy_file(VORLIN_PIPEWIRE_SINKS,
+                  m_dir + "/config/pipewire/pipewire.conf.d/vorlin-sinks.conf");
+    m_bus = spawn({"dbus-daemon", "--session", "--nofork", "--nopidfile",
+                   "--address=unix:path=" + m_dir + "/run/bus"});
+    for (int i = 0; i < 50 && !fs::exists(m_dir + "/run/bus"); ++i)
+        std::this_thread::sleep_for(20ms);
+    m_ready = restart();
+}
+
+PipeWireSession::~PipeWireSession() {
+    end(m_manager, SIGTERM);
+    end(m_pipewire, SIGTERM);
+    end(m_bus, SIGTERM);
+    if (!m_dir.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_dir, ignored);
+    }
+}
+
+std::vector<std::pair<std::string, std::string>> PipeWireSession::environment() const {
+    return {{"XDG_RUNTIME_DIR", m_dir + "/run"},
+            {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + m_dir + "/run/bus"},
+            {"PIPEWIRE_REMOTE", "pipewire-0"}};
+}
+
+void PipeWireSession::use() const {
+    for (const auto& [name, value] : environment())
+        setenv(name.c_str(), value.c_str(), 1);
+}
+
+pid_t PipeWireSession::spawn(const std::vector<std::string>& args) const {
+    std::vector<std::pair<std::string, std::string>> own = environment();
+    own.emplace_back("XDG_CONFIG_HOME", m_dir + "/config");
+    own.emplace_back("XDG_STATE_HOME", m_dir + "/state");
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e) {
+        const std::string entry(*e);
+        const std::string name = entry.substr(0, entry.find('='));
+        if (std::none_of(own.begin(), own.end(), [&](const auto& o) { return o.first == name; }))
+            env.push_back(entry);
+    }
+    for (const auto& [name, value] : own)
+        env.push_back(name + "=" + value);
+    std::vector<char*> argv, envp;
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    for (const std::string& e : env)
+        envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&quiet, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &quiet, nullptr, argv.data(), envp.data()) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&quiet);
+    return pid;
+}
+
+bool PipeWireSession::waitForSinks() const {
+    // The default sink is set once the session manager has seen both sinks.
+    const std::string look = "env XDG_RUNTIME_DIR=" + m_dir +
+                             "/run pw-metadata 0 default.audio.sink 2>/dev/null" +
+                             " | grep -q vorlin-test-stereo && env XDG_RUNTIME_DIR=" + m_dir +
+                             "/run pw-cli ls Node 2>/dev/null | grep -q vorlin-test-8ch";
+    for (int i = 0; i < 100; ++i) {
+        if (std::system(look.c_str()) == 0)
+            return true;
+        std::this_thread::sleep_for(100ms);
+    }
+    return false;
+}
+
+void PipeWireSession::kill() {
+    end(m_pipewire, SIGKILL);
+    end(m_manager, SIGKILL);
+}
+
+bool PipeWireSession::restart() {
+    kill();
+    m_pipewire = spawn({"pipewire"});
+    for (int i = 0; i < 50 && !std::filesystem::exists(m_dir + "/run/pipewire-0"); ++i)
+        std::this_thread::sleep_for(20ms);
+    m_manager = spawn({"wireplumber"});
+    return m_pipewire > 0 && m_manager > 0 && waitForSinks();
+}
+
+pid_t PipeWireSession::record(const std::string& sink, int channels,
+                              const std::string& path) const {
+    return spawn({"pw-record", "--target", sink, "-P", "stream.capture.sink=true", "--channels",
+                  std::to_string(channels), "--format", "f32", "--rate", "48000", path});
+}
+
+void PipeWireSession::stopRecording(pid_t recorder) {
+    end(recorder, SIGINT);
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <utility>
+#include <vector>
+
+// A private PipeWire session for the tests, as a desktop has one: a session bus, pipewire and
+// wireplumber, in folders of its own (runtime, configuration, state), with the null sinks of
+// tests/support/pipewire/vorlin-sinks.conf: "vorlin-test-stereo" (the default) and
+// "vorlin-test-8ch" (FL FR FC LFE RL RR SL SR). Nothing of the machine's own sound setup is
+// read or changed. Clients reach it through environment() (set it in the test process with
+// use(), or hand it to a child).
+class PipeWireSession {
+public:
+    PipeWireSession();
+    ~PipeWireSession();
+    PipeWireSession(const PipeWireSession&) = delete;
+    PipeWireSession& operator=(const PipeWireSession&) = delete;
+
+    // Whether the session came up with both sinks (false where PipeWire is not installed).
+    bool ready() const { return m_ready; }
+    // NAME=value pairs a client of the session needs.
+    std::vector<std::pair<std::string, std::string>> environment() const;
+    // Points this process's own clients at the session.
+    void use() const;
+
+    // Ends the server abruptly, as a crash would (SIGKILL), and its session manager with it.
+    void kill();
+    // Starts server and session manager again; whether the sinks are back.
+    bool restart();
+    pid_t serverPid() const { return m_pipewire; }
+
+    // Starts recording the monitor of `sink` (all its channels, 32-bit float WAV) into `path`;
+    // stop it with stopRecording. pw-record runs as a child.
+    pid_t record(const std::string& sink, int channels, const std::string& path) const;
+    static void stopRecording(pid_t recorder);
+
+private:
+    pid_t spawn(const std::vector<std::string>& args) const;
+    bool waitForSinks() const;
+
+    std::string m_dir;
+    pid_t m_bus = -1, m_pipewire = -1, m_manager = -1;
+    bool m_ready = false;
+};
