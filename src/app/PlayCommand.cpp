@@ -81,15 +81,17 @@ int runPlay(int& argc, char** argv, const QStringList& args) {
         err << "出力: " << QString::fromStdString(model.audio().playingDescription())
             << (model.isOnFallback() ? QStringLiteral("（代わりの出力）") : QString()) << Qt::endl;
     });
+    // The device first, so that the show's media decode at its rate; --device wins over the
+    // show's own, so the device opens once.
+    if (device)
+        model.overrideOutputDevice(*device);
+    model.start();
     try {
         model.open(QFileInfo(show).absoluteFilePath());
     } catch (const DocumentError& error) {
         err << "キーマップを開けません: " << error.message() << "\n";
         return 1;
     }
-    if (device)
-        model.setOutputDeviceUID(*device);
-    model.start();
 
     RemoteControl remote(model);
     if (oscPort > 0) {

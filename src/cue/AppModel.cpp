@@ -185,8 +185,10 @@ void AppModel::applyMixSettings(const MixSettings& settings) {
     setStopAllFade(settings.stopAllFade);
     setMutedOutputs(settings.mutedOutputs);
     setVideoOutputs(settings.videoOutputs);
-    if (settings.outputDeviceUID != m_outputDeviceUID)
-        setOutputDeviceUID(settings.outputDeviceUID);
+    const std::optional<QString> device =
+        m_deviceOverride ? m_deviceOverride : settings.outputDeviceUID;
+    if (device != m_outputDeviceUID)
+        setOutputDeviceUID(device);
 }
 
 void AppModel::setOutputDeviceUID(const std::optional<QString>& uid) {

@@ -65,6 +65,11 @@ public:
     // The chosen device (none: the system default); choosing restarts the audio.
     const std::optional<QString>& outputDeviceUID() const { return m_outputDeviceUID; }
     void setOutputDeviceUID(const std::optional<QString>& uid);
+    // A device that wins over every show's own (`vorlin play --device`); set before start().
+    void overrideOutputDevice(const QString& uid) {
+        m_deviceOverride = uid;
+        m_outputDeviceUID = uid;
+    }
     double masterVolume() const { return m_masterVolume; }
     void setMasterVolume(double volume);
     const std::set<std::int64_t>& mutedOutputs() const { return m_mutedOutputs; }
@@ -163,6 +168,7 @@ private:
     ShowDocument m_document;
     AudioEngine m_audio;
     std::optional<QString> m_outputDeviceUID;
+    std::optional<QString> m_deviceOverride;
     bool m_offline = false;
     double m_masterVolume = 1.0;
     std::set<std::int64_t> m_mutedOutputs;

@@ -8,6 +8,7 @@
 
 #include <QElapsedTimer>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QUdpSocket>
 #include <QtEndian>
 
@@ -90,14 +91,19 @@ protected:
         }
     }
 
-    // Starts `vorlin play` with no display; true once it listens.
-    bool start(const QStringList& more) {
+    // Starts `vorlin play` with no display (through `wrapper` when given); true once it
+    // listens.
+    bool start(const QStringList& more, const QString& wrapper = {}) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
             env.remove(QString::fromLatin1(variable));
         player.setProcessEnvironment(env);
-        player.start(QStringLiteral(VORLIN_EXECUTABLE),
-                     QStringList{"play", show, "--osc", QString::number(port)} + more);
+        QStringList command{QStringLiteral(VORLIN_EXECUTABLE), "play", show, "--osc",
+                            QString::number(port)};
+        if (!wrapper.isEmpty())
+            command.prepend(wrapper);
+        const QString program = command.takeFirst();
+        player.start(program, command + more);
         return said("OSC: 127.0.0.1");
     }
     // Waits for `text` on the player's stderr.
@@ -191,6 +197,23 @@ TEST_F(Play, ASoundServerThatDiesAndReturnsIsSurvived) {
     PipeWireSession::stopRecording(recorder);
     interrupt();
     EXPECT_EQ(heard(dir.file("back.wav")), (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}));
+}
+
+// Through PipeWire's JACK with the graph at 44.1 kHz: its libjack reports one buffer size before
+// activation and another in the first cycles. The client starts once and stays.
+TEST_F(Play, PipeWiresJackAt44100StartsOnceAndStays) {
+    if (QStandardPaths::findExecutable("pw-jack").isEmpty())
+        GTEST_SKIP() << "pw-jack is not installed (scripts/setup installs pipewire-jack)";
+    ASSERT_EQ(
+        QProcess::execute("pw-metadata", {"-n", "settings", "0", "clock.force-rate", "44100"}), 0);
+    ASSERT_TRUE(start({"--device", "jack:"}, "pw-jack")) << err.toStdString();
+    press("/vorlin/key/A", 1);
+    std::this_thread::sleep_for(3s);
+    err += QString::fromUtf8(player.readAllStandardError());
+    EXPECT_EQ(err.count("出力: "), 1) << err.toStdString();
+    EXPECT_TRUE(err.contains("出力: JACK: ")) << err.toStdString();
+    EXPECT_TRUE(err.contains("44.1 kHz")) << err.toStdString();
+    interrupt();
 }
 
 } // namespace
