@@ -11,7 +11,7 @@ BUILD_TYPE ?= RelWithDebInfo
 PREFIX ?= $(HOME)/.local
 JOBS ?= $(shell nproc)
 
-.PHONY: all setup configure build run test bench mutants install release format clean
+.PHONY: all setup configure build run test bench mutants mutant-patches install release format clean
 
 all: build
 
@@ -43,8 +43,13 @@ release: build
 bench: build
 	@scripts/bench $(BUILD_DIR)
 
+# Generated mutants, the whole suite against each: LIBS=audio,cue PER_LIB=20 SEED=1
 mutants: build
-	@scripts/mutants $(BUILD_DIR)
+	@scripts/mutants $(BUILD_DIR) $(if $(LIBS),--libs $(LIBS)) $(if $(PER_LIB),--per-lib $(PER_LIB)) $(if $(SEED),--seed $(SEED))
+
+# The hand-written patches of tests/mutants/: bugs once found, kept as regression checks.
+mutant-patches: build
+	@scripts/mutant-patches $(BUILD_DIR)
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
