@@ -7,6 +7,7 @@
 #include <QPlainTextEdit>
 #include <QTextEdit>
 #include <QTimer>
+#include <QWidget>
 
 #include "app/KeyCodeMap.h"
 #include "cue/AppModel.h"
@@ -47,13 +48,23 @@ std::optional<KeyCode> KeyInput::codeOf(const QKeyEvent& event) {
 
 bool KeyInput::eventFilter(QObject* watched, QEvent* event) {
     if (event->type() == QEvent::MouseButtonPress) {
-        // After the click has placed the focus: a field clicked into keeps the keys.
-        QPointer<QWidget> clicked = qobject_cast<QWidget*>(watched);
-        QTimer::singleShot(0, this, [this, clicked] {
-            QWidget* focus =
-                QApplication::focusWidget() ? QApplication::focusWidget() : clicked.data();
-            focus = fieldOf(focus);
-            m_clickedField = isTextEntry(focus) ? focus : nullptr;
+        // A press passes this filter for the window, then for the widget under the mouse and,
+        // when that one does not take it, for its parents: the first widget is the one
+        // clicked. After the click has placed the focus: a field clicked into keeps the keys; a
+        // click anywhere else (the drawn keyboard, the cue list, the meters, empty space) ends
+        // the editing, whatever selecting a key did with the focus meanwhile.
+        auto* widget = qobject_cast<QWidget*>(watched);
+        if (!widget || m_pressSeen)
+            return false;
+        m_pressSeen = true;
+        QTimer::singleShot(0, this, [this, clicked = QPointer<QWidget>(widget)] {
+            m_pressSeen = false;
+            QWidget* target = fieldOf(clicked.data());
+            if (target && isTextEntry(target)) {
+                m_clickedField = target;
+                return;
+            }
+            endEditing();
         });
         return false;
     }
@@ -62,19 +73,55 @@ bool KeyInput::eventFilter(QObject* watched, QEvent* event) {
     return handleKey(static_cast<QKeyEvent*>(event), qobject_cast<QWidget*>(watched));
 }
 
+void KeyInput::endEditing() {
+    QWidget* focus = fieldOf(QApplication::focusWidget());
+    if (focus && isTextEntry(focus)) {
+        QWidget* window = focus->window();
+        focus->clearFocus();
+        if (window)
+            window->setFocus(Qt::OtherFocusReason); // the keys go back to the show
+    }
+    m_clickedField = nullptr;
+}
+
 bool KeyInput::handleKey(QKeyEvent* key, QWidget* receiver) {
     if (key->modifiers() & (Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier))
         return false;
-    if (QApplication::activeModalWidget())
+    // A modal dialog, an open menu, a combo box's list: the keys are theirs (Escape closes).
+    if (QApplication::activeModalWidget() || QApplication::activePopupWidget())
         return false;
     const bool down = key->type() == QEvent::KeyPress;
     const auto code = codeOf(*key);
+    if (code) {
+        // A field passes a key it does not take (Enter) on to its parents, through this filter
+        // again: the same event is still the field's.
+        if (m_fieldEvent && m_fieldEvent->type == key->type() && m_fieldEvent->code == *code &&
+            m_fieldEvent->time == key->timestamp())
+            return false;
+        // The release of a key that went down in the field is the field's too.
+        if (!down && !key->isAutoRepeat() && m_fieldKeys.erase(*code))
+            return false;
+    }
     // Key events go to the focus widget; without an active window, to whom they are sent.
     QWidget* focus = fieldOf(QApplication::focusWidget() ? QApplication::focusWidget() : receiver);
     if (isTextEntry(focus)) {
         if (focus == m_clickedField) {
-            if (down && code &&
-                (m_model.document().assignments.count(*code) || *code == KeyboardLayout::kEscape))
+            if (code) {
+                m_fieldEvent = FieldEvent{key->type(), *code, key->timestamp()};
+                if (down)
+                    m_fieldKeys.insert(*code);
+                else
+                    m_fieldKeys.erase(*code);
+            }
+            const int qtKey = key->key();
+            if (down &&
+                (qtKey == Qt::Key_Return || qtKey == Qt::Key_Enter || qtKey == Qt::Key_Escape)) {
+                // Enter confirms (the field commits on its own handling of it), Escape leaves:
+                // either way the editing ends and the keys are the show's again.
+                QTimer::singleShot(0, this, [this] { endEditing(); });
+                return false;
+            }
+            if (down && code && m_model.document().assignments.count(*code))
                 m_model.status().show(kFieldMessage);
             return false;
         }

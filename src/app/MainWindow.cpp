@@ -16,7 +16,9 @@
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTableWidget>
+#include <QTimer>
 #include <QVBoxLayout>
+#include <QWindow>
 
 #include "app/CueListView.h"
 #include "app/DeckPanel.h"
@@ -168,6 +170,13 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     }
     QSettings().setValue(QStringLiteral("window/VorlinMain-%1").arg(m_instance), saveGeometry());
     event->accept();
+    // The main window closing ends the program: output windows and overlays close with it
+    // (they would otherwise keep it running, and the next start would be instance 2).
+    QTimer::singleShot(0, qApp, [] {
+        for (QWindow* window : QGuiApplication::topLevelWindows())
+            window->hide();
+        QCoreApplication::quit();
+    });
 }
 
 void MainWindow::learnMidi(MidiBinding::Action action, KeyCode key) {
@@ -388,6 +397,9 @@ void MainWindow::buildMenu() {
             }
             QAction* item = menu->addAction(entry.text);
             item->setShortcut(entry.keys);
+            // Quitting works from every window of the program (an output window in front).
+            if (entry.keys == QKeySequence(Qt::CTRL | Qt::Key_Q))
+                item->setShortcutContext(Qt::ApplicationShortcut);
             item->setEnabled(entry.run != nullptr);
             if (entry.run)
                 connect(item, &QAction::triggered, this, entry.run);

@@ -32,6 +32,9 @@ std::unique_ptr<OutputSurface> OutputSurface::window(int instanceNumber, Draw dr
     const QRect frame =
         QSettings().value(frameKey(instanceNumber), QRect(200, 200, 960, 540)).toRect();
     surface->setGeometry(frame);
+    // In front of the main window, but never with the keyboard: the show's keys and the menus'
+    // shortcuts (Ctrl+Q) stay with the main window.
+    surface->setFlag(Qt::WindowDoesNotAcceptFocus);
     surface->show();
     surface->raise();
     return surface;

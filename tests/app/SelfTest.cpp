@@ -10,6 +10,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDir>
+#include <QDoubleSpinBox>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QGlyphRun>
@@ -19,6 +20,7 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMenu>
+#include <QMenuBar>
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
@@ -27,9 +29,12 @@
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTextLayout>
+#include <QTimer>
+#include <QWindow>
 
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
+#include "XInput.h"
 #include "app/CueListView.h"
 #include "app/DeckPanel.h"
 #include "app/DemoShow.h"
@@ -497,6 +502,85 @@ void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, co
                   .arg(expected));
 }
 
+// The window as an operator uses it live, with real clicks and keys through the X server and a
+// window manager: a click into a field and the ways out of it, Enter in a field, keys while a
+// menu is open. A screenshot of each step goes next to `shot`.
+void checkOperator(AppModel& model, MainWindow& window, const QString& shot, const QString& folder,
+                   Log& log) {
+    if (!XInput::available()) {
+        log.check(false, "the X server takes XTest input");
+        return;
+    }
+    constexpr KeyCode kA = 0, kS = 1, kD = 2, kEnter = 36;
+    openDemo(model, folder);
+    // ENTER holds a sound too: Enter typed into a field must not start it.
+    const KeyAssignment enter(model.document().assignments.at(kA).path, kEnter);
+    model.document().assignments[kEnter] = enter;
+    model.media().loadMedia(enter, false);
+    waitForMedia(model);
+    window.activateWindow();
+    window.raise();
+    XInput::settle(500);
+    auto* keyboard = window.findChild<KeyboardView*>();
+    auto* fadeIn = window.findChild<QDoubleSpinBox*>(QStringLiteral("fadeIn"));
+    if (!keyboard || !fadeIn) {
+        log.check(false, "the keyboard and the fade-in field are there");
+        return;
+    }
+    int step = 0;
+    const auto grab = [&] {
+        const QString file = QString(shot).replace(".png", QString("-%1.png").arg(++step));
+        window.grab().save(file);
+    };
+    const auto cell = [&](KeyCode code) { return keyboard->cellRect(code).center().toPoint(); };
+
+    XInput::key("s");
+    log.check(model.isRunning(kS), "S pressed on the keyboard plays its loop");
+    XInput::click(keyboard, cell(kS));
+    XInput::click(fadeIn);
+    grab();
+    log.check(fadeIn->hasFocus(), "a click puts the focus into the fade-in field");
+    XInput::key("Escape");
+    log.check(model.isRunning(kS), "Escape typed into the clicked field leaves the loop playing");
+    log.check(!fadeIn->hasFocus(), "and leaves the field");
+
+    XInput::click(fadeIn);
+    XInput::click(keyboard, cell(kD)); // selects D: the focus must not go back into a field
+    grab();
+    log.check(!fadeIn->hasFocus() && !QApplication::focusWidget()->inherits("QAbstractSpinBox"),
+              "a click on the drawn keyboard ends the editing");
+    XInput::key("Escape");
+    log.check(!model.isRunning(kS), "then Escape stops the loop");
+
+    XInput::key("s");
+    XInput::click(keyboard, cell(kS));
+    XInput::click(fadeIn);
+    XInput::key("Right"); // past the selection the click left
+    XInput::key("1");
+    XInput::key("Return");
+    grab();
+    log.check(!model.isRunning(kEnter), "Enter in the field does not start ENTER's cue");
+    log.check(!fadeIn->hasFocus(), "Enter confirms and leaves the field");
+    XInput::key("a");
+    log.check(model.isRunning(kA), "and the next key plays at once");
+
+    QMenuBar* bar = window.menuBar();
+    QAction* playMenu = nullptr;
+    for (QAction* action : bar->actions())
+        if (action->text() == QStringLiteral("再生"))
+            playMenu = action;
+    if (playMenu)
+        XInput::click(bar, bar->actionGeometry(playMenu).center());
+    grab();
+    log.check(QApplication::activePopupWidget() != nullptr, "a click opens the 再生 menu");
+    XInput::key("d");
+    log.check(!model.isRunning(kD), "a key typed into the open menu starts nothing behind it");
+    XInput::key("Escape");
+    log.check(QApplication::activePopupWidget() == nullptr, "Escape closes the menu");
+    log.check(model.isRunning(kS) && model.isRunning(kA), "and stops nothing");
+    grab();
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -512,6 +596,25 @@ int run(AppModel& model, MainWindow& window) {
                           log);
         checkDeckPanel(model, window, qEnvironmentVariable("VORLIN_SELFTEST_SCREENSHOT"), folder,
                        log);
+    }
+    if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_OPERATOR")) {
+        checkOperator(model, window, qEnvironmentVariable("VORLIN_SELFTEST_OPERATOR"), folder, log);
+        // Last: Ctrl+Q with an output window open ends the program (its event loop returns),
+        // the output window with it.
+        model.stopAll(true);
+        model.save(folder + "/operator.vorlin"); // nothing to ask about on the way out
+        model.video().show();
+        XInput::settle(500);
+        QTimer::singleShot(200, [] { XInput::key("q", true); });
+        QTimer::singleShot(5000, [] { QCoreApplication::exit(3); }); // no quit: say so
+        QElapsedTimer quitting;
+        quitting.start();
+        const int status = QApplication::exec();
+        log.check(status == 0 && quitting.elapsed() < 2500,
+                  QString("Ctrl+Q with an output window open quits (status %1 after %2 ms)")
+                      .arg(status)
+                      .arg(quitting.elapsed()));
+        log.check(!anyVisible([](QWindow*) { return true; }), "and leaves no window open");
     }
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_DISPLAYS"))
         checkDisplaySurface(model, window, qEnvironmentVariable("VORLIN_SELFTEST_DISPLAYS"), folder,

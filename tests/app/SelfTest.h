@@ -10,6 +10,10 @@ class MainWindow;
 //                                     to FILE (PNG) and the settings window next to it, and
 //                                     check what they draw: cells, cue list, meters, page list,
 //                                     detail panel, and a glyph for every character shown
+//   VORLIN_SELFTEST_OPERATOR=FILE     drive the window with real X clicks and keys (XTest, under a
+//                                     window manager): a field clicked into and the ways out,
+//                                     Enter in a field, keys while a menu is open; a screenshot
+//                                     per step next to FILE
 // Each check is logged as a PASS or FAIL line, then "N passed, M failed". Main thread.
 namespace SelfTest {
 

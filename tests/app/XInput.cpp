@@ -1,0 +1,60 @@
+#include "XInput.h"
+
+// clang-format off
+// Qt first: Xlib's macros (Bool, Status, KeyPress …) break Qt's headers.
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QWidget>
+
+#include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
+// clang-format on
+
+namespace XInput {
+namespace {
+
+// A connection of our own to the same server: what it sends reaches the window as a device's.
+Display* display() {
+    static Display* const connection = XOpenDisplay(nullptr);
+    return connection;
+}
+
+} // namespace
+
+bool available() {
+    int event = 0, error = 0, major = 0, minor = 0;
+    return display() && XTestQueryExtension(display(), &event, &error, &major, &minor);
+}
+
+void settle(int ms) {
+    QElapsedTimer waited;
+    waited.start();
+    while (waited.elapsed() < ms)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+}
+
+void click(QWidget* widget, QPoint where) {
+    if (where.x() < 0)
+        where = widget->rect().center();
+    const QPoint at = widget->mapToGlobal(where);
+    XTestFakeMotionEvent(display(), -1, at.x(), at.y(), 0);
+    XTestFakeButtonEvent(display(), 1, True, 0);
+    XTestFakeButtonEvent(display(), 1, False, 20);
+    XFlush(display());
+    settle();
+}
+
+void key(const QString& name, bool control) {
+    const KeyCode code = XKeysymToKeycode(display(), XStringToKeysym(name.toLatin1().constData()));
+    const KeyCode ctrl = XKeysymToKeycode(display(), XStringToKeysym("Control_L"));
+    if (control)
+        XTestFakeKeyEvent(display(), ctrl, True, 0);
+    XTestFakeKeyEvent(display(), code, True, 0);
+    XTestFakeKeyEvent(display(), code, False, 30);
+    if (control)
+        XTestFakeKeyEvent(display(), ctrl, False, 0);
+    XFlush(display());
+    settle();
+}
+
+} // namespace XInput
