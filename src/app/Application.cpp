@@ -2,6 +2,9 @@
 
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QLibraryInfo>
+#include <QLocale>
+#include <QTranslator>
 
 #include "app/BackgroundInput.h"
 #include "app/DemoShow.h"
@@ -39,6 +42,11 @@ Application::Application(int& argc, char** argv)
     : m_app(named(argc), argv),
       m_instance((Prefs::registerDefaults(), InstanceLock::acquire(InstanceLock::defaultFolder()))),
       m_model(std::make_unique<AppModel>(outputFor(m_instance.number()))) {
+    // Qt's own dialogs (file dialogs, buttons) in Japanese, as the rest of the window.
+    auto* qtTexts = new QTranslator(&m_app);
+    if (qtTexts->load(QLocale(QLocale::Japanese), QStringLiteral("qtbase"), QStringLiteral("_"),
+                      QLibraryInfo::path(QLibraryInfo::TranslationsPath)))
+        m_app.installTranslator(qtTexts);
     const int n = m_instance.number();
     m_model->session().setInstanceNumber(n);
     // The window benchmark's reference: the same program and tick with the views deaf to the

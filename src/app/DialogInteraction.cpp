@@ -1,9 +1,30 @@
 #include "app/DialogInteraction.h"
 
+#include <QDir>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QInputDialog>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSettings>
+
+namespace {
+
+const QString kLastFolder = QStringLiteral("dialog/lastFolder");
+
+} // namespace
+
+QString DialogInteraction::startFolder(const std::optional<QString>& showPath) {
+    if (showPath && QFileInfo(*showPath).dir().exists())
+        return QFileInfo(*showPath).absolutePath();
+    const QString last = QSettings().value(kLastFolder).toString();
+    return !last.isEmpty() && QDir(last).exists() ? last : QDir::homePath();
+}
+
+void DialogInteraction::remember(const QString& chosen) {
+    if (!chosen.isEmpty())
+        QSettings().setValue(kLastFolder, QFileInfo(chosen).absolutePath());
+}
 
 int DialogInteraction::alert(const QString& message, const QString& informative,
                              const QStringList& buttons) {
@@ -38,8 +59,12 @@ QStringList DialogInteraction::chooseFiles(const QString& message, const QString
     for (const QString& type : types)
         patterns << "*." + type;
     const QString filter = "メディアファイル (" + patterns.join(' ') + ")";
-    if (multiple)
-        return QFileDialog::getOpenFileNames(m_parent, message, QString(), filter);
-    const QString file = QFileDialog::getOpenFileName(m_parent, message, QString(), filter);
-    return file.isEmpty() ? QStringList{} : QStringList{file};
+    const QString folder = startFolder(m_showPath ? m_showPath() : std::nullopt);
+    const QStringList files =
+        multiple ? QFileDialog::getOpenFileNames(m_parent, message, folder, filter)
+                 : QStringList{QFileDialog::getOpenFileName(m_parent, message, folder, filter)};
+    if (files.value(0).isEmpty())
+        return {};
+    remember(files.first());
+    return files;
 }

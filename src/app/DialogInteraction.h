@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "cue/Interaction.h"
 
 class QWidget;
@@ -8,7 +10,15 @@ class QWidget;
 // given, a name prompt, an open panel. Main thread; each dialog is modal.
 class DialogInteraction : public Interaction {
 public:
-    explicit DialogInteraction(QWidget* parent) : m_parent(parent) {}
+    // `showPath`: the open show's file, if it has one (file dialogs start beside it).
+    DialogInteraction(QWidget* parent, std::function<std::optional<QString>()> showPath)
+        : m_parent(parent), m_showPath(std::move(showPath)) {}
+
+    // Where a file dialog opens: the show's folder, else the last folder a dialog was used in,
+    // else the home folder (never the folder the program was started from).
+    static QString startFolder(const std::optional<QString>& showPath);
+    // Notes the folder of what a dialog returned, for the next one.
+    static void remember(const QString& chosen);
 
     int alert(const QString& message, const QString& informative,
               const QStringList& buttons) override;
@@ -18,4 +28,5 @@ public:
 
 private:
     QWidget* m_parent;
+    std::function<std::optional<QString>()> m_showPath;
 };

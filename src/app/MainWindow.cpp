@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -37,7 +38,8 @@
 #include "video/ScreenList.h"
 
 MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
-    : QMainWindow(parent), m_model(model), m_instance(instanceNumber), m_dialogs(this) {
+    : QMainWindow(parent), m_model(model), m_instance(instanceNumber),
+      m_dialogs(this, [this] { return m_model.session().documentPath(); }) {
     m_model.setInteraction(&m_dialogs);
     auto* central = new QWidget(this);
     auto* column = new QVBoxLayout(central);
@@ -119,11 +121,14 @@ void MainWindow::showError(const QString& message) {
 bool MainWindow::saveDocument(bool forcePanel) {
     QString path = m_model.session().documentPath().value_or(QString());
     if (forcePanel || path.isEmpty()) {
-        path = QFileDialog::getSaveFileName(this, QStringLiteral("キーマップを保存"),
-                                            m_model.documentName(),
-                                            QStringLiteral("Vorlin キーマップ (*.vorlin)"));
+        path = QFileDialog::getSaveFileName(
+            this, QStringLiteral("キーマップを保存"),
+            QDir(DialogInteraction::startFolder(m_model.session().documentPath()))
+                .filePath(m_model.documentName()),
+            QStringLiteral("Vorlin キーマップ (*.vorlin)"));
         if (path.isEmpty())
             return false;
+        DialogInteraction::remember(path);
         if (!path.endsWith(".vorlin"))
             path += ".vorlin";
     }
@@ -150,11 +155,13 @@ bool MainWindow::confirmDiscard() {
 void MainWindow::openDocument() {
     if (!confirmDiscard())
         return;
-    const QString path =
-        QFileDialog::getOpenFileName(this, QStringLiteral("キーマップを開く"), QString(),
-                                     QStringLiteral("Vorlin キーマップ (*.vorlin)"));
+    const QString path = QFileDialog::getOpenFileName(
+        this, QStringLiteral("キーマップを開く"),
+        DialogInteraction::startFolder(m_model.session().documentPath()),
+        QStringLiteral("Vorlin キーマップ (*.vorlin)"));
     if (path.isEmpty())
         return;
+    DialogInteraction::remember(path);
     try {
         m_model.open(path);
     } catch (const DocumentError& error) {

@@ -6,11 +6,14 @@
 #include <QFormLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QScrollArea>
 #include <QSpinBox>
 #include <QVBoxLayout>
 
 #include "app/Choices.h"
+#include "deck/SlideConverter.h"
 #include "model/Prefs.h"
 #include "model/ValueRanges.h"
 #include "remote/MidiControl.h"
@@ -66,9 +69,27 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
                  choice(Prefs::kMultiDrop, {{"毎回確認する", "ask"},
                                             {"そのキーにまとめる（押すたび次へ）", "list"},
                                             {"後ろの空きキーに 1 つずつ", "spread"}}));
-    form->addRow(QStringLiteral("pptx の変換"),
-                 choice(Prefs::kPreferPowerPoint,
-                        {{"PowerPoint（なければ Keynote）", "true"}, {"いつも Keynote", "false"}}));
+    // Presentations are converted by LibreOffice here: say which one, or that it is missing
+    // (asked of the program itself, off the window's way).
+    auto* converter = new QLabel(this);
+    converter->setObjectName(QStringLiteral("slideConverter"));
+    const QString office = SlideConverter::installedProgram();
+    if (office.isEmpty()) {
+        converter->setText(
+            QStringLiteral("LibreOffice が見つかりません（スライドの変換に必要です）"));
+    } else {
+        converter->setText(QStringLiteral("LibreOffice で変換します"));
+        auto* version = new QProcess(converter);
+        connect(version, &QProcess::finished, converter, [converter, version] {
+            static const QRegularExpression number(QStringLiteral("LibreOffice (\\d+\\.\\d+)"));
+            const auto found = number.match(QString::fromUtf8(version->readAllStandardOutput()));
+            if (found.hasMatch())
+                converter->setText(
+                    QStringLiteral("LibreOffice %1 で変換します").arg(found.captured(1)));
+        });
+        version->start(office, {QStringLiteral("--version")});
+    }
+    form->addRow(QStringLiteral("pptx の変換"), converter);
     form->addRow(QStringLiteral("起動したときに新しい版があるか確かめる（1 日 1 回）"),
                  check(Prefs::kAutoCheckUpdates, true));
     auto heading = [this, form](const QString& text) {

@@ -38,7 +38,7 @@ std::vector<RowSpec> usLayout() {
             {1,
              {key(50, "`"), key(18, "1"), key(19, "2"), key(20, "3"), key(21, "4"), key(23, "5"),
               key(22, "6"), key(26, "7"), key(28, "8"), key(25, "9"), key(29, "0"), key(27, "-"),
-              key(24, "="), key(51, "DELETE", 2)}},
+              key(24, "="), key(51, "BACKSPACE", 2)}},
             {1,
              {key(48, "TAB", 1.5), key(12, "Q"), key(13, "W"), key(14, "E"), key(15, "R"),
               key(17, "T"), key(16, "Y"), key(32, "U"), key(34, "I"), key(31, "O"), key(35, "P"),
@@ -52,9 +52,9 @@ std::vector<RowSpec> usLayout() {
               key(45, "N"), key(46, "M"), key(43, ","), key(47, "."), key(44, "/"),
               pad("shift", 0.75), key(126, "▲"), gap(1)}},
             {1,
-             {pad("fn", 1), pad("control", 1), pad("option", 1), pad("command", 1.25),
-              key(49, "SPACE", 5.5), pad("command", 1.25), pad("option", 1), key(123, "◀"),
-              key(125, "▼"), key(124, "▶")}}};
+             // What a PC keyboard has beside the space bar (the row keeps its width).
+             {pad("Ctrl", 1.5), pad("Win", 1.25), pad("Alt", 1.5), key(49, "SPACE", 5.5),
+              pad("Alt", 1.25), pad("Ctrl", 1), key(123, "◀"), key(125, "▼"), key(124, "▶")}}};
 }
 
 std::vector<RowSpec> jisLayout() {
@@ -62,13 +62,13 @@ std::vector<RowSpec> jisLayout() {
             {1,
              {key(18, "1"), key(19, "2"), key(20, "3"), key(21, "4"), key(23, "5"), key(22, "6"),
               key(26, "7"), key(28, "8"), key(25, "9"), key(29, "0"), key(27, "-"), key(24, "^"),
-              key(93, "¥"), key(51, "DELETE", 2)}},
+              key(93, "¥"), key(51, "BACKSPACE", 2)}},
             {1,
              {key(48, "TAB", 1.5), key(12, "Q"), key(13, "W"), key(14, "E"), key(15, "R"),
               key(17, "T"), key(16, "Y"), key(32, "U"), key(34, "I"), key(31, "O"), key(35, "P"),
               key(33, "@"), key(30, "["), key(36, "ENTER", 1.5)}},
             {1,
-             {pad("control", 1.75), key(0, "A"), key(1, "S"), key(2, "D"), key(3, "F"), key(5, "G"),
+             {pad("英数", 1.75), key(0, "A"), key(1, "S"), key(2, "D"), key(3, "F"), key(5, "G"),
               key(4, "H"), key(38, "J"), key(40, "K"), key(37, "L"), key(41, ";"), key(39, ":"),
               key(42, "]"), key(36, "ENTER", 1.25)}},
             {1,
@@ -76,8 +76,9 @@ std::vector<RowSpec> jisLayout() {
               key(45, "N"), key(46, "M"), key(43, ","), key(47, "."), key(44, "/"), key(94, "_"),
               key(126, "▲"), gap(1)}},
             {1,
-             {pad("caps", 1), pad("option", 1), pad("command", 1.25), pad("英数", 1),
-              key(49, "SPACE", 4.5), pad("かな", 1), pad("command", 1.25), pad("fn", 1),
+             // A PC's JIS keyboard: the input-mode keys beside the space bar.
+             {pad("Ctrl", 1), pad("Win", 1), pad("Alt", 1.25), pad("無変換", 1),
+              key(49, "SPACE", 4.5), pad("変換", 1), pad("カタカナ/ひらがな", 1.25), pad("Ctrl", 1),
               key(123, "◀"), key(125, "▼"), key(124, "▶")}}};
 }
 

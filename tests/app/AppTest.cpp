@@ -159,3 +159,40 @@ TEST(DemoShow, IsMadeOnceAndPlaysFromTheFirstPress) {
 }
 
 } // namespace
+
+#include <QDir>
+#include <QSettings>
+
+#include "app/DialogInteraction.h"
+
+namespace {
+
+// File dialogs open beside the show, else where the last one was used, else at home — never
+// in the folder the program happened to be started from.
+TEST(FileDialogs, StartBesideTheShowElseWhereTheLastOneWasUsedElseAtHome) {
+    TempDir dir;
+    const QString shows = QString::fromStdString(dir.file("shows"));
+    const QString media = QString::fromStdString(dir.file("media"));
+    QDir().mkpath(shows);
+    QDir().mkpath(media);
+    QSettings().remove("dialog/lastFolder");
+    struct Row {
+        std::optional<QString> show;
+        QString chosenBefore; // what a dialog returned before, if anything
+        QString expected;
+    };
+    const Row rows[] = {
+        {std::nullopt, "", QDir::homePath()},
+        {std::nullopt, media + "/tone.wav", media},
+        {shows + "/night.vorlin", media + "/tone.wav", shows},
+        {QString::fromStdString(dir.file("gone/night.vorlin")), media + "/tone.wav", media},
+    };
+    for (const Row& row : rows) {
+        DialogInteraction::remember(row.chosenBefore);
+        EXPECT_EQ(DialogInteraction::startFolder(row.show), row.expected)
+            << row.show.value_or("none").toStdString();
+    }
+    QSettings().remove("dialog/lastFolder");
+}
+
+} // namespace

@@ -56,8 +56,28 @@ TEST(KeyboardLayout, CellsCarryIdsKindsAndTheStopAllPosition) {
     EXPECT_EQ(usRows()[0].keys[1].kind, KeySpec::Kind::gap);
     EXPECT_EQ(usRows()[0].keys[1].code, KeySpec::kNoCode);
     EXPECT_EQ(usRows()[3].keys[0].kind, KeySpec::Kind::pad);
-    EXPECT_EQ(jisRows()[5].keys[3].label, "英数");
-    EXPECT_EQ(jisRows()[5].keys[3].kind, KeySpec::Kind::pad);
+    // The bottom rows name what a PC keyboard has there; every row of a layout keeps one width.
+    const auto bottom = [](const std::vector<KeyRow>& rows) {
+        QStringList labels;
+        for (const KeySpec& spec : rows[5].keys)
+            if (spec.kind == KeySpec::Kind::pad || spec.code == 49)
+                labels << spec.label;
+        return labels;
+    };
+    EXPECT_EQ(bottom(usRows()), (QStringList{"Ctrl", "Win", "Alt", "SPACE", "Alt", "Ctrl"}));
+    EXPECT_EQ(bottom(jisRows()), (QStringList{"Ctrl", "Win", "Alt", "無変換", "SPACE", "変換",
+                                              "カタカナ/ひらがな", "Ctrl"}));
+    for (const auto& rows : {usRows(), jisRows()}) {
+        EXPECT_EQ(labelsOf(rows).at(51), "BACKSPACE");
+        const auto width = [](const KeyRow& row) {
+            double sum = 0.0;
+            for (const KeySpec& spec : row.keys)
+                sum += spec.width;
+            return sum;
+        };
+        for (std::size_t r = 2; r < rows.size(); ++r)
+            EXPECT_DOUBLE_EQ(width(rows[r]), width(rows[1])) << r;
+    }
     EXPECT_EQ(labelsOf(jisRows()).at(93), "¥");
     EXPECT_EQ(labelsOf(jisRows()).at(36), "ENTER");
     EXPECT_EQ(labelsOf(usRows()).at(42), "\\");
