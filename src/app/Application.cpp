@@ -11,6 +11,7 @@
 #include "app/KeyInput.h"
 #include "app/MainWindow.h"
 #include "app/UpdaterDialogs.h"
+#include "app/WheelGuard.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/KeyboardLayout.h"
@@ -58,6 +59,8 @@ Application::Application(int& argc, char** argv)
     m_model->start();
     m_keys = std::make_unique<KeyInput>(*m_model);
     m_app.installEventFilter(m_keys.get());
+    m_wheel = std::make_unique<WheelGuard>();
+    m_app.installEventFilter(m_wheel.get());
     m_updaterDialogs =
         std::make_unique<UpdaterDialogs>(m_window.get(), [this] { m_updater->cancelDownload(); });
     m_updater = std::make_unique<Updater>(Updater::programOptions(), *m_updaterDialogs);
@@ -93,6 +96,7 @@ Application::Application(int& argc, char** argv)
 }
 
 Application::~Application() {
+    m_app.removeEventFilter(m_wheel.get());
     m_app.removeEventFilter(m_keys.get());
 }
 

@@ -8,6 +8,7 @@
 
 class AppModel;
 class KeyInput;
+class WheelGuard;
 class MainWindow;
 class MidiControl;
 class RemoteControl;
@@ -37,6 +38,7 @@ private:
     std::unique_ptr<AppModel> m_model;
     std::unique_ptr<MainWindow> m_window;
     std::unique_ptr<KeyInput> m_keys;
+    std::unique_ptr<WheelGuard> m_wheel;
     std::unique_ptr<UpdaterDialogs> m_updaterDialogs;
     std::unique_ptr<Updater> m_updater;
     std::unique_ptr<RemoteControl> m_remote;

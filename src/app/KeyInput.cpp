@@ -92,6 +92,12 @@ bool KeyInput::handleKey(QKeyEvent* key, QWidget* receiver) {
         return false;
     const bool down = key->type() == QEvent::KeyPress;
     const auto code = codeOf(*key);
+    if (QWidget* active = QApplication::activeWindow();
+        active && active->property(kClosesOnEscape).toBool() && key->key() == Qt::Key_Escape) {
+        if (down)
+            active->close();
+        return true;
+    }
     if (code) {
         // A field passes a key it does not take (Enter) on to its parents, through this filter
         // again: the same event is still the field's.

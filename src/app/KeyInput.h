@@ -27,6 +27,10 @@ public:
         QStringLiteral("数値の入力欄が選ばれているため、キーで再生・停止できません（Enter "
                        "で確定するか、キーボードの図をクリック）");
 
+    // A window with this property set closes on Escape (while it is the active window) instead
+    // of the show stopping.
+    static constexpr const char* kClosesOnEscape = "closesOnEscape";
+
     explicit KeyInput(AppModel& model, QObject* parent = nullptr);
 
     // The layout key code of a key event: its scan code (X11/Wayland: evdev + 8), else, where

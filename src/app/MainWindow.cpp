@@ -77,6 +77,10 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     column->addWidget(bottom, 4);
     setCentralWidget(central);
 
+    // The status line is there from the start at one height, message or not: a line that came
+    // and went would shift the whole window under the operator's mouse.
+    statusBar()->setSizeGripEnabled(false);
+    statusBar()->setFixedHeight(statusBar()->fontMetrics().height() + 8);
     connect(&m_model.status(), &StatusLine::changed, this,
             [this](const QString& message) { statusBar()->showMessage(message); });
     connect(&m_model, &AppModel::assignmentsChanged, this, &MainWindow::updateTitle);

@@ -13,6 +13,7 @@
 #include <QVBoxLayout>
 
 #include "app/Choices.h"
+#include "app/KeyInput.h"
 #include "deck/SlideConverter.h"
 #include "model/Prefs.h"
 #include "model/ValueRanges.h"
@@ -21,6 +22,7 @@
 
 SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
     setWindowTitle(QStringLiteral("設定 — Vorlin #%1").arg(instanceNumber));
+    setProperty(KeyInput::kClosesOnEscape, true); // as any settings window does
     resize(632, 552);
     auto* form = new QFormLayout;
     form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);

@@ -583,6 +583,27 @@ void checkOperator(AppModel& model, MainWindow& window, const QString& shot, con
     log.check(QApplication::activePopupWidget() == nullptr, "Escape closes the menu");
     log.check(model.isRunning(kS) && model.isRunning(kA), "and stops nothing");
     grab();
+
+    // The settings: the wheel over a choice scrolls instead of changing it; Escape closes them.
+    window.showSettings();
+    XInput::settle(300);
+    QWidget* settings = window.settingsWindow();
+    QComboBox* mode = nullptr;
+    for (QComboBox* box : settings ? settings->findChildren<QComboBox*>() : QList<QComboBox*>{})
+        if (box->currentText().startsWith(QStringLiteral("トグル")))
+            mode = box;
+    if (!mode) {
+        log.check(false, "the settings show the default mode");
+        return;
+    }
+    const int before = mode->currentIndex();
+    XInput::wheel(mode, -3);
+    grab();
+    log.check(mode->currentIndex() == before,
+              "the wheel over the default mode leaves it as it was");
+    XInput::key("Escape");
+    log.check(!settings->isVisible(), "Escape closes the settings");
+    log.check(model.isRunning(kS) && model.isRunning(kA), "and stops nothing");
 }
 
 int run(AppModel& model, MainWindow& window) {

@@ -10,6 +10,8 @@
 #include <X11/extensions/XTest.h>
 // clang-format on
 
+#include <cstdlib>
+
 namespace XInput {
 namespace {
 
@@ -40,6 +42,18 @@ void click(QWidget* widget, QPoint where) {
     XTestFakeMotionEvent(display(), -1, at.x(), at.y(), 0);
     XTestFakeButtonEvent(display(), 1, True, 0);
     XTestFakeButtonEvent(display(), 1, False, 20);
+    XFlush(display());
+    settle();
+}
+
+void wheel(QWidget* widget, int steps) {
+    const QPoint at = widget->mapToGlobal(widget->rect().center());
+    XTestFakeMotionEvent(display(), -1, at.x(), at.y(), 0);
+    const unsigned button = steps > 0 ? 4 : 5; // X's wheel up and down
+    for (int n = 0; n < std::abs(steps); ++n) {
+        XTestFakeButtonEvent(display(), button, True, 0);
+        XTestFakeButtonEvent(display(), button, False, 10);
+    }
     XFlush(display());
     settle();
 }

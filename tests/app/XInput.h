@@ -14,6 +14,8 @@ namespace XInput {
 bool available();
 // A left click at `where` inside `widget` (its centre when none is given).
 void click(QWidget* widget, QPoint where = {-1, -1});
+// The mouse wheel turned `steps` notches away from the user (negative: towards) over `widget`.
+void wheel(QWidget* widget, int steps);
 // A key by its X key name ("a", "Escape", "Return", "KP_Enter"), with Control held when asked.
 void key(const QString& name, bool control = false);
 // Lets the application take what the server sent (`ms` of its event loop).
