@@ -5,11 +5,15 @@
 
 #include <QDragEnterEvent>
 #include <QDropEvent>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QHelpEvent>
 #include <QMimeData>
 #include <QMouseEvent>
 #include <QPaintEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QToolTip>
 
 #include "app/RedrawPace.h"
 #include "cue/AppModel.h"
@@ -26,6 +30,63 @@ KeyboardView::KeyboardView(AppModel& model, QWidget* parent) : QWidget(parent), 
     connect(&model, &AppModel::assignmentsChanged, this, [this] { liveChanged(true); });
     connect(&model.cueEngine(), &CueEngine::selectedKeyChanged, this,
             [this] { liveChanged(true); });
+    connect(&model.media(), &MediaLoader::mediaChanged, this, [this] { update(); });
+    // A file deleted or unplugged meanwhile is noticed when the operator comes back to the
+    // window, and with every change of the show (an opened show included).
+    connect(qApp, &QGuiApplication::applicationStateChanged, this,
+            [this](Qt::ApplicationState state) {
+                if (state == Qt::ApplicationActive)
+                    checkFilesOnDisk();
+            });
+    connect(&model, &AppModel::assignmentsChanged, this, &KeyboardView::checkFilesOnDisk);
+}
+
+QString KeyboardView::mediaState(KeyCode code) const {
+    const auto& keys = m_model.document().assignments;
+    const auto key = keys.find(code);
+    if (key == keys.end())
+        return {};
+    const auto& table = m_model.media().table();
+    const auto info = table.find(key->second.mediaKey());
+    if (info != table.end()) {
+        if (info->second.loading)
+            return info->second.progressText.isEmpty() ? QStringLiteral("読み込み中…")
+                                                       : info->second.progressText;
+        if (info->second.error)
+            return *info->second.error;
+    }
+    if (m_gone.count(key->second.path))
+        return QStringLiteral("ファイルが見つかりません（読み込んだ音で再生します）: ") +
+               key->second.path;
+    if (info != table.end() && info->second.warning)
+        return *info->second.warning;
+    return {};
+}
+
+void KeyboardView::checkFilesOnDisk() {
+    std::set<QString> gone;
+    for (const auto& [code, assignment] : m_model.document().assignments)
+        if (!assignment.path.isEmpty() && !QFileInfo::exists(assignment.path))
+            gone.insert(assignment.path);
+    if (gone != m_gone) {
+        m_gone = std::move(gone);
+        update();
+    }
+}
+
+bool KeyboardView::event(QEvent* event) {
+    if (event->type() == QEvent::ToolTip) {
+        const auto* help = static_cast<QHelpEvent*>(event);
+        const KeySpec* spec = cellAt(help->pos());
+        const QString state =
+            spec && spec->kind == KeySpec::Kind::key ? mediaState(spec->code) : QString();
+        if (state.isEmpty())
+            QToolTip::hideText();
+        else
+            QToolTip::showText(help->globalPos(), state, this);
+        return true;
+    }
+    return QWidget::event(event);
 }
 
 KeyboardView::LiveLook KeyboardView::lookOf(const Cell& cell) const {
@@ -174,6 +235,8 @@ void KeyboardView::paintEvent(QPaintEvent* event) {
             p.setFont(font);
             break;
         }
+        if (assigned)
+            drawMediaMark(p, r, spec.code);
         if (!name.isEmpty()) {
             font.setBold(false);
             font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.17)));
@@ -182,6 +245,49 @@ void KeyboardView::paintEvent(QPaintEvent* event) {
                        Qt::AlignLeft | Qt::AlignVCenter | Qt::TextWordWrap, name);
         }
     }
+}
+
+// Bottom right of a cell: a red disc with a white bar for media that cannot play, an amber
+// triangle for damaged data or a file gone from disk, and the progress text while loading.
+// Shapes, not glyphs: every font draws them.
+void KeyboardView::drawMediaMark(QPainter& p, const QRectF& r, KeyCode code) const {
+    const QString state = mediaState(code);
+    if (state.isEmpty())
+        return;
+    const auto& table = m_model.media().table();
+    const auto info = table.find(m_model.document().assignments.at(code).mediaKey());
+    const double size = std::max(10.0, r.height() * 0.22);
+    const QRectF mark(r.right() - size - 5, r.bottom() - size - 12, size, size);
+    p.save();
+    if (info != table.end() && info->second.loading) {
+        QFont small = p.font();
+        small.setBold(false);
+        small.setItalic(true);
+        small.setPixelSize(std::max(8, static_cast<int>(r.height() * 0.14)));
+        p.setFont(small);
+        p.setPen(QColor(250, 250, 250));
+        p.drawText(r.adjusted(5, 0, -5, -12), Qt::AlignLeft | Qt::AlignBottom,
+                   QFontMetrics(small).elidedText(state, Qt::ElideRight,
+                                                  static_cast<int>(r.width() - 10)));
+    } else if (info != table.end() && info->second.error) {
+        p.setPen(Qt::NoPen);
+        p.setBrush(QColor(210, 30, 30));
+        p.drawEllipse(mark);
+        p.fillRect(QRectF(mark.left() + size * 0.2, mark.center().y() - size * 0.09, size * 0.6,
+                          size * 0.18),
+                   Qt::white);
+    } else {
+        QPainterPath triangle;
+        triangle.moveTo(mark.center().x(), mark.top());
+        triangle.lineTo(mark.right(), mark.bottom());
+        triangle.lineTo(mark.left(), mark.bottom());
+        triangle.closeSubpath();
+        p.fillPath(triangle, QColor(245, 170, 20));
+        p.fillRect(QRectF(mark.center().x() - size * 0.06, mark.top() + size * 0.35, size * 0.12,
+                          size * 0.35),
+                   QColor(30, 30, 30));
+    }
+    p.restore();
 }
 
 void KeyboardView::mousePressEvent(QMouseEvent* event) {

@@ -5,6 +5,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
+#include <QFile>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
@@ -15,10 +16,12 @@
 
 #include "CueStage.h"
 #include "ScriptedInteraction.h"
+#include "TempDir.h"
 #include "app/CueListView.h"
 #include "app/DeckPanel.h"
 #include "app/DetailPanel.h"
 #include "app/KeyInput.h"
+#include "app/KeyboardView.h"
 #include "app/MainWindow.h"
 #include "app/MeterPanel.h"
 #include "app/OutputBar.h"
@@ -256,6 +259,65 @@ TEST_F(Views, PageListSwitchesReordersDeletesAndMarksPlayingPages) {
     remove->click();
     EXPECT_EQ(list.count(), 2);
     EXPECT_TRUE(script.asked.contains("「ページ 2」を削除しますか？"));
+}
+
+// A key whose media cannot play does not look like one that can: each state has its mark on the
+// cell and its reason as the cell's tooltip.
+TEST_F(Views, KeyCellsShowTheirMediaState) {
+    TempDir dir;
+    const auto file = [&](const char* name) {
+        const QString path = QString::fromStdString(dir.file(name));
+        QFile out(path);
+        EXPECT_TRUE(out.open(QIODevice::WriteOnly) && out.write("RIFF") == 4);
+        return path;
+    };
+    const QString deleted = file("deleted.wav");
+    struct Row {
+        KeyCode code;
+        QString path;
+        std::function<void(MediaInfo&)> state;
+        QString said; // the tooltip
+        QRgb mark;    // the colour in the middle of the mark (0: none drawn)
+    };
+    const Row rows[] = {
+        {0, file("fine.wav"), [](MediaInfo&) {}, "", 0},
+        {1, file("loading.pdf"),
+         [](MediaInfo& i) {
+             i.loading = true;
+             i.progressText = "12/40";
+         },
+         "12/40", 0},
+        {2, file("broken.wav"), [](MediaInfo& i) { i.error = "再生できないファイルです"; },
+         "再生できないファイルです", qRgb(210, 30, 30)},
+        {3, file("damaged.wav"), [](MediaInfo& i) { i.warning = "壊れたデータを含みます"; },
+         "壊れたデータを含みます", qRgb(245, 170, 20)},
+        {5, deleted, [](MediaInfo&) {},
+         "ファイルが見つかりません（読み込んだ音で再生します）: " + deleted, qRgb(245, 170, 20)},
+    };
+    for (const Row& row : rows) {
+        KeyAssignment a(row.path, 0);
+        MediaInfo info;
+        row.state(info);
+        stage.model.media().table()[a.mediaKey()] = info;
+        stage.doc().assignments[row.code] = a;
+    }
+    QFile::remove(deleted);
+    auto* keyboard = window->findChild<KeyboardView*>();
+    ASSERT_NE(keyboard, nullptr);
+    keyboard->checkFilesOnDisk();
+    const QImage drawn = keyboard->grab().toImage();
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.code);
+        EXPECT_EQ(keyboard->mediaState(row.code), row.said);
+        if (row.mark == 0)
+            continue;
+        const QRectF r = keyboard->cellRect(row.code).adjusted(2, 2, -2, -2);
+        const double size = std::max(10.0, r.height() * 0.22);
+        // Inside either shape and clear of the bar across it.
+        const QPoint middle(static_cast<int>(r.right() - 5 - size / 2 + size * 0.2),
+                            static_cast<int>(r.bottom() - 12 - size * 0.2));
+        EXPECT_EQ(drawn.pixel(middle), row.mark);
+    }
 }
 
 TEST_F(Views, CueListShowsEveryRunningCueWithItsPageAndProgress) {
