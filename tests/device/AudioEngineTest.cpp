@@ -341,3 +341,75 @@ TEST(DeviceWatch, OneClientForTheWholeShowAndChangesHeardAtOnce) {
 }
 
 } // namespace
+
+#include "PipeWireSession.h"
+#include "Sanitizer.h"
+#include "device/PipeWireBackend.h"
+
+namespace {
+
+// Threads and resident kilobytes of this process, from the kernel.
+std::pair<int, long> threadsAndResident() {
+    std::ifstream status("/proc/self/status");
+    int threads = 0;
+    long resident = 0;
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("Threads:", 0) == 0)
+            threads = std::stoi(line.substr(8));
+        if (line.rfind("VmRSS:", 0) == 0)
+            resident = std::stol(line.substr(6));
+    }
+    return {threads, resident};
+}
+
+// On a real PipeWire session: sinks with their own channels, the desktop's default followed when
+// it changes, and fifty restarts in a row that leave no thread and no memory behind.
+TEST(PipeWireDevice, SinksTheDefaultFollowedAndRestartsThatLeaveNothingBehind) {
+    PipeWireSession session;
+    if (!session.ready())
+        GTEST_SKIP() << "no PipeWire session (scripts/setup installs pipewire and wireplumber)";
+    session.use();
+    const auto graph = PipeWireBackend::graph();
+    ASSERT_TRUE(graph);
+    EXPECT_EQ(graph->defaultSink, "vorlin-test-stereo");
+    EXPECT_EQ(graph->rate, 48000.0);
+    std::vector<AudioOutputDevice> devices;
+    PipeWireBackend::addDevices(devices);
+    ASSERT_EQ(devices.size(), 2u);
+    EXPECT_EQ(devices[1].uid, "vorlin-test-8ch");
+    EXPECT_EQ(devices[1].name, "Test eight channels");
+    EXPECT_EQ(devices[1].channels, 8);
+
+    AudioEngine engine;
+    std::atomic<int> notices{0};
+    engine.onConfigurationChange = [&] { ++notices; };
+    engine.start(std::nullopt);
+    EXPECT_EQ(engine.activeDevice(), "pipewire:vorlin-test-stereo");
+    EXPECT_EQ(engine.channelCount(), 2);
+    // The user picks another output in the desktop's settings: the engine is told, and a
+    // restart lands there.
+    ASSERT_EQ(std::system("pw-metadata 0 default.configured.audio.sink "
+                          "'{\"name\":\"vorlin-test-8ch\"}' Spa:String:JSON >/dev/null"),
+              0);
+    ASSERT_TRUE(waitFor([&] { return notices > 0; }, 3000ms));
+    engine.start(std::nullopt);
+    EXPECT_EQ(engine.activeDevice(), "pipewire:vorlin-test-8ch");
+    EXPECT_EQ(engine.channelCount(), 8);
+    EXPECT_NE(engine.playingDescription().find("PipeWire: Test eight channels · 8 ch · 48 kHz"),
+              std::string::npos)
+        << engine.playingDescription();
+
+    for (int warmUp = 0; warmUp < 3; ++warmUp)
+        engine.start(std::string("pipewire:vorlin-test-stereo"));
+    const auto before = threadsAndResident();
+    for (int restart = 0; restart < 50; ++restart)
+        engine.start(
+            std::string(restart % 2 ? "pipewire:vorlin-test-stereo" : "pipewire:vorlin-test-8ch"));
+    const auto after = threadsAndResident();
+    EXPECT_EQ(after.first, before.first) << "threads";
+    if (!kSanitized) { // the sanitizer keeps freed memory in quarantine
+        EXPECT_LT(std::abs(after.second - before.second), 5 * 1024) << "kB resident";
+    }
+}
+
+} // namespace
