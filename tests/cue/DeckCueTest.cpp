@@ -77,3 +77,26 @@ TEST(DeckTiming, APictureNeverAdvancesSoonerThanAThirdOfASecond) {
 }
 
 } // namespace
+
+namespace {
+
+// A deck's progress is the item shown among the enabled ones, whatever the items are: on the
+// cue's row and on the key.
+TEST(DeckProgress, IsTheItemShownOfTheEnabledOnes) {
+    for (const bool pictures : {false, true}) {
+        SCOPED_TRACE(pictures ? "pictures" : "sounds");
+        CueStage stage;
+        KeyAssignment& a = stage.addListKey(kA, 4, 10.0, pictures);
+        a.deckItems->at(2).enabled = false;
+        for (const auto& [presses, expected] :
+             std::vector<std::pair<int, double>>{{1, 1.0 / 3}, {2, 2.0 / 3}, {3, 1.0}}) {
+            stage.press(kA);
+            stage.run(0.4);
+            ASSERT_FALSE(stage.model.live().cues().empty()) << presses;
+            EXPECT_DOUBLE_EQ(stage.model.live().cues().at(0).progress, expected) << presses;
+            EXPECT_DOUBLE_EQ(stage.model.live().progress().at(kA), expected) << presses;
+        }
+    }
+}
+
+} // namespace
