@@ -13,6 +13,7 @@
 #include <QtEndian>
 
 #include "PipeWireSession.h"
+#include "ProcessStats.h"
 #include "TempDir.h"
 #include "WavFiles.h"
 #include "audio/WavWriter.h"
@@ -176,20 +177,9 @@ TEST_F(Play, ASoundServerThatDiesAndReturnsIsSurvived) {
     session.kill();
     EXPECT_TRUE(said("出力: 出力なし（無音）", 2000)) << err.toStdString();
     const auto pid = static_cast<pid_t>(player.processId());
-    const auto cpu = [pid] {
-        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-        std::string text((std::istreambuf_iterator<char>(stat)), {});
-        std::istringstream fields(text.substr(text.rfind(')') + 2));
-        std::string skip;
-        for (int i = 3; i < 14; ++i)
-            fields >> skip;
-        double user = 0, system = 0;
-        fields >> user >> system;
-        return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
-    };
-    const double before = cpu();
+    const double before = cpuSeconds(pid);
     std::this_thread::sleep_for(2s);
-    EXPECT_LT(cpu() - before, 0.2) << "seconds of CPU while waiting 2 s for the server";
+    EXPECT_LT(cpuSeconds(pid) - before, 0.2) << "seconds of CPU while waiting 2 s for the server";
     ASSERT_TRUE(session.restart());
     const pid_t recorder = session.record("vorlin-test-8ch", kChannels, dir.file("back.wav"));
     EXPECT_TRUE(said("出力: PipeWire: Test eight channels", 4000)) << err.toStdString();

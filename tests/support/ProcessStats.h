@@ -6,6 +6,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+// What the kernel says of a process (the benchmarks and the tests of the running program).
+
 // Seconds of CPU (user + system) a process has used so far.
 inline double cpuSeconds(pid_t pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
