@@ -31,7 +31,6 @@ const QString kLastCheck = QStringLiteral("update.lastCheck");
 const QString kSkippedBuild = QStringLiteral("update.skippedBuild");
 constexpr double kCheckInterval = 72000.0; // seconds between automatic checks
 constexpr int kLaunchDelay = 3000;         // ms after start-up
-constexpr int kTransferTimeout = 30000;    // ms without a byte before a transfer fails
 
 const QString kNeedsSystem = QStringLiteral("%1 以降が必要です");
 const QString kOffer = QStringLiteral("Vorlin %1があります\n%2\n\nアップデートすると Vorlin "
@@ -122,7 +121,7 @@ void Updater::checkOnLaunch(int instance) {
 
 void Updater::check(bool userInitiated) {
     QNetworkRequest request(m_options.feed);
-    request.setTransferTimeout(kTransferTimeout);
+    request.setTransferTimeout(static_cast<int>(m_options.transferTimeout.count()));
     QNetworkReply* reply = m_network->get(request);
     auto why = std::make_shared<QString>();
     bound(reply, m_options.feedTimeLimit, m_options.maxFeedBytes,
@@ -227,7 +226,7 @@ void Updater::install(const Release& release) {
     }
     m_cancelled = false;
     QNetworkRequest request(QUrl(release.zip));
-    request.setTransferTimeout(kTransferTimeout);
+    request.setTransferTimeout(static_cast<int>(m_options.transferTimeout.count()));
     m_download = m_network->get(request);
     // What arrives goes to disk as it comes: never more than this in memory.
     m_download->setReadBufferSize(1 << 20);

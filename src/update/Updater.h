@@ -44,6 +44,8 @@ public:
         qint64 maxFeedBytes = 1 << 20;
         qint64 maxArchiveBytes = 512ll << 20;
         std::chrono::milliseconds feedTimeLimit{30000};
+        // A transfer with no byte for this long has stalled.
+        std::chrono::milliseconds transferTimeout{30000};
         std::chrono::milliseconds downloadTimeLimit{30 * 60 * 1000};
     };
     // Release notes beyond this many characters are cut (the offer shows them scrolled).

@@ -374,6 +374,19 @@ TEST_F(UpdaterTest, FeedsAndArchivesAreBoundedInSizeAndTime) {
                                      "アーカイブが大きすぎます（案内された大きさか 16 MB を超えまし"
                                      "た））"});
     EXPECT_EQ(updateFolders(), folders);
+
+    // An archive whose server never sends a byte: the transfer gives up by itself.
+    server.routes["/silent.tar.zst"] = {archives->bytes.at("good"), TestServer::Answer::never};
+    setFeed("0.2.0", 2, "/silent.tar.zst");
+    bounded.transferTimeout = std::chrono::seconds(1);
+    ui.alerts.clear();
+    Updater silent(bounded, ui);
+    check(silent, true);
+    ASSERT_EQ(ui.alerts.size(), 1);
+    EXPECT_TRUE(
+        ui.alerts[0].startsWith("アップデートできませんでした: ダウンロードできませんでした（"))
+        << ui.alerts[0].toStdString();
+    EXPECT_EQ(updateFolders(), folders);
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
     if (!kSanitized) { // the sanitizer keeps freed memory in quarantine
