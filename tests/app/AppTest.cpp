@@ -47,6 +47,23 @@ TEST(KeyCodeMap, PhysicalPositionsIncludingTheJisKeys) {
     // X11 and Wayland key codes are evdev + 8.
     EXPECT_EQ(KeyCodeMap::fromXkb(KEY_A + 8), 0);
     EXPECT_FALSE(KeyCodeMap::fromXkb(3));
+    // A key event without a scan code is placed by its Qt key where the physical key is.
+    const std::pair<int, int> same[] = {
+        {Qt::Key_Backspace, KEY_BACKSPACE},
+        {Qt::Key_Return, KEY_ENTER},
+        {Qt::Key_Enter, KEY_ENTER},
+        {Qt::Key_Tab, KEY_TAB},
+        {Qt::Key_Space, KEY_SPACE},
+        {Qt::Key_Escape, KEY_ESC},
+        {Qt::Key_QuoteLeft, KEY_GRAVE},
+        {Qt::Key_A, KEY_A},
+        {Qt::Key_F5, KEY_F5},
+        {Qt::Key_F12, KEY_F12},
+        {Qt::Key_yen, KEY_YEN},
+        {Qt::Key_Slash, KEY_SLASH},
+    };
+    for (const auto& [qt, evdev] : same)
+        EXPECT_EQ(KeyCodeMap::fromQtKey(qt), KeyCodeMap::fromEvdev(evdev)) << qt;
 }
 
 // A copy of the probe program holding an instance number.

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 #include <linux/input-event-codes.h>
 
+#include <QAbstractButton>
+#include <QAbstractItemView>
+#include <QAbstractSlider>
 #include <QApplication>
+#include <QComboBox>
 #include <QElapsedTimer>
 #include <QKeyEvent>
 #include <QLineEdit>
@@ -10,6 +14,8 @@
 #include <QMimeData>
 #include <QPushButton>
 #include <QRegularExpression>
+#include <QScrollBar>
+#include <QTabBar>
 #include <QTableWidget>
 #include <QTimer>
 
@@ -113,6 +119,21 @@ TEST_F(Window, AClickedTextFieldKeepsItsKeysAndSaysWhyNothingPlays) {
     send(QEvent::KeyPress, Qt::Key_A, KEY_A, {}, false, field);
     EXPECT_FALSE(model.document().selectedKey);
     EXPECT_EQ(model.status().text(), KeyInput::kFieldMessage);
+}
+
+// Nothing in the window but a text field ever takes the keyboard: lists, buttons, choices and
+// sliders leave the keys to the show.
+TEST_F(Window, OnlyTextFieldsEverTakeTheKeyboard) {
+    for (QWidget* widget : window->findChildren<QWidget*>()) {
+        const bool control =
+            qobject_cast<QAbstractItemView*>(widget) || qobject_cast<QAbstractButton*>(widget) ||
+            qobject_cast<QComboBox*>(widget) ||
+            (qobject_cast<QAbstractSlider*>(widget) && !qobject_cast<QScrollBar*>(widget));
+        // (A tab bar's own scroll arrows take no focus on a click.)
+        if (control && !qobject_cast<QTabBar*>(widget->parentWidget()))
+            EXPECT_EQ(widget->focusPolicy(), Qt::NoFocus)
+                << widget->metaObject()->className() << " " << widget->objectName().toStdString();
+    }
 }
 
 TEST_F(Window, TitleFollowsDocumentPageAndChanges) {

@@ -95,6 +95,31 @@ public:
     std::vector<float> first = std::vector<float>(256);
 };
 
+// A device that reports a change the moment it starts.
+class ChangingDevice : public ImpatientDevice {
+public:
+    void start(Mixer& mixer, Notice notice) override {
+        ImpatientDevice::start(mixer, notice);
+        notice();
+    }
+};
+
+// A notice reaches whoever listens, and an engine nobody listens to (a headless run, a
+// test) lets it pass: nothing is called that is not there.
+TEST(DeviceChoice, ANoticeReachesTheListenerAndPassesWhenNoneListens) {
+    std::atomic<int> heard{0};
+    {
+        AudioEngine engine;
+        engine.onConfigurationChange = [&] { ++heard; };
+        engine.start(std::make_unique<ChangingDevice>(), "changing");
+        EXPECT_TRUE(waitFor([&] { return heard == 1; }));
+    }
+    AudioEngine quiet;
+    quiet.start(std::make_unique<ChangingDevice>(), "changing");
+    std::this_thread::sleep_for(100ms); // the watcher has taken the notice by now
+    EXPECT_EQ(heard, 1);
+}
+
 TEST(DeviceChoice, TheFirstBlockOfADeviceAtAnotherRateAlreadyPlaysAtThatRate) {
     AudioEngine engine; // the mixer starts out at 48 kHz
     auto clip = distinctClip(4000);
