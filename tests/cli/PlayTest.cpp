@@ -4,6 +4,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/prctl.h>
 #include <thread>
 
 #include <QElapsedTimer>
@@ -99,6 +100,8 @@ protected:
         for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
             env.remove(QString::fromLatin1(variable));
         player.setProcessEnvironment(env);
+        // Gone with the test, however the test ends.
+        player.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
         QStringList command{QStringLiteral(VORLIN_EXECUTABLE), "play", show, "--osc",
                             QString::number(port)};
         if (!wrapper.isEmpty())
