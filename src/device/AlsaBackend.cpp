@@ -26,7 +26,17 @@ bool isListedPcm(const std::string& name) {
                        [&](const char* p) { return name.rfind(p, 0) == 0; });
 }
 
-std::int64_t alsaChannels(const std::string& name) {
+// The channels of PipeWire's default output in a look at its graph; stereo without one.
+std::int64_t defaultSinkChannels(const std::optional<PipeWireBackend::Graph>& graph) {
+    if (graph)
+        for (const PipeWireBackend::Sink& sink : graph->sinks)
+            if (sink.name == graph->defaultSink)
+                return sink.channels;
+    return 2;
+}
+
+// `serverChannels`: what a sound server's PCM is worth sending (AlsaBackend::serverChannels).
+std::int64_t alsaChannels(const std::string& name, std::int64_t serverChannels) {
     snd_pcm_t* pcm = nullptr;
     if (snd_pcm_open(&pcm, name.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK) < 0)
         return 0;
@@ -36,9 +46,8 @@ std::int64_t alsaChannels(const std::string& name) {
     if (snd_pcm_hw_params_any(pcm, hw) >= 0)
         snd_pcm_hw_params_get_channels_max(hw, &channels);
     snd_pcm_close(pcm);
-    return std::min<std::int64_t>(channels, AlsaBackend::isSoundServer(name)
-                                                ? AlsaBackend::serverChannels()
-                                                : Mixer::kMaxOutputs);
+    return std::min<std::int64_t>(channels, AlsaBackend::isSoundServer(name) ? serverChannels
+                                                                             : Mixer::kMaxOutputs);
 }
 
 constexpr snd_pcm_uframes_t kPeriodFrames = 256;
@@ -65,12 +74,7 @@ bool AlsaBackend::isSoundServer(const std::string& pcmName) {
 }
 
 std::int64_t AlsaBackend::serverChannels() {
-    if (const auto graph = PipeWireBackend::graph()) {
-        for (const PipeWireBackend::Sink& sink : graph->sinks)
-            if (sink.name == graph->defaultSink)
-                return sink.channels;
-    }
-    return 2;
+    return defaultSinkChannels(PipeWireBackend::graph());
 }
 
 bool AlsaBackend::canOpen(const std::string& pcmName) {
@@ -257,6 +261,9 @@ bool AlsaBackend::writePeriod() {
 
 void AlsaBackend::addDevices(std::vector<AudioOutputDevice>& devices) {
     silenceLibraryMessages();
+    // One look at PipeWire for the whole listing, however many PCMs lead to it.
+    const auto graph = PipeWireBackend::graph();
+    const std::int64_t serverChannels = defaultSinkChannels(graph);
     void** hints = nullptr;
     if (snd_device_name_hint(-1, "pcm", &hints) < 0)
         return;
@@ -266,10 +273,10 @@ void AlsaBackend::addDevices(std::vector<AudioOutputDevice>& devices) {
         char* direction = snd_device_name_get_hint(*hint, "IOID");
         const bool output = !direction || std::string(direction) == "Output";
         if (name && output && isListedPcm(name)) {
-            if (const std::int64_t channels = alsaChannels(name); channels > 0) {
+            if (const std::int64_t channels = alsaChannels(name, serverChannels); channels > 0) {
                 std::string label = description ? description : name;
                 std::replace(label.begin(), label.end(), '\n', ' ');
-                if (isSoundServer(name) && channels > 2 && PipeWireBackend::graph())
+                if (isSoundServer(name) && channels > 2 && graph)
                     label +=
                         "（PipeWire 経由: チャンネルの並びは PipeWire の出力を選ぶと確実です）";
                 devices.push_back({0, name, label, channels});
