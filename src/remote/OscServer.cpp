@@ -261,18 +261,11 @@ void OscServer::handle(const QByteArray& datagram, const QHostAddress& sender, q
         case RemoteCommand::Kind::subscribe:
             if (std::exchange(subscribed, true))
                 continue;
-            if (m_subscribers.size() >= kMaxSubscribers) {
-                dropExpired();
-                if (m_subscribers.size() >= kMaxSubscribers &&
-                    std::none_of(
-                        m_subscribers.begin(), m_subscribers.end(),
-                        [&](const Subscriber& s) { return s.port == port && s.host == sender; })) {
-                    ++m_counts.subscribersRefused;
-                    why = kTooManySubscribers.arg(kMaxSubscribers);
-                    continue;
-                }
+            if (!subscribe(sender, port)) {
+                ++m_counts.subscribersRefused;
+                why = kTooManySubscribers.arg(kMaxSubscribers);
+                continue;
             }
-            subscribe(sender, port);
             break;
         case RemoteCommand::Kind::unsubscribe:
             unsubscribe(sender, port);
@@ -284,19 +277,23 @@ void OscServer::handle(const QByteArray& datagram, const QHostAddress& sender, q
     }
 }
 
-void OscServer::subscribe(const QHostAddress& host, quint16 port) {
+bool OscServer::subscribe(const QHostAddress& host, quint16 port) {
     const auto until = std::chrono::steady_clock::now() + m_lifetime;
-    for (Subscriber& subscriber : m_subscribers)
-        if (subscriber.port == port && subscriber.host == host) {
-            subscriber.until = until;
-            return;
-        }
+    const auto found = std::find_if(m_subscribers.begin(), m_subscribers.end(),
+                                    [&](const Subscriber& s) { return s.is(host, port); });
+    if (found != m_subscribers.end()) {
+        found->until = until;
+        return true;
+    }
+    dropExpired();
+    if (m_subscribers.size() >= kMaxSubscribers)
+        return false;
     m_subscribers.push_back({host, port, until});
+    return true;
 }
 
 void OscServer::unsubscribe(const QHostAddress& host, quint16 port) {
-    std::erase_if(m_subscribers,
-                  [&](const Subscriber& s) { return s.port == port && s.host == host; });
+    std::erase_if(m_subscribers, [&](const Subscriber& s) { return s.is(host, port); });
 }
 
 void OscServer::dropExpired() {

@@ -91,6 +91,7 @@ private:
         QHostAddress host;
         quint16 port = 0;
         std::chrono::steady_clock::time_point until;
+        bool is(const QHostAddress& h, quint16 p) const { return port == p && host == h; }
     };
 
     void readPending();
@@ -100,7 +101,8 @@ private:
     // kept in `master` instead.
     void handle(const QByteArray& datagram, const QHostAddress& sender, quint16 port, int& acted,
                 std::optional<RemoteCommand>& master, QString& why);
-    void subscribe(const QHostAddress& host, quint16 port);
+    // Subscribes or renews; false when a new one would pass kMaxSubscribers.
+    bool subscribe(const QHostAddress& host, quint16 port);
     void unsubscribe(const QHostAddress& host, quint16 port);
     void dropExpired();
 
