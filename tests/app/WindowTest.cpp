@@ -130,9 +130,10 @@ TEST_F(Window, OnlyTextFieldsEverTakeTheKeyboard) {
             qobject_cast<QComboBox*>(widget) ||
             (qobject_cast<QAbstractSlider*>(widget) && !qobject_cast<QScrollBar*>(widget));
         // (A tab bar's own scroll arrows take no focus on a click.)
-        if (control && !qobject_cast<QTabBar*>(widget->parentWidget()))
+        if (control && !qobject_cast<QTabBar*>(widget->parentWidget())) {
             EXPECT_EQ(widget->focusPolicy(), Qt::NoFocus)
                 << widget->metaObject()->className() << " " << widget->objectName().toStdString();
+        }
     }
 }
 
