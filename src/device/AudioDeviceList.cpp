@@ -13,6 +13,7 @@
 
 #include "device/BackendKind.h"
 #include "device/JackBackend.h"
+#include "device/PipeWireWatch.h"
 
 namespace {
 
@@ -29,7 +30,8 @@ std::string soundCards() {
     return text;
 }
 
-// Watches the sound cards (a cheap look every 2 s, no PCM opened) and JACK. A client opened
+// Watches the sound cards (a cheap look every 2 s, no PCM opened), PipeWire's sinks (its
+// registry says at once) and JACK. A client opened
 // and closed every 2 s would announce itself to every client of the server each time, during
 // the show; so one watch client is registered once, while a server runs, and hears of port
 // changes and of the server's end from JACK's own callbacks. Without a server, a connection
@@ -54,9 +56,11 @@ public:
     }
 
 private:
-    // What exists: sound cards and JACK's physical playback ports.
+    // What exists: sound cards, PipeWire's sinks and JACK's physical playback ports.
     std::string inventory() {
         std::string text = soundCards();
+        m_pipewire.look();
+        text += m_pipewire.sinks();
         if (m_client && m_serverGone.load())
             m_client = nullptr; // its threads ended with the server
         if (!m_client)
@@ -103,7 +107,7 @@ private:
         m_client = client;
     }
 
-    // From JACK's threads: look again now rather than at the next 2 s.
+    // From JACK's and PipeWire's threads: look again now rather than at the next 2 s.
     void poke() {
         {
             std::lock_guard lock(m_mutex);
@@ -138,6 +142,7 @@ private:
     std::condition_variable m_wake;
     bool m_quit = false;
     bool m_poked = false;
+    PipeWireWatch m_pipewire{[this] { poke(); }}; // after what poke() uses
     std::thread m_thread;
 };
 

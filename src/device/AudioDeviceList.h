@@ -8,8 +8,9 @@
 
 #include "device/AudioOutputDevice.h"
 
-// The output devices the operator can choose: JACK devices (clients with physical playback
-// ports) when a JACK server runs, ALSA playback PCMs, and "null" (no output).
+// The output devices the operator can choose: PipeWire's sinks when a PipeWire server runs, JACK
+// devices (clients with physical playback ports) when a JACK server runs, ALSA playback PCMs,
+// and "null" (no output).
 // Any thread; listing may open ALSA devices briefly (non-blocking), so keep it off the main
 // thread where a list is refreshed often.
 namespace AudioDeviceList {
@@ -19,8 +20,8 @@ namespace AudioDeviceList {
 std::vector<AudioOutputDevice>
 outputDevices(const std::optional<std::vector<AudioOutputDevice>>& jackDevices = std::nullopt);
 
-// Watches for devices coming and going (sound cards plugged, JACK servers and hardware
-// ports appearing) and calls `changed` from a watcher thread. Watching ends when the returned
+// Watches for devices coming and going (sound cards plugged, PipeWire sinks, JACK servers and
+// hardware ports appearing) and calls `changed` from a watcher thread. Watching ends when the returned
 // handle is destroyed.
 class Watch {
 public:

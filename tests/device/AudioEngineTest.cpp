@@ -437,4 +437,44 @@ TEST(PipeWireDevice, SinksTheDefaultFollowedAndRestartsThatLeaveNothingBehind) {
     }
 }
 
+// The device list on a PipeWire desktop follows the registry: a sink that appears or goes, and
+// the server ending and returning, are heard at once, not at the watch's next 2 s look.
+TEST(DeviceWatch, PipeWireSinksComingAndGoingAreHeardAtOnce) {
+    PipeWireSession session;
+    if (!session.ready())
+        GTEST_SKIP() << "no PipeWire session (scripts/setup installs pipewire and wireplumber)";
+    session.use();
+    std::atomic<int> changes{0};
+    auto watch = AudioDeviceList::observeChanges([&] { ++changes; });
+    std::this_thread::sleep_for(2500ms); // settled after its first looks
+    changes = 0;
+    const auto heardWithin = [&](const std::string& command) {
+        changes = 0;
+        const auto before = std::chrono::steady_clock::now();
+        EXPECT_EQ(std::system(command.c_str()), 0) << command;
+        const bool heard = waitFor([&] { return changes.load() > 0; }, 3000ms);
+        return heard ? std::chrono::duration_cast<std::chrono::milliseconds>(
+                           std::chrono::steady_clock::now() - before)
+                     : 9999ms;
+    };
+    EXPECT_LT(heardWithin("pw-cli create-node adapter '{ factory.name=support.null-audio-sink "
+                          "node.name=vorlin-test-extra node.description=Extra "
+                          "media.class=Audio/Sink object.linger=true audio.channels=2 "
+                          "audio.position=[ FL FR ] }' >/dev/null"),
+              700ms);
+    const auto devices = AudioDeviceList::outputDevices();
+    EXPECT_TRUE(std::ranges::any_of(devices, [](const AudioOutputDevice& d) {
+        return d.uid == "pipewire:vorlin-test-extra";
+    }));
+    EXPECT_LT(heardWithin("pw-cli destroy vorlin-test-extra >/dev/null"), 700ms);
+    changes = 0;
+    const auto killed = std::chrono::steady_clock::now();
+    session.kill();
+    EXPECT_TRUE(waitFor([&] { return changes.load() > 0; }, 700ms))
+        << std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 killed)
+               .count()
+        << " ms";
+}
+
 } // namespace
