@@ -367,6 +367,7 @@ TEST(DeviceWatch, OneClientForTheWholeShowAndChangesHeardAtOnce) {
 
 } // namespace
 
+#include "PipeWireRecorder.h"
 #include "PipeWireSession.h"
 #include "Sanitizer.h"
 #include "device/PipeWireBackend.h"
@@ -475,6 +476,42 @@ TEST(DeviceWatch, PipeWireSinksComingAndGoingAreHeardAtOnce) {
                                                                  killed)
                .count()
         << " ms";
+}
+
+// The same clock on PipeWire: the stream's time (CLOCK_MONOTONIC) plus its delay to the sink
+// stamps each block, so a voice armed for a host time reaches the sink then. Measured on the
+// sink's monitor, whose cycle times are the graph's own (not when a thread happened to run), so
+// the check holds to a millisecond. Where the graph orders the recorder against the sink, the
+// monitor shows a cycle's sound in that cycle or in the next: the same for all of one session.
+TEST(DeviceClock, AVoiceArmedForAHostTimeReachesThePipeWireSinkThen) {
+    PipeWireSession session;
+    if (!session.ready())
+        GTEST_SKIP() << "no PipeWire session (scripts/setup installs pipewire and wireplumber)";
+    session.use();
+    AudioEngine engine;
+    engine.start(std::string("pipewire:vorlin-test-stereo"));
+    auto* backend = dynamic_cast<PipeWireBackend*>(engine.backend());
+    ASSERT_NE(backend, nullptr);
+    PipeWireRecorder recorder("vorlin-test-stereo", 2);
+    ASSERT_TRUE(recorder.connected());
+    ASSERT_TRUE(waitFor([&] { return recorder.frames() > 9600 && backend->quantum() > 0; }));
+    const double quantum = static_cast<double>(backend->quantum()) / backend->sampleRate();
+    for (const double ahead : {0.05, 0.0123, 0.2}) {
+        recorder.rearm();
+        const auto id = engine.mixer().play(constantClip(0.5f, 48000), {{0, 0}}, 1, 0, false, true);
+        const std::uint64_t start = HostTime::now() + HostTime::secondsToTicks(ahead);
+        engine.mixer().setStart(id, start);
+        ASSERT_TRUE(waitFor([&] { return recorder.firstSoundHostTime() != 0; }, 2000ms));
+        const double delay = backend->latency() - quantum;
+        const double expected = static_cast<double>(start) * 1e-9 - delay;
+        double miss = static_cast<double>(recorder.firstSoundHostTime()) * 1e-9 - expected;
+        if (miss > quantum / 2)
+            miss -= quantum; // seen in the next cycle
+        EXPECT_NEAR(miss, 0.0, 0.001) << "armed " << ahead << " s ahead; quantum "
+                                      << quantum * 1000 << " ms, delay " << delay * 1000 << " ms";
+        engine.mixer().stop(id, 0.0);
+        std::this_thread::sleep_for(100ms);
+    }
 }
 
 } // namespace

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+// Records the monitor of one PipeWire sink with a capture stream of its own, and notes when
+// the first sound (|x| > 0.1 on the sink's first channel) reached it: the graph's time of that
+// cycle plus the sample's place in it, on CLOCK_MONOTONIC. The clock measured here, independent
+// of what the program under test believes. Use it inside a PipeWireSession.
+class PipeWireRecorder {
+public:
+    PipeWireRecorder(const std::string& sink, int channels);
+    ~PipeWireRecorder();
+    PipeWireRecorder(const PipeWireRecorder&) = delete;
+    PipeWireRecorder& operator=(const PipeWireRecorder&) = delete;
+
+    bool connected() const { return m_connected; }
+    std::int64_t frames() const;
+    // 0 while only silence came.
+    std::uint64_t firstSoundHostTime() const;
+    // Listens for the next first sound.
+    void rearm();
+
+    struct Impl;
+
+private:
+    std::unique_ptr<Impl> m_impl;
+    bool m_connected = false;
+};
