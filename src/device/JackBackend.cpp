@@ -146,8 +146,10 @@ int JackBackend::process(std::uint32_t frames, void* arg) {
     const bool valid = jack_get_cycle_times(self->m_client, &currentFrames, &currentUsecs,
                                             &nextUsecs, &periodUsecs) == 0;
     const std::uint64_t began = HostTime::now();
+    const std::uint64_t cpu = RenderTimes::threadNow();
     self->m_mixer->render(frames, AudioTimeStamp{self->toHostTime(currentUsecs, began), valid},
                           self->m_buffers);
+    self->m_renderTimes.record(RenderTimes::threadNow() - cpu);
     const std::uint64_t took = HostTime::now() - began;
     const std::uint64_t waited = self->m_mixer->lastLockWait();
     if (took > self->m_longestCycle.load(std::memory_order_relaxed))

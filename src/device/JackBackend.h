@@ -6,6 +6,7 @@
 
 #include "audio/AudioBufferList.h"
 #include "device/AudioBackend.h"
+#include "device/RenderTimes.h"
 #include "device/AudioOutputDevice.h"
 
 typedef struct _jack_client jack_client_t;
@@ -61,6 +62,8 @@ public:
     // without that wait, in seconds.
     double longestLockWait() const { return static_cast<double>(m_longestLockWait.load()) * 1e-9; }
     double longestMix() const { return static_cast<double>(m_longestMix.load()) * 1e-9; }
+    // The mix's processor time per cycle, since this back end was made.
+    const RenderTimes& renderTimes() const { return m_renderTimes; }
 
 private:
     static int process(std::uint32_t frames, void* self);
@@ -92,6 +95,7 @@ private:
     std::atomic<std::uint64_t> m_longestCycle{0};
     std::atomic<std::uint64_t> m_longestLockWait{0};
     std::atomic<std::uint64_t> m_longestMix{0};
+    RenderTimes m_renderTimes;
 
     // Process thread only: host time − JACK time, in nanoseconds.
     static constexpr std::uint64_t kTrustedReading = 20'000; // ns

@@ -314,9 +314,11 @@ struct PipeWireBackend::Impl {
         delayNs.store(delay, std::memory_order_relaxed);
         owner->m_quantumSeen.store(frames, std::memory_order_relaxed);
         if (mixer && !lost.load(std::memory_order_relaxed)) {
+            const std::uint64_t cpu = RenderTimes::threadNow();
             mixer->render(
                 frames, AudioTimeStamp{static_cast<std::uint64_t>(time.now + delay), time.now > 0},
                 buffers);
+            owner->m_renderTimes.record(RenderTimes::threadNow() - cpu);
         } else {
             for (const AudioChannelBuffer& channel : buffers)
                 if (channel.data)

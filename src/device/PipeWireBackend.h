@@ -9,6 +9,7 @@
 
 #include "device/AudioBackend.h"
 #include "device/AudioOutputDevice.h"
+#include "device/RenderTimes.h"
 
 // A stream into one PipeWire sink (an Audio/Sink node), the sound server of every current
 // desktop. The device is named by the node's stable `node.name` (never its description, which
@@ -50,6 +51,8 @@ public:
     const std::string& description() const { return m_description; }
     // The quantum the graph runs us at (frames), once cycles run.
     std::int64_t quantum() const { return m_quantumSeen.load(); }
+    // The mix's processor time per cycle, since this back end was made.
+    const RenderTimes& renderTimes() const { return m_renderTimes; }
 
     struct Sink {
         std::string name;        // node.name
@@ -79,5 +82,6 @@ private:
     std::int64_t m_channels = 0;
     double m_rate = 0.0;
     std::atomic<std::int64_t> m_quantumSeen{0};
+    RenderTimes m_renderTimes;
     std::unique_ptr<Impl> m_impl;
 };
