@@ -78,8 +78,12 @@ public:
             env.remove(QString::fromLatin1(variable));
         m_process.setProcessEnvironment(env);
         m_process.setChildProcessModifier([] { prctl(PR_SET_PDEATHSIG, SIGKILL); });
-        QStringList command{QStringLiteral(VORLIN_EXECUTABLE), "play",   show,
-                            "--device",                        device,   "--osc",
+        QStringList command{QStringLiteral(VORLIN_EXECUTABLE),
+                            "play",
+                            show,
+                            "--device",
+                            device,
+                            "--osc",
                             QString::number(port)};
         if (!wrapper.isEmpty())
             command.prepend(wrapper);

@@ -251,7 +251,9 @@ bool AlsaBackend::writePeriod() {
         // Underruns and suspends are recovered; an unplugged device (ENODEV) is not. Nor is a
         // sound server's plugin whose server died: it fails every write while its recovery
         // "succeeds" (tens of thousands of times a second), so a run of failures with no frame
-        // taken counts as lost whatever recovery says.
+        // taken counts as lost whatever recovery says. (PipeWire's plugin also sends its
+        // stream's parameters again on each recovery; with the server gone they pile up,
+        // ~100 KB each, in the protocol's unsent buffer: hundreds of MB a second.)
         if (++failedInARow >= kLostAfterFailures ||
             snd_pcm_recover(m_pcm, static_cast<int>(n), 1) < 0)
             return false;

@@ -21,8 +21,8 @@ std::vector<AudioOutputDevice>
 outputDevices(const std::optional<std::vector<AudioOutputDevice>>& jackDevices = std::nullopt);
 
 // Watches for devices coming and going (sound cards plugged, PipeWire sinks, JACK servers and
-// hardware ports appearing) and calls `changed` from a watcher thread. Watching ends when the returned
-// handle is destroyed.
+// hardware ports appearing) and calls `changed` from a watcher thread. Watching ends when the
+// returned handle is destroyed.
 class Watch {
 public:
     virtual ~Watch() = default;

@@ -6,8 +6,8 @@
 
 #include "audio/AudioBufferList.h"
 #include "device/AudioBackend.h"
-#include "device/RenderTimes.h"
 #include "device/AudioOutputDevice.h"
+#include "device/RenderTimes.h"
 
 typedef struct _jack_client jack_client_t;
 typedef struct _jack_port jack_port_t;

@@ -126,8 +126,7 @@ PipeWireWatch::PipeWireWatch(std::function<void()> changed) : m_changed(std::mov
     connection->owner = this;
     connection->loop = pw_thread_loop_new("vorlin-pw-watch", nullptr);
     if (connection->loop)
-        connection->context =
-            pw_context_new(pw_thread_loop_get_loop(connection->loop), nullptr, 0);
+        connection->context = pw_context_new(pw_thread_loop_get_loop(connection->loop), nullptr, 0);
     if (connection->context && pw_thread_loop_start(connection->loop) == 0)
         m_connection = std::move(connection);
 }

@@ -464,9 +464,8 @@ TEST(DeviceWatch, PipeWireSinksComingAndGoingAreHeardAtOnce) {
                           "audio.position=[ FL FR ] }' >/dev/null"),
               700ms);
     const auto devices = AudioDeviceList::outputDevices();
-    EXPECT_TRUE(std::ranges::any_of(devices, [](const AudioOutputDevice& d) {
-        return d.uid == "pipewire:vorlin-test-extra";
-    }));
+    EXPECT_TRUE(std::ranges::any_of(
+        devices, [](const AudioOutputDevice& d) { return d.uid == "pipewire:vorlin-test-extra"; }));
     EXPECT_LT(heardWithin("pw-cli destroy vorlin-test-extra >/dev/null"), 700ms);
     changes = 0;
     const auto killed = std::chrono::steady_clock::now();
@@ -507,8 +506,8 @@ TEST(DeviceClock, AVoiceArmedForAHostTimeReachesThePipeWireSinkThen) {
         double miss = static_cast<double>(recorder.firstSoundHostTime()) * 1e-9 - expected;
         if (miss > quantum / 2)
             miss -= quantum; // seen in the next cycle
-        EXPECT_NEAR(miss, 0.0, 0.001) << "armed " << ahead << " s ahead; quantum "
-                                      << quantum * 1000 << " ms, delay " << delay * 1000 << " ms";
+        EXPECT_NEAR(miss, 0.0, 0.001) << "armed " << ahead << " s ahead; quantum " << quantum * 1000
+                                      << " ms, delay " << delay * 1000 << " ms";
         engine.mixer().stop(id, 0.0);
         std::this_thread::sleep_for(100ms);
     }

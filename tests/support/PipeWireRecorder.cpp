@@ -59,8 +59,7 @@ PipeWireRecorder::PipeWireRecorder(const std::string& sink, int channels)
         pw_thread_loop_get_loop(impl.loop), "test-recorder",
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Capture",
                           PW_KEY_STREAM_CAPTURE_SINK, "true", "target.object", sink.c_str(),
-                          PW_KEY_NODE_LATENCY, "256/48000", "stream.dont-remix", "true",
-                          nullptr),
+                          PW_KEY_NODE_LATENCY, "256/48000", "stream.dont-remix", "true", nullptr),
         &events, &impl);
     spa_audio_info_raw info{};
     info.format = SPA_AUDIO_FORMAT_F32;
@@ -70,12 +69,12 @@ PipeWireRecorder::PipeWireRecorder(const std::string& sink, int channels)
     std::uint8_t space[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof space);
     const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
-    m_connected = impl.stream &&
-                  pw_stream_connect(impl.stream, PW_DIRECTION_INPUT, PW_ID_ANY,
-                                    static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
-                                                                 PW_STREAM_FLAG_MAP_BUFFERS |
-                                                                 PW_STREAM_FLAG_RT_PROCESS),
-                                    params, 1) == 0;
+    m_connected =
+        impl.stream && pw_stream_connect(impl.stream, PW_DIRECTION_INPUT, PW_ID_ANY,
+                                         static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
+                                                                      PW_STREAM_FLAG_MAP_BUFFERS |
+                                                                      PW_STREAM_FLAG_RT_PROCESS),
+                                         params, 1) == 0;
     pw_thread_loop_unlock(impl.loop);
 }
 

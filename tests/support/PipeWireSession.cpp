@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
@@ -21,6 +22,18 @@ using namespace std::chrono_literals;
 
 bool onPath(const char* program) {
     return std::system((std::string("command -v ") + program + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// PipeWire's ALSA plugin: the machine's own, else the one scripts/setup unpacked.
+std::string alsaPlugin() {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator("/usr/lib", ignored)) {
+        const fs::path plugin = entry.path() / "alsa-lib/libasound_module_pcm_pipewire.so";
+        if (fs::exists(plugin, ignored))
+            return plugin;
+    }
+    return fs::exists(VORLIN_PIPEWIRE_ALSA_PLUGIN, ignored) ? VORLIN_PIPEWIRE_ALSA_PLUGIN : "";
 }
 
 void end(pid_t& pid, int signal) {
@@ -47,6 +60,14 @@ PipeWireSession::PipeWireSession() {
     fs::create_directories(m_dir + "/state");
     fs::copy_file(VORLIN_PIPEWIRE_SINKS,
                   m_dir + "/config/pipewire/pipewire.conf.d/vorlin-sinks.conf");
+    if (const std::string plugin = alsaPlugin();
+        !plugin.empty() && fs::exists("/usr/share/alsa/alsa.conf")) {
+        m_alsaConfig = m_dir + "/asound.conf";
+        std::ofstream(m_alsaConfig)
+            << "</usr/share/alsa/alsa.conf>\n"
+            << "pcm_type.pipewire { lib \"" << plugin << "\" }\n"
+            << "pcm.vorlin_pipewire { type pipewire playback_node \"vorlin-test-8ch\" }\n";
+    }
     m_bus = spawn({"dbus-daemon", "--session", "--nofork", "--nopidfile",
                    "--address=unix:path=" + m_dir + "/run/bus"});
     for (int i = 0; i < 50 && !fs::exists(m_dir + "/run/bus"); ++i)
@@ -65,9 +86,13 @@ PipeWireSession::~PipeWireSession() {
 }
 
 std::vector<std::pair<std::string, std::string>> PipeWireSession::environment() const {
-    return {{"XDG_RUNTIME_DIR", m_dir + "/run"},
-            {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + m_dir + "/run/bus"},
-            {"PIPEWIRE_REMOTE", "pipewire-0"}};
+    std::vector<std::pair<std::string, std::string>> env{
+        {"XDG_RUNTIME_DIR", m_dir + "/run"},
+        {"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + m_dir + "/run/bus"},
+        {"PIPEWIRE_REMOTE", "pipewire-0"}};
+    if (!m_alsaConfig.empty())
+        env.emplace_back("ALSA_CONFIG_PATH", m_alsaConfig);
+    return env;
 }
 
 void PipeWireSession::use() const {

@@ -10,7 +10,9 @@
 // tests/support/pipewire/vorlin-sinks.conf: "vorlin-test-stereo" (the default) and
 // "vorlin-test-8ch" (FL FR FC LFE RL RR SL SR). Nothing of the machine's own sound setup is
 // read or changed. Clients reach it through environment() (set it in the test process with
-// use(), or hand it to a child).
+// use(), or hand it to a child). Where PipeWire's ALSA plugin is found (installed, or unpacked
+// into .cache/ by scripts/setup), the environment also gives ALSA a private configuration with
+// the PCM "vorlin_pipewire", playing into "vorlin-test-8ch" through the plugin.
 class PipeWireSession {
 public:
     PipeWireSession();
@@ -20,6 +22,8 @@ public:
 
     // Whether the session came up with both sinks (false where PipeWire is not installed).
     bool ready() const { return m_ready; }
+    // Whether ALSA clients of the session have "vorlin_pipewire".
+    bool hasAlsaPlugin() const { return !m_alsaConfig.empty(); }
     // NAME=value pairs a client of the session needs.
     std::vector<std::pair<std::string, std::string>> environment() const;
     // Points this process's own clients at the session.
@@ -41,6 +45,7 @@ private:
     bool waitForSinks() const;
 
     std::string m_dir;
+    std::string m_alsaConfig; // the private ALSA configuration, when the plugin is there
     pid_t m_bus = -1, m_pipewire = -1, m_manager = -1;
     bool m_ready = false;
 };
