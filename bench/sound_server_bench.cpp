@@ -1,11 +1,12 @@
 // The sound servers of a desktop, on a private PipeWire session (started here) and a JACK
 // server with the dummy driver:
 //   BM_KeyToSink   an OSC key press to the first sample at the sink, for `vorlin play` as typed
-//                  on the PipeWire back end and through PipeWire's JACK (pw-jack), both running,
-//                  the presses taking turns (A, B, A, B…, 40 each). Measured on each sink's
-//                  monitor with the graph's own cycle times. Medians and p90 per path, the
-//                  quantum, and the targets: the native median ≤ one quantum + 1 ms
-//                  (ratio_to_budget ≤ 1) and ≤ 0.5 × the other path's (native_over_jack).
+//                  on the PipeWire back end against, in turn, PipeWire's JACK (pw-jack) and ALSA
+//                  through PipeWire's plugin: both players of a pair running, the presses taking
+//                  turns (A, B, A, B…, 40 each). Measured on each sink's monitor with the
+//                  graph's own cycle times. Medians and p90 per path, the quantum, and the
+//                  targets: the native median ≤ one quantum + 1 ms (ratio_to_budget ≤ 1) and
+//                  ≤ 0.5 × the ALSA path's (native_over_alsa).
 //                  The monitor shows a cycle's sound in that cycle or in the next: each sink's
 //                  lag is measured first with a voice armed for a known host time (exact to
 //                  the sample, as the device tests show) and taken off; the lag may change
@@ -144,12 +145,58 @@ double monitorLag(const std::string& sink, PipeWireRecorder& recorder) {
     return median(lags);
 }
 
+// One path under test: a player and the recorder of the sink it plays into.
+struct Path {
+    Player* player = nullptr;
+    PipeWireRecorder* sink = nullptr;
+    double lag = 0.0;            // the sink's monitor lag, ms
+    std::vector<double> presses; // ms from the OSC message to the first sample at the sink
+};
+
+// `presses` key presses to each of the two paths, taking turns.
+void alternate(Path& a, Path& b, int presses) {
+    for (int press = 0; press < 2 * presses; ++press) {
+        Path& path = press % 2 == 0 ? a : b;
+        path.sink->rearm();
+        std::this_thread::sleep_for(30ms);
+        const std::uint64_t pressed = HostTime::now();
+        path.player->send(osc("/vorlin/key/A", 1));
+        const auto deadline = std::chrono::steady_clock::now() + 1s;
+        while (path.sink->firstSoundHostTime() == 0 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(1ms);
+        if (path.sink->firstSoundHostTime() != 0)
+            path.presses.push_back(
+                static_cast<double>(path.sink->firstSoundHostTime() - pressed) * 1e-6 - path.lag);
+        path.player->send(osc("/vorlin/key/A", 0));
+        path.player->send(osc("/vorlin/panic", std::nullopt));
+        std::this_thread::sleep_for(120ms);
+    }
+}
+
+void report(benchmark::State& state, const std::string& name, const Path& path) {
+    state.counters[name + "_median_ms"] = median(path.presses);
+    state.counters[name + "_p90_ms"] = quantile(path.presses, 0.9);
+    state.counters[name + "_raw_median_ms"] = median(path.presses) + path.lag;
+    state.counters[name + "_monitor_lag_ms"] = path.lag;
+    state.counters[name + "_heard"] = static_cast<double>(path.presses.size());
+}
+
+std::string trace(const std::string& title, const Path& a, const Path& b) {
+    std::string text = title;
+    for (std::size_t i = 0; i < std::max(a.presses.size(), b.presses.size()); ++i)
+        text += " " + (i < a.presses.size() ? std::to_string(a.presses[i]).substr(0, 5) : "-") +
+                "/" + (i < b.presses.size() ? std::to_string(b.presses[i]).substr(0, 5) : "-");
+    return text;
+}
+
 void BM_KeyToSink(benchmark::State& state) {
     PipeWireSession session;
     if (!session.ready())
         return state.SkipWithError("no PipeWire session (scripts/setup installs it)");
     if (QStandardPaths::findExecutable("pw-jack").isEmpty())
         return state.SkipWithError("pw-jack is not installed (scripts/setup installs it)");
+    if (!session.hasAlsaPlugin())
+        return state.SkipWithError("PipeWire's ALSA plugin is missing (scripts/setup fetches it)");
     session.use();
     TempDir dir;
     std::vector<float> tone(48000);
@@ -169,57 +216,49 @@ void BM_KeyToSink(benchmark::State& state) {
         model.document().assignments[0] = a;
         model.save(show);
     }
-    // The native path plays into the 8-channel sink, the JACK one into the default (stereo).
-    Player native(show, "pipewire:vorlin-test-8ch", 53281, {});
-    Player jack(show, "jack:", 53282, "pw-jack");
-    if (!native.listening() || !jack.listening())
-        return state.SkipWithError("a player did not start");
-    PipeWireRecorder nativeSink("vorlin-test-8ch", 8), jackSink("vorlin-test-stereo", 2);
-    std::this_thread::sleep_for(1s); // both linked and running
-    const double nativeLag = monitorLag("vorlin-test-8ch", nativeSink);
-    const double jackLag = monitorLag("vorlin-test-stereo", jackSink);
-    if (nativeLag < 0 || jackLag < 0)
-        return state.SkipWithError("a sink's monitor could not be measured");
-    std::vector<double> byNative, byJack;
+    // The native path plays into the 8-channel sink; the other paths, one after the other,
+    // into the default (stereo) one.
+    PipeWireRecorder eight("vorlin-test-8ch", 8), stereo("vorlin-test-stereo", 2);
+    Player nativePlayer(show, "pipewire:vorlin-test-8ch", 53281, {});
+    if (!nativePlayer.listening())
+        return state.SkipWithError("the native player did not start");
+    Path native{&nativePlayer, &eight}, jack, alsa;
     for (auto _ : state) {
-        for (int press = 0; press < 80; ++press) {
-            const bool isNative = press % 2 == 0;
-            Player& player = isNative ? native : jack;
-            PipeWireRecorder& sink = isNative ? nativeSink : jackSink;
-            sink.rearm();
-            std::this_thread::sleep_for(30ms);
-            const std::uint64_t pressed = HostTime::now();
-            player.send(osc("/vorlin/key/A", 1));
-            const auto deadline = std::chrono::steady_clock::now() + 1s;
-            while (sink.firstSoundHostTime() == 0 && std::chrono::steady_clock::now() < deadline)
-                std::this_thread::sleep_for(1ms);
-            if (sink.firstSoundHostTime() != 0)
-                (isNative ? byNative : byJack)
-                    .push_back(static_cast<double>(sink.firstSoundHostTime() - pressed) * 1e-6 -
-                               (isNative ? nativeLag : jackLag));
-            player.send(osc("/vorlin/key/A", 0));
-            player.send(osc("/vorlin/panic", std::nullopt));
-            std::this_thread::sleep_for(120ms);
+        {
+            Player player(show, "jack:", 53282, "pw-jack");
+            if (!player.listening())
+                return state.SkipWithError("the pw-jack player did not start");
+            std::this_thread::sleep_for(1s); // linked and running
+            native.lag = monitorLag("vorlin-test-8ch", eight);
+            jack = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo)};
+            if (native.lag < 0 || jack.lag < 0)
+                return state.SkipWithError("a sink's monitor could not be measured");
+            alternate(native, jack, 40);
         }
+        Player player(show, "alsa:vorlin_pipewire_stereo", 53283, {});
+        if (!player.listening())
+            return state.SkipWithError("the ALSA player did not start");
+        std::this_thread::sleep_for(1s);
+        alsa = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo)};
+        Path nativeAgain{&nativePlayer, &eight, monitorLag("vorlin-test-8ch", eight)};
+        if (alsa.lag < 0 || nativeAgain.lag < 0)
+            return state.SkipWithError("a sink's monitor could not be measured");
+        alternate(nativeAgain, alsa, 40);
+        state.SetLabel(trace("native/pw-jack ms:", native, jack) +
+                       trace("; native/alsa ms:", nativeAgain, alsa));
+        native.presses.insert(native.presses.end(), nativeAgain.presses.begin(),
+                              nativeAgain.presses.end());
     }
     const double quantum = 256 / 48.0;
-    state.counters["native_raw_median_ms"] = median(byNative) + nativeLag;
-    state.counters["jack_raw_median_ms"] = median(byJack) + jackLag;
-    state.counters["native_median_ms"] = median(byNative);
-    state.counters["native_p90_ms"] = quantile(byNative, 0.9);
-    state.counters["jack_median_ms"] = median(byJack);
-    state.counters["jack_p90_ms"] = quantile(byJack, 0.9);
+    report(state, "native", native);
+    report(state, "jack", jack);
+    report(state, "alsa", alsa);
     state.counters["quantum_ms"] = quantum;
-    state.counters["native_monitor_lag_ms"] = nativeLag;
-    state.counters["jack_monitor_lag_ms"] = jackLag;
-    state.counters["ratio_to_budget"] = median(byNative) / (quantum + 1.0);
-    state.counters["native_over_jack"] = median(byNative) / std::max(median(byJack), 1e-9);
-    state.counters["heard"] = static_cast<double>(byNative.size() + byJack.size());
-    std::string trace = "native/jack ms per press:";
-    for (std::size_t i = 0; i < std::max(byNative.size(), byJack.size()); ++i)
-        trace += " " + (i < byNative.size() ? std::to_string(byNative[i]).substr(0, 5) : "-") +
-                 "/" + (i < byJack.size() ? std::to_string(byJack[i]).substr(0, 5) : "-");
-    state.SetLabel(trace);
+    state.counters["ratio_to_budget"] = median(native.presses) / (quantum + 1.0);
+    state.counters["native_over_alsa"] =
+        median(native.presses) / std::max(median(alsa.presses), 1e-9);
+    state.counters["native_over_jack"] =
+        median(native.presses) / std::max(median(jack.presses), 1e-9);
 }
 
 AudioClipPtr quietStereo(double seconds) {

@@ -66,7 +66,9 @@ PipeWireSession::PipeWireSession() {
         std::ofstream(m_alsaConfig)
             << "</usr/share/alsa/alsa.conf>\n"
             << "pcm_type.pipewire { lib \"" << plugin << "\" }\n"
-            << "pcm.vorlin_pipewire { type pipewire playback_node \"vorlin-test-8ch\" }\n";
+            << "pcm.vorlin_pipewire { type pipewire playback_node \"vorlin-test-8ch\" }\n"
+            << "pcm.vorlin_pipewire_stereo { type pipewire playback_node "
+               "\"vorlin-test-stereo\" }\n";
     }
     m_bus = spawn({"dbus-daemon", "--session", "--nofork", "--nopidfile",
                    "--address=unix:path=" + m_dir + "/run/bus"});

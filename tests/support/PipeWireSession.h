@@ -12,7 +12,8 @@
 // read or changed. Clients reach it through environment() (set it in the test process with
 // use(), or hand it to a child). Where PipeWire's ALSA plugin is found (installed, or unpacked
 // into .cache/ by scripts/setup), the environment also gives ALSA a private configuration with
-// the PCM "vorlin_pipewire", playing into "vorlin-test-8ch" through the plugin.
+// the PCMs "vorlin_pipewire" and "vorlin_pipewire_stereo", playing into "vorlin-test-8ch" and
+// "vorlin-test-stereo" through the plugin.
 class PipeWireSession {
 public:
     PipeWireSession();
