@@ -8,8 +8,8 @@
 #include <QLineEdit>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QScrollArea>
 #include <QSpinBox>
+#include <QTabWidget>
 #include <QVBoxLayout>
 
 #include "app/Choices.h"
@@ -23,11 +23,20 @@
 SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(parent, Qt::Window) {
     setWindowTitle(QStringLiteral("設定 — Vorlin #%1").arg(instanceNumber));
     setProperty(KeyInput::kClosesOnEscape, true); // as any settings window does
-    resize(632, 552);
-    auto* form = new QFormLayout;
-    form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
-    form->setRowWrapPolicy(
-        QFormLayout::WrapLongRows); // long labels above their field, nothing cut off
+    resize(632, 460);
+    auto* tabs = new QTabWidget(this);
+    tabs->setObjectName(QStringLiteral("settingsTabs"));
+    // One form per tab, so that the window fits a 768-pixel-high screen whole.
+    const auto tab = [this, tabs](const QString& title) {
+        auto* form = new QFormLayout;
+        form->setFieldGrowthPolicy(QFormLayout::AllNonFixedFieldsGrow);
+        form->setRowWrapPolicy(
+            QFormLayout::WrapLongRows); // long labels above their field, nothing cut off
+        auto* page = new QWidget(this);
+        page->setLayout(form);
+        tabs->addTab(page, title);
+        return form;
+    };
 
     auto check = [this](const QString& key, bool fallback) {
         auto* box = new QCheckBox(this);
@@ -47,6 +56,7 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
         return box;
     };
 
+    QFormLayout* form = tab(QStringLiteral("全般"));
     form->addRow(
         QStringLiteral("キーボード配列"),
         choice(Prefs::kKeyboardLayout,
@@ -71,6 +81,23 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
                  choice(Prefs::kMultiDrop, {{"毎回確認する", "ask"},
                                             {"そのキーにまとめる（押すたび次へ）", "list"},
                                             {"後ろの空きキーに 1 つずつ", "spread"}}));
+    // The new-key defaults, the video output, then the slides.
+    form = tab(QStringLiteral("新しいキー"));
+    form->addRow(QStringLiteral("モード"), choice(Prefs::kDefaultMode, Choices::modes()));
+    form->addRow(QStringLiteral("次の素材が流れたら"),
+                 choice(Prefs::kDefaultOnNext, Choices::onNext()));
+    form->addRow(QStringLiteral("フェード IN"), seconds(Prefs::kDefaultFadeIn));
+    form->addRow(QStringLiteral("フェード OUT"), seconds(Prefs::kDefaultFadeOut));
+    form = tab(QStringLiteral("映像"));
+    form->addRow(QStringLiteral("縦横比が画面と違うとき"),
+                 choice(Prefs::kVideoFill, {{"全体を映す（余白は背景色）", "fit"},
+                                            {"画面いっぱい（はみ出しは切る）", "fill"},
+                                            {"引き伸ばす", "stretch"}}));
+    form->addRow(QStringLiteral("背景色"),
+                 choice(Prefs::kVideoBackground, {{"黒", "black"}, {"白", "white"}}));
+    form->addRow(QStringLiteral("起動したら映像出力を開く"),
+                 check(Prefs::kOpenVideoOnLaunch, false));
+    form = tab(QStringLiteral("スライド"));
     // Presentations are converted by LibreOffice here: say which one, or that it is missing
     // (asked of the program itself, off the window's way).
     auto* converter = new QLabel(this);
@@ -92,30 +119,7 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
         version->start(office, {QStringLiteral("--version")});
     }
     form->addRow(QStringLiteral("pptx の変換"), converter);
-    form->addRow(QStringLiteral("起動したときに新しい版があるか確かめる（1 日 1 回）"),
-                 check(Prefs::kAutoCheckUpdates, true));
-    auto heading = [this, form](const QString& text) {
-        auto* label = new QLabel(text, this);
-        label->setStyleSheet("font-weight: bold; margin-top: 8px;");
-        form->addRow(label);
-    };
-    heading(QStringLiteral("新しく入れたキーの設定"));
-    form->addRow(QStringLiteral("モード"), choice(Prefs::kDefaultMode, Choices::modes()));
-    form->addRow(QStringLiteral("次の素材が流れたら"),
-                 choice(Prefs::kDefaultOnNext, Choices::onNext()));
-    form->addRow(QStringLiteral("フェード IN"), seconds(Prefs::kDefaultFadeIn));
-    form->addRow(QStringLiteral("フェード OUT"), seconds(Prefs::kDefaultFadeOut));
-    heading(QStringLiteral("映像出力"));
-    form->addRow(QStringLiteral("縦横比が画面と違うとき"),
-                 choice(Prefs::kVideoFill, {{"全体を映す（余白は背景色）", "fit"},
-                                            {"画面いっぱい（はみ出しは切る）", "fill"},
-                                            {"引き伸ばす", "stretch"}}));
-    form->addRow(QStringLiteral("背景色"),
-                 choice(Prefs::kVideoBackground, {{"黒", "black"}, {"白", "white"}}));
-    form->addRow(QStringLiteral("起動したら映像出力を開く"),
-                 check(Prefs::kOpenVideoOnLaunch, false));
-
-    heading(QStringLiteral("リモート操作（OSC）"));
+    form = tab(QStringLiteral("リモート操作"));
     const auto remoteChanged = [this] {
         if (onRemoteChange)
             onRemoteChange();
@@ -173,14 +177,12 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
     form->addRow(QStringLiteral("MIDI ポートの名前"),
                  text(MidiControl::kPortName, QStringLiteral("Vorlin"), QStringLiteral("Vorlin")));
 
-    auto* page = new QWidget;
-    page->setLayout(form);
-    auto* scroll = new QScrollArea(this);
-    scroll->setWidget(page);
-    scroll->setWidgetResizable(true);
-    scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    form = tab(QStringLiteral("アップデート"));
+    form->addRow(QStringLiteral("起動したときに新しい版があるか確かめる（1 日 1 回）"),
+                 check(Prefs::kAutoCheckUpdates, true));
+
     auto* outer = new QVBoxLayout(this);
-    outer->addWidget(scroll);
+    outer->addWidget(tabs);
 }
 
 QComboBox* SettingsWindow::choice(const QString& key,

@@ -6,8 +6,9 @@
 
 class QComboBox;
 
-// The settings window (632 × 552, "設定 — Vorlin #n"): every preference under its label, in the
-// order the operator knows them from the documentation, each stored the moment it changes.
+// The settings window (632 × 460, "設定 — Vorlin #n"): every preference under its label, in
+// tabs (全般, 新しいキー, 映像, スライド, リモート操作, アップデート) so that it fits a laptop's
+// screen whole, each stored the moment it changes.
 // Main thread.
 class SettingsWindow : public QWidget {
     Q_OBJECT

@@ -30,6 +30,7 @@
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTextLayout>
+#include <QTabWidget>
 #include <QTimer>
 #include <QWindow>
 
@@ -590,8 +591,30 @@ void checkOperator(AppModel& model, MainWindow& window, const QString& shot, con
     XInput::settle(300);
     // Closing deletes the settings window: hold it as a pointer that knows.
     const QPointer<QWidget> settings = window.settingsWindow();
+    auto* tabs = settings ? settings->findChild<QTabWidget*>() : nullptr;
+    if (!tabs || tabs->count() != 6) {
+        log.check(false, "the settings are in six tabs");
+        return;
+    }
+    // Every tab fits the laptop's screen whole: the window's frame, and each page in it.
+    const QRect screen = settings->screen()->availableGeometry();
+    bool fits = settings->frameGeometry().height() <= screen.height();
+    QString heights;
+    const int given = tabs->currentWidget()->height(); // every page gets that area when shown
+    for (int t = 0; t < tabs->count(); ++t) {
+        const int needed = tabs->widget(t)->minimumSizeHint().height();
+        fits = fits && needed <= given;
+        heights += QString(" %1/%2").arg(needed).arg(given);
+    }
+    log.check(fits, QString("the settings (%1 high) fit a %2-pixel-high screen, every tab whole "
+                            "(needed/given:%3)")
+                        .arg(settings->frameGeometry().height())
+                        .arg(screen.height())
+                        .arg(heights));
+    XInput::click(tabs->tabBar(), tabs->tabBar()->tabRect(1).center());
+    log.check(tabs->currentIndex() == 1, "a click on 新しいキー opens that tab");
     QComboBox* mode = nullptr;
-    for (QComboBox* box : settings ? settings->findChildren<QComboBox*>() : QList<QComboBox*>{})
+    for (QComboBox* box : tabs->currentWidget()->findChildren<QComboBox*>())
         if (box->currentText().startsWith(QStringLiteral("トグル")))
             mode = box;
     if (!mode) {
