@@ -22,7 +22,7 @@
 KeyboardView::KeyboardView(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
     setFocusPolicy(Qt::NoFocus);
     setAcceptDrops(true);
-    setMinimumSize(700, 260);
+    setMinimumSize(620, 260); // beside the meters in the smallest window (980 wide)
     // Progress and lit keys change with the tick: only the cells whose drawing changes are
     // repainted. Assignments and the selection change with edits: everything is.
     connect(&model.live(), &LiveState::progressChanged, this, [this] { liveChanged(false); });

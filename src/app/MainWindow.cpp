@@ -13,6 +13,7 @@
 #include <QProcess>
 #include <QPushButton>
 #include <QScreen>
+#include <QScrollArea>
 #include <QSettings>
 #include <QSplitter>
 #include <QStatusBar>
@@ -68,11 +69,19 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
 
     auto* bottom = new QSplitter(Qt::Horizontal, central);
     m_cueList = new CueListView(m_model, bottom);
-    m_detail = new DetailPanel(m_model, bottom);
+    m_detail = new DetailPanel(m_model);
+    // On a laptop's screen the details scroll rather than squeeze their fields.
+    auto* detailArea = new QScrollArea(bottom);
+    detailArea->setWidget(m_detail);
+    detailArea->setWidgetResizable(true);
+    detailArea->setFrameShape(QFrame::NoFrame);
     bottom->addWidget(m_cueList);
-    bottom->addWidget(m_detail);
-    bottom->setStretchFactor(0, 2);
-    bottom->setStretchFactor(1, 5);
+    bottom->addWidget(detailArea);
+    // The details' three columns take about 1000 points; the cue list a third of that. Kept
+    // in that ratio whatever the width: on a narrow window the details scroll.
+    bottom->setSizes({340, 1000});
+    bottom->setStretchFactor(0, 1);
+    bottom->setStretchFactor(1, 3);
     bottom->setChildrenCollapsible(false);
     column->addWidget(bottom, 4);
     setCentralWidget(central);

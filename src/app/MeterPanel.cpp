@@ -26,7 +26,7 @@ public:
 
     MeterBars(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
         setFocusPolicy(Qt::NoFocus);
-        setMinimumSize(160, 160);
+        setMinimumSize(160, 100); // bars of 74 pixels and their channel numbers
         connect(&model.live(), &LiveState::metersChanged, this, [this] {
             if (!sources)
                 levelsChanged(m_model.live().meters());

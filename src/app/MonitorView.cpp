@@ -6,7 +6,11 @@
 #include "cue/AppModel.h"
 
 MonitorView::MonitorView(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
-    setFixedSize(320, 180);
+    // 16:9 at the meters' width when there is room; on a small screen it gives way to the
+    // meters below it (the picture is drawn fitted into whatever it has).
+    setFixedWidth(320);
+    setMinimumHeight(90);
+    setMaximumHeight(180);
     setFocusPolicy(Qt::NoFocus);
     setAttribute(Qt::WA_OpaquePaintEvent);
     m_frames.setTimerType(Qt::PreciseTimer);

@@ -12,6 +12,7 @@
 #include <QSlider>
 #include <QThreadPool>
 
+#include "app/ElidedLabel.h"
 #include "app/NumberField.h"
 #include "cue/AppModel.h"
 #include "model/ValueRanges.h"
@@ -32,6 +33,7 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
     m_master = new QSlider(Qt::Horizontal, this);
     m_master->setFocusPolicy(Qt::NoFocus);
     m_master->setRange(0, 100);
+    m_master->setMinimumWidth(80);
     m_master->setMaximumWidth(200);
     connect(m_master, &QSlider::valueChanged, this,
             [this](int v) { m_model.setMasterVolume(v / 100.0); });
@@ -53,7 +55,7 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
             m_model.setOutputDeviceUID(chosen);
     });
     row->addWidget(m_devices);
-    m_active = new QLabel(this);
+    m_active = new ElidedLabel(this); // a narrow window cuts the message, never the device list
     m_active->setStyleSheet("color: gray;");
     row->addWidget(m_active);
 

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include <QAbstractButton>
+#include <QAbstractScrollArea>
 #include <QAction>
 #include <QApplication>
 #include <QCheckBox>
@@ -26,11 +27,12 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QSpinBox>
+#include <QSplitter>
 #include <QTabBar>
+#include <QTabWidget>
 #include <QTableWidget>
 #include <QTemporaryDir>
 #include <QTextLayout>
-#include <QTabWidget>
 #include <QTimer>
 #include <QWindow>
 
@@ -511,6 +513,58 @@ void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, co
 // The window as an operator uses it live, with real clicks and keys through the X server and a
 // window manager: a click into a field and the ways out of it, Enter in a field, keys while a
 // menu is open. A screenshot of each step goes next to `shot`.
+// What does not fit in the window as laid out now: two shown widgets of one parent drawn over
+// each other, or a label, button or meter smaller than it needs to be read whole (its text cut,
+// its channel numbers gone). Widgets inside scroll areas and splitter handles are left out:
+// they are meant to be partly hidden or to touch.
+QStringList crowding(QWidget& root) {
+    QStringList found;
+    const auto name = [](const QWidget* w) {
+        QString text = w->metaObject()->className();
+        if (const auto* label = qobject_cast<const QLabel*>(w))
+            text += " \"" + label->text().left(12) + "\"";
+        else if (const auto* button = qobject_cast<const QAbstractButton*>(w))
+            text += " \"" + button->text().left(12) + "\"";
+        return text;
+    };
+    const std::function<void(QWidget*)> visit = [&](QWidget* parent) {
+        QList<QWidget*> shown;
+        for (QObject* child : parent->children()) {
+            auto* w = qobject_cast<QWidget*>(child);
+            if (!w || w->isWindow() || !w->isVisible() || qobject_cast<QSplitterHandle*>(w))
+                continue;
+            shown << w;
+            if (!qobject_cast<QAbstractScrollArea*>(w))
+                visit(w);
+        }
+        for (int i = 0; i < shown.size(); ++i) {
+            QWidget* w = shown[i];
+            const QSize needed = w->minimumSizeHint();
+            const bool reads = qobject_cast<QLabel*>(w) || qobject_cast<QAbstractButton*>(w) ||
+                               qobject_cast<QComboBox*>(w);
+            const auto* label = qobject_cast<QLabel*>(w);
+            if (reads && !(label && label->wordWrap()) &&
+                (w->width() < needed.width() || w->height() < needed.height()))
+                found << QString("%1 %2×%3 < %4×%5")
+                             .arg(name(w))
+                             .arg(w->width())
+                             .arg(w->height())
+                             .arg(needed.width())
+                             .arg(needed.height());
+            if (!reads && w->height() < w->minimumHeight())
+                found << QString("%1 %2 high < its least %3")
+                             .arg(name(w))
+                             .arg(w->height())
+                             .arg(w->minimumHeight());
+            for (int j = i + 1; j < shown.size(); ++j)
+                if (w->geometry().intersects(shown[j]->geometry()))
+                    found << name(w) + " over " + name(shown[j]);
+        }
+    };
+    visit(&root);
+    return found;
+}
+
 void checkOperator(AppModel& model, MainWindow& window, const QString& shot, const QString& folder,
                    Log& log) {
     if (!XInput::available()) {
@@ -546,6 +600,22 @@ void checkOperator(AppModel& model, MainWindow& window, const QString& shot, con
     XInput::click(fadeIn);
     grab();
     log.check(fadeIn->hasFocus(), "a click puts the focus into the fade-in field");
+    // With a key's details shown, on this laptop's screen and on the smaller ones the size
+    // rules allow, every view keeps its labels and none is drawn over another.
+    const QSize laptop = window.size();
+    for (const QSize size : {laptop, QSize(1280, 690), QSize(980, 680)}) {
+        window.resize(size);
+        XInput::settle(300);
+        const QStringList crowded = crowding(window);
+        log.check(crowded.isEmpty(), QString("at %1×%2 nothing is cut or drawn over: %3")
+                                         .arg(window.width())
+                                         .arg(window.height())
+                                         .arg(crowded.join(" | ")));
+        if (size != laptop)
+            grab();
+    }
+    window.resize(laptop);
+    XInput::settle(300);
     XInput::key("Escape");
     log.check(model.isRunning(kS), "Escape typed into the clicked field leaves the loop playing");
     log.check(!fadeIn->hasFocus(), "and leaves the field");
