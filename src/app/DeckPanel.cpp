@@ -21,7 +21,9 @@ const QString kLive = QStringLiteral("▶ ");
 QString kindMark(DeckItem::Kind kind) {
     switch (kind) {
     case DeckItem::Kind::video:
-        return QStringLiteral("🎬 ");
+        // A word, not a film emoji: desktops often have no colour emoji font, and a box
+        // would stand in its place.
+        return QStringLiteral("［映像］");
     case DeckItem::Kind::audio:
         return QStringLiteral("♪ ");
     case DeckItem::Kind::image:

@@ -2,6 +2,7 @@
 
 #include <QFileInfo>
 #include <QGridLayout>
+#include <QImageReader>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
@@ -104,7 +105,8 @@ void KeyFileSection::show(const KeyAssignment& a, const MediaInfo* media) {
     m_file->setToolTip(files.join('\n'));
 
     QStringList info;
-    if (media && !media->loading && !media->error) {
+    const bool timed = media && (media->probe.hasAudio || media->probe.hasVideo);
+    if (media && !media->loading && !media->error && timed) {
         const MediaProbe& probe = media->probe;
         info << duration(probe.duration);
         if (probe.hasVideo)
@@ -114,8 +116,8 @@ void KeyFileSection::show(const KeyAssignment& a, const MediaInfo* media) {
                  << QString::number(probe.sourceSampleRate / 1000.0, 'g', 4) + " kHz";
         info << byteSize(probe.fileSize);
     }
-    if (media && media->deck)
-        info << QStringLiteral("%1 項目").arg(media->deck->manifest.items.size());
+    if (media && media->deck && !media->loading)
+        info << deckInfo(a, *media->deck);
     m_info->setText(info.join(QStringLiteral(" · ")));
     m_openDeck->setEnabled(a.isDeck()); // slides, lists and pictures have an item list
     QString state;
@@ -135,7 +137,45 @@ void KeyFileSection::show(const KeyAssignment& a, const MediaInfo* media) {
     m_waveform->setPeaks(media && media->clip ? media->clip->peaks : std::vector<float>{},
                          media && media->loading ? media->progressText
                                                  : QStringLiteral("波形なし"));
+    showThumbnail(media && !media->loading ? media->deck : nullptr, a);
     refreshPosition();
+}
+
+QStringList KeyFileSection::deckInfo(const KeyAssignment& a, const Deck& deck) {
+    const auto& items = deck.manifest.items;
+    QStringList info;
+    if (deck.isList() && items.size() == 1 && items.front().kind == DeckItem::Kind::image) {
+        // One picture: its size, read from the file's header.
+        const QSize size = QImageReader(deck.pathOf(items.front().file)).size();
+        info << (size.isValid() ? QStringLiteral("画像 %1×%2").arg(size.width()).arg(size.height())
+                                : QStringLiteral("画像"));
+    } else if (deck.isList()) {
+        info << QStringLiteral("%1 項目").arg(items.size());
+    } else {
+        info << QStringLiteral("%1 ページ").arg(items.size());
+    }
+    if (const qint64 bytes = QFileInfo(a.path).size(); bytes > 0)
+        info << byteSize(bytes);
+    return info;
+}
+
+void KeyFileSection::showThumbnail(const DeckPtr& deck, const KeyAssignment& a) {
+    const auto items = deck ? Deck::enabledOnly(deck->itemsFor(a)) : std::vector<DeckItem>{};
+    if (items.empty()) {
+        m_waveform->setPicture({});
+        return;
+    }
+    const QImage cached = deck->cachedThumbnail(items.front().file);
+    m_waveform->setPicture(cached);
+    if (!cached.isNull())
+        return;
+    // Made once on a pool thread; shown if the key selected then still holds this deck.
+    deck->fetchThumbnail(items.front(), this, [this, deck](const QImage& picture) {
+        const KeyAssignment* now = selectedAssignment();
+        const MediaInfo* media = now ? mediaFor(m_model.media().table(), *now) : nullptr;
+        if (media && media->deck == deck)
+            m_waveform->setPicture(picture);
+    });
 }
 
 void KeyFileSection::refreshPosition() {

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <QStringList>
+
 #include "app/DetailSection.h"
+#include "cue/MediaInfo.h"
 
 class QLabel;
 class QPushButton;
@@ -23,6 +26,10 @@ protected:
 
 private:
     void fillCopyMenu();
+    // "画像 1920×1080", "12 ページ" or "5 項目", and the file's size.
+    static QStringList deckInfo(const KeyAssignment& a, const Deck& deck);
+    // The first item's picture where a sound would show its waveform.
+    void showThumbnail(const DeckPtr& deck, const KeyAssignment& a);
 
     QPushButton* m_openDeck = nullptr;
     QLabel* m_keyLabel = nullptr;

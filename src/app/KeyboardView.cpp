@@ -13,11 +13,48 @@
 #include <QPaintEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QTextLayout>
 #include <QToolTip>
 
 #include "app/RedrawPace.h"
 #include "cue/AppModel.h"
 #include "model/KeyPalette.h"
+
+namespace {
+
+// A key's name in its cell: broken between words where it can be (anywhere in a word too long
+// for a line), as many lines as the cell holds, the last one ending in "…" when the name goes
+// on. Centred vertically, as the cell's text was.
+void drawName(QPainter& p, const QRectF& area, const QString& name) {
+    const QFontMetricsF metrics(p.font());
+    QTextLayout layout(name, p.font());
+    QTextOption option;
+    option.setWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
+    layout.setTextOption(option);
+    const int fitting = std::max(1, static_cast<int>(area.height() / metrics.lineSpacing()));
+    QStringList lines;
+    layout.beginLayout();
+    for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
+        line.setLineWidth(area.width());
+        if (lines.size() == fitting - 1) {
+            // The last line that fits takes the rest of the name, cut if it must be.
+            lines << metrics.elidedText(name.mid(line.textStart()).simplified(), Qt::ElideRight,
+                                        area.width());
+            break;
+        }
+        lines << name.mid(line.textStart(), line.textLength()).trimmed();
+    }
+    layout.endLayout();
+    const double height = lines.size() * metrics.lineSpacing();
+    double y = area.top() + std::max(0.0, (area.height() - height) / 2);
+    for (const QString& line : lines) {
+        p.drawText(QRectF(area.left(), y, area.width(), metrics.lineSpacing()),
+                   Qt::AlignLeft | Qt::AlignVCenter | Qt::TextSingleLine, line);
+        y += metrics.lineSpacing();
+    }
+}
+
+} // namespace
 
 KeyboardView::KeyboardView(AppModel& model, QWidget* parent) : QWidget(parent), m_model(model) {
     setFocusPolicy(Qt::NoFocus);
@@ -221,7 +258,9 @@ void KeyboardView::paintEvent(QPaintEvent* event) {
         font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.2)));
         font.setBold(true);
         p.setFont(font);
-        p.drawText(r.adjusted(5, 3, -5, -3), Qt::AlignLeft | Qt::AlignTop, spec.label);
+        const QRectF labelArea = r.adjusted(5, 3, -5, -3);
+        p.drawText(labelArea, Qt::AlignLeft | Qt::AlignTop,
+                   QFontMetricsF(font).elidedText(spec.label, Qt::ElideRight, labelArea.width()));
         // The MIDI message bound to the key, in the top right corner.
         for (const MidiBinding& binding : m_model.document().midiBindings) {
             if (spec.kind != KeySpec::Kind::key || binding.action != MidiBinding::Action::key ||
@@ -241,8 +280,7 @@ void KeyboardView::paintEvent(QPaintEvent* event) {
             font.setBold(false);
             font.setPixelSize(std::max(9, static_cast<int>(r.height() * 0.17)));
             p.setFont(font);
-            p.drawText(r.adjusted(5, r.height() * 0.3, -5, -8),
-                       Qt::AlignLeft | Qt::AlignVCenter | Qt::TextWordWrap, name);
+            drawName(p, r.adjusted(5, r.height() * 0.3, -5, -8), name);
         }
     }
 }

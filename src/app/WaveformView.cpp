@@ -20,6 +20,13 @@ void WaveformView::setPeaks(std::vector<float> peaks, const QString& emptyText) 
     update();
 }
 
+void WaveformView::setPicture(const QImage& picture) {
+    if (picture.isNull() && m_picture.isNull())
+        return;
+    m_picture = picture;
+    update();
+}
+
 int WaveformView::lineX(double position) const {
     return position < 0.0 ? -1
                           : static_cast<int>(std::lround(std::clamp(position, 0.0, 1.0) *
@@ -46,6 +53,15 @@ void WaveformView::paintEvent(QPaintEvent*) {
     QPainter p(this);
     if (m_peaks.empty()) {
         p.fillRect(rect(), QColor(24, 25, 28));
+        if (!m_picture.isNull()) {
+            const QSize fitted = m_picture.size().scaled(size(), Qt::KeepAspectRatio);
+            p.setRenderHint(QPainter::SmoothPixmapTransform);
+            p.drawImage(
+                QRect(QPoint((width() - fitted.width()) / 2, (height() - fitted.height()) / 2),
+                      fitted),
+                m_picture);
+            return;
+        }
         p.setPen(QColor(150, 150, 155));
         p.drawText(rect(), Qt::AlignCenter, m_emptyText);
         return;

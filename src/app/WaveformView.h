@@ -3,6 +3,7 @@
 #include <functional>
 #include <vector>
 
+#include <QImage>
 #include <QPixmap>
 #include <QWidget>
 
@@ -17,6 +18,9 @@ public:
 
     // Peaks 0…1 (empty: no sound), the text shown without peaks.
     void setPeaks(std::vector<float> peaks, const QString& emptyText);
+    // A picture shown, fitted, where there are no peaks (a slide deck's or a picture key's
+    // first picture); null: the text instead.
+    void setPicture(const QImage& picture);
     // 0…1, or below 0 when the key is not playing.
     void setPosition(double position);
     double position() const { return m_position; }
@@ -40,6 +44,7 @@ private:
     void drawShape();
 
     QPixmap m_shape;
+    QImage m_picture;
     std::vector<float> m_peaks;
     QString m_emptyText;
     double m_position = -1.0;

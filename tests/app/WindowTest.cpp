@@ -7,6 +7,7 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMenu>
@@ -16,16 +17,19 @@
 #include <QRegularExpression>
 #include <QScrollBar>
 #include <QTabBar>
+#include <QTabWidget>
 #include <QTableWidget>
 #include <QTimer>
 
 #include "MediaFixtures.h"
+#include "PdfFixture.h"
 #include "TempDir.h"
 #include "app/KeyInput.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
 #include "app/MonitorView.h"
 #include "app/ScreenIdentifier.h"
+#include "app/WaveformView.h"
 #include "cue/AppModel.h"
 #include "media/AudioLoader.h"
 #include "model/Prefs.h"
@@ -209,6 +213,7 @@ TEST_F(Window, FilesDroppedOnAKeyCellArePlacedOnIt) {
 #include <QFile>
 
 #include "app/BackgroundInput.h"
+#include "app/DetailPanel.h"
 
 namespace {
 
@@ -267,49 +272,50 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     QWidget* settings = window->settingsWindow();
     ASSERT_NE(settings, nullptr);
     EXPECT_EQ(settings->windowTitle(), "設定 — Vorlin #1");
-    EXPECT_EQ(settings->size(), QSize(632, 552));
+    EXPECT_EQ(settings->size(), QSize(632, 460));
     window->showSettings(); // the same window again, not a second one
     EXPECT_EQ(window->settingsWindow(), settings);
 
-    auto* form = settings->findChild<QFormLayout*>();
-    ASSERT_NE(form, nullptr);
-    QStringList labels;
-    for (int row = 0; row < form->rowCount(); ++row)
-        if (auto* item = form->itemAt(row, QFormLayout::LabelRole))
-            if (auto* label = qobject_cast<QLabel*>(item->widget());
-                label && !label->text().isEmpty())
-                labels << label->text();
-    EXPECT_EQ(labels, (QStringList{"キーボード配列",
-                                   "起動したら前回のキーマップを開く",
-                                   "ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）",
-                                   "すでに素材があるキーに入れたとき",
-                                   "複数のファイルを空いたキーに入れたとき",
-                                   "pptx の変換",
-                                   "起動したときに新しい版があるか確かめる（1 日 1 回）",
-                                   "モード",
-                                   "次の素材が流れたら",
-                                   "フェード IN",
-                                   "フェード OUT",
-                                   "縦横比が画面と違うとき",
-                                   "背景色",
-                                   "起動したら映像出力を開く",
-                                   "OSC でキーや停止を受け付ける",
-                                   "ポート（UDP）",
-                                   "受け付けるアドレス（127.0.0.1: このコンピュータからだけ）",
-                                   "送信元を限る（カンマ区切り、空欄: 限らない）",
-                                   "MIDI 入力を受け付ける（ALSA シーケンサ）",
-                                   "MIDI ポートの名前"}));
+    // Each tab's rows, in order.
+    auto* tabs = settings->findChild<QTabWidget*>();
+    ASSERT_NE(tabs, nullptr);
+    std::vector<std::pair<QString, QStringList>> shown;
+    for (int t = 0; t < tabs->count(); ++t) {
+        QStringList labels;
+        for (auto* form : tabs->widget(t)->findChildren<QFormLayout*>())
+            for (int row = 0; row < form->rowCount(); ++row)
+                if (auto* item = form->itemAt(row, QFormLayout::LabelRole))
+                    if (auto* label = qobject_cast<QLabel*>(item->widget());
+                        label && !label->text().isEmpty())
+                        labels << label->text();
+        shown.emplace_back(tabs->tabText(t), labels);
+    }
+    const std::vector<std::pair<QString, QStringList>> expected{
+        {"全般",
+         {"キーボード配列", "起動したら前回のキーマップを開く",
+          "ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）",
+          "すでに素材があるキーに入れたとき", "複数のファイルを空いたキーに入れたとき"}},
+        {"新しいキー", {"モード", "次の素材が流れたら", "フェード IN", "フェード OUT"}},
+        {"映像", {"縦横比が画面と違うとき", "背景色", "起動したら映像出力を開く"}},
+        {"スライド", {"pptx の変換"}},
+        {"リモート操作",
+         {"OSC でキーや停止を受け付ける", "ポート（UDP）",
+          "受け付けるアドレス（127.0.0.1: このコンピュータからだけ）",
+          "送信元を限る（カンマ区切り、空欄: 限らない）",
+          "MIDI 入力を受け付ける（ALSA シーケンサ）", "MIDI ポートの名前"}},
+        {"アップデート", {"起動したときに新しい版があるか確かめる（1 日 1 回）"}}};
+    EXPECT_EQ(shown, expected);
 
-    auto field = [&](int row) { return form->itemAt(row, QFormLayout::FieldRole)->widget(); };
     auto fieldFor = [&](const QString& text) -> QWidget* {
-        for (int row = 0; row < form->rowCount(); ++row)
-            if (auto* item = form->itemAt(row, QFormLayout::LabelRole))
-                if (auto* label = qobject_cast<QLabel*>(item->widget());
-                    label && label->text() == text)
-                    return field(row);
+        for (auto* form : settings->findChildren<QFormLayout*>())
+            for (int row = 0; row < form->rowCount(); ++row)
+                if (auto* item = form->itemAt(row, QFormLayout::LabelRole))
+                    if (auto* label = qobject_cast<QLabel*>(item->widget());
+                        label && label->text() == text)
+                        return form->itemAt(row, QFormLayout::FieldRole)->widget();
         return nullptr;
     };
-    auto* mode = qobject_cast<QComboBox*>(field(9)); // below the heading of new keys
+    auto* mode = qobject_cast<QComboBox*>(fieldFor("モード"));
     ASSERT_NE(mode, nullptr);
     EXPECT_EQ(mode->currentText(), "トグル（もう一度押すとフェード停止）");
     mode->setCurrentIndex(2);
@@ -317,7 +323,7 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     EXPECT_EQ(newAssignment("/x.wav", 0).mode, KeyMode::hold); // read at the moment of use
 
     // Slides are converted by LibreOffice here: the row names it and its version.
-    auto* converter = qobject_cast<QLabel*>(field(6));
+    auto* converter = qobject_cast<QLabel*>(fieldFor("pptx の変換"));
     ASSERT_NE(converter, nullptr);
     QElapsedTimer waited;
     waited.start();
@@ -328,13 +334,14 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     EXPECT_TRUE(
         converter->text().contains(QRegularExpression("^LibreOffice \\d+\\.\\d+ で変換します$")))
         << converter->text().toStdString();
-    auto* fadeOut = qobject_cast<QDoubleSpinBox*>(field(12));
+    auto* fadeOut = qobject_cast<QDoubleSpinBox*>(fieldFor("フェード OUT"));
     fadeOut->setValue(2.5);
     EXPECT_EQ(Prefs::value(Prefs::kDefaultFadeOut).toDouble(), 2.5);
 
     bool switched = false;
     window->onBackgroundInputChange = [&](bool on) { switched = on; };
-    qobject_cast<QCheckBox*>(field(3))->setChecked(true);
+    qobject_cast<QCheckBox*>(fieldFor("ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）"))
+        ->setChecked(true);
     EXPECT_TRUE(switched);
     EXPECT_TRUE(Prefs::value(Prefs::kBackgroundInput).toBool());
     Prefs::setValue(Prefs::kDefaultMode, "toggle");
@@ -362,6 +369,57 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     Prefs::setValue(RemoteControl::kAllowedSenders, QString());
     EXPECT_TRUE(Prefs::value(QStringLiteral("pref.oscEnabled")).toBool());
     Prefs::setValue(QStringLiteral("pref.oscEnabled"), false);
+}
+
+// What a key's details say of what it holds: a sound its length, channels and size; a picture its
+// size in pixels and its first picture where a waveform would be; a PDF its pages. Never a
+// length of 0:00.0 or a size of 0 KB for a file that has none of them.
+TEST_F(Window, TheDetailsSayWhatAKeyHolds) {
+    TempDir dir;
+    const QString picture = QString::fromStdString(dir.file("still.png"));
+    QImage still(640, 360, QImage::Format_RGB32);
+    still.fill(QColor(200, 40, 40));
+    ASSERT_TRUE(still.save(picture));
+    const QString pdf = QString::fromStdString(dir.file("deck.pdf"));
+    ASSERT_TRUE(writePdf(pdf, {Qt::red, Qt::green, Qt::blue}));
+    model.setOffline(false);
+    model.document().assignments[4] = KeyAssignment(picture, 4);
+    model.document().assignments[5] = KeyAssignment(pdf, 5);
+    for (const KeyCode code : {4, 5})
+        model.media().loadMedia(model.document().assignments.at(code), false);
+    QElapsedTimer waited;
+    waited.start();
+    while (model.media().pending() > 0 && waited.elapsed() < 20000)
+        QApplication::processEvents(QEventLoop::AllEvents, 20);
+    auto* waveform = window->findChild<WaveformView*>();
+    ASSERT_NE(waveform, nullptr);
+    const auto shown = [&](KeyCode code) {
+        model.document().selectedKey = code;
+        emit model.assignmentsChanged();
+        // The first picture is made on a pool thread.
+        QElapsedTimer drawn;
+        drawn.start();
+        QImage grabbed;
+        do {
+            QApplication::processEvents(QEventLoop::AllEvents, 20);
+            grabbed = waveform->grab().toImage();
+        } while (grabbed.pixelColor(grabbed.rect().center()).red() < 150 && drawn.elapsed() < 5000);
+        QStringList texts;
+        for (QLabel* label : window->detail().findChildren<QLabel*>())
+            texts << label->text();
+        return std::pair{texts.join(" | "), grabbed.pixelColor(grabbed.rect().center())};
+    };
+    const auto [pictureTexts, pictureMiddle] = shown(4);
+    EXPECT_TRUE(pictureTexts.contains(QRegularExpression("画像 640×360 · \\d+ KB")))
+        << pictureTexts.toStdString();
+    EXPECT_FALSE(pictureTexts.contains("0:00.0")) << pictureTexts.toStdString();
+    EXPECT_GT(pictureMiddle.red(), 150) << "the picture where the waveform would be";
+    EXPECT_LT(pictureMiddle.green(), 100);
+    const auto [pdfTexts, pdfMiddle] = shown(5);
+    EXPECT_TRUE(pdfTexts.contains(QRegularExpression("3 ページ · \\d+ KB")))
+        << pdfTexts.toStdString();
+    EXPECT_FALSE(pdfTexts.contains("0:00.0")) << pdfTexts.toStdString();
+    EXPECT_GT(pdfMiddle.red(), 150) << "the first page, red";
 }
 
 // A movie key pressed in the window plays its pictures in the monitor view, fitted (a 4:3 movie
