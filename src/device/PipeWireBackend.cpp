@@ -266,7 +266,6 @@ struct PipeWireBackend::Impl {
     pw_stream* stream = nullptr;
     pw_proxy* metadata = nullptr;
     spa_hook coreListener{}, registryListener{}, streamListener{}, metadataListener{};
-    std::uint32_t sinkId = SPA_ID_INVALID;
     bool followDefault = false;
 
     // Loop thread and the control thread under the loop's lock.
@@ -357,9 +356,6 @@ const pw_registry_events& registryEvents() {
         e.global = [](void* data, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t,
                       const spa_dict* props) {
             auto* impl = static_cast<Impl*>(data);
-            if (std::strcmp(type, PW_TYPE_INTERFACE_Node) == 0 &&
-                property(props, PW_KEY_NODE_NAME) == impl->owner->sinkName())
-                impl->sinkId = id;
             if (impl->followDefault && !impl->metadata &&
                 std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 &&
                 property(props, "metadata.name") == "default") {
@@ -384,11 +380,6 @@ const pw_registry_events& registryEvents() {
                     pw_proxy_add_object_listener(impl->metadata, &impl->metadataListener,
                                                  &metadataEvents, impl);
             }
-        };
-        e.global_remove = [](void* data, std::uint32_t id) {
-            auto* impl = static_cast<Impl*>(data);
-            if (id == impl->sinkId)
-                impl->tell();
         };
         return e;
     }();

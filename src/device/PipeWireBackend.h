@@ -24,9 +24,9 @@
 // CLOCK_MONOTONIC as host time is) plus the delay the stream reports to the device, so a voice
 // armed for a host time is heard then.
 //
-// Lost device: the server going away (a core error), the stream failing, or its sink
-// disappearing is a notice within one event of the server's socket, and the stream renders no
-// further.
+// Lost device: the server going away (a core error) or the stream failing — as it does when its
+// sink disappears, since it never reconnects elsewhere — is a notice within one event of the
+// server's socket, and the stream renders no further.
 //
 // Threading: open/start/stop and the getters on the control (main) thread; the process
 // callback on PipeWire's data thread (real time); every other callback on this back end's own

@@ -466,7 +466,14 @@ TEST(DeviceWatch, PipeWireSinksComingAndGoingAreHeardAtOnce) {
     const auto devices = AudioDeviceList::outputDevices();
     EXPECT_TRUE(std::ranges::any_of(
         devices, [](const AudioOutputDevice& d) { return d.uid == "pipewire:vorlin-test-extra"; }));
+    // An engine playing into the sink that goes hears of it as a lost device at once.
+    AudioEngine engine;
+    std::atomic<int> lost{0};
+    engine.onConfigurationChange = [&] { ++lost; };
+    engine.start(std::string("pipewire:vorlin-test-extra"));
+    EXPECT_EQ(engine.activeDevice(), "pipewire:vorlin-test-extra");
     EXPECT_LT(heardWithin("pw-cli destroy vorlin-test-extra >/dev/null"), 700ms);
+    EXPECT_TRUE(waitFor([&] { return lost.load() > 0; }, 500ms)) << "the engine's sink went";
     changes = 0;
     const auto killed = std::chrono::steady_clock::now();
     session.kill();
