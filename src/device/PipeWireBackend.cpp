@@ -14,6 +14,7 @@
 #include "audio/AudioBufferList.h"
 #include "audio/Mixer.h"
 #include "device/AudioStartError.h"
+#include "device/PipeWireProperty.h"
 
 namespace {
 
@@ -24,11 +25,6 @@ constexpr int kAnswerMs = 2000;
 void initialise() {
     static std::once_flag once;
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
-}
-
-std::string property(const spa_dict* props, const char* key) {
-    const char* value = props ? spa_dict_lookup(props, key) : nullptr;
-    return value ? value : "";
 }
 
 // "[ FL FR FC ]" or "FL,FR" → {"FL", "FR", "FC"}.
@@ -169,7 +165,7 @@ struct GraphQuery {
 
     void global(std::uint32_t id, const char* type, const spa_dict* props) {
         if (std::strcmp(type, PW_TYPE_INTERFACE_Node) == 0 &&
-            property(props, PW_KEY_MEDIA_CLASS) == "Audio/Sink") {
+            pipeWireProperty(props, PW_KEY_MEDIA_CLASS) == "Audio/Sink") {
             auto node = std::make_unique<Node>();
             node->query = this;
             node->proxy = static_cast<pw_proxy*>(
@@ -180,12 +176,12 @@ struct GraphQuery {
                 e.info = [](void* data, const pw_node_info* info) {
                     auto* node = static_cast<Node*>(data);
                     PipeWireBackend::Sink& sink = node->sink;
-                    sink.name = property(info->props, PW_KEY_NODE_NAME);
-                    sink.description = property(info->props, PW_KEY_NODE_DESCRIPTION);
+                    sink.name = pipeWireProperty(info->props, PW_KEY_NODE_NAME);
+                    sink.description = pipeWireProperty(info->props, PW_KEY_NODE_DESCRIPTION);
                     if (sink.description.empty())
                         sink.description = sink.name;
-                    sink.positions = positionsOf(property(info->props, "audio.position"));
-                    const std::string channels = property(info->props, "audio.channels");
+                    sink.positions = positionsOf(pipeWireProperty(info->props, "audio.position"));
+                    const std::string channels = pipeWireProperty(info->props, "audio.channels");
                     sink.channels = !channels.empty()
                                         ? std::atoll(channels.c_str())
                                         : static_cast<std::int64_t>(sink.positions.size());
@@ -198,7 +194,7 @@ struct GraphQuery {
                 nodes.push_back(std::move(node));
             }
         } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0) {
-            const std::string name = property(props, "metadata.name");
+            const std::string name = pipeWireProperty(props, "metadata.name");
             if (name != "default" && name != "settings")
                 return;
             auto meta = std::make_unique<Metadata>();
@@ -358,7 +354,7 @@ const pw_registry_events& registryEvents() {
             auto* impl = static_cast<Impl*>(data);
             if (impl->followDefault && !impl->metadata &&
                 std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 &&
-                property(props, "metadata.name") == "default") {
+                pipeWireProperty(props, "metadata.name") == "default") {
                 impl->metadata = static_cast<pw_proxy*>(pw_registry_bind(
                     impl->registry, id, PW_TYPE_INTERFACE_Metadata, PW_VERSION_METADATA, 0));
                 static const pw_metadata_events metadataEvents = [] {

@@ -6,14 +6,7 @@
 #include <mutex>
 #include <pipewire/pipewire.h>
 
-namespace {
-
-std::string property(const spa_dict* props, const char* key) {
-    const char* value = props ? spa_dict_lookup(props, key) : nullptr;
-    return value ? value : "";
-}
-
-} // namespace
+#include "device/PipeWireProperty.h"
 
 // The loop thread and context live as long as the watch; the core and registry as long as
 // one server does.
@@ -93,13 +86,13 @@ const pw_registry_events& registryEvents() {
         e.global = [](void* data, std::uint32_t id, std::uint32_t, const char* type, std::uint32_t,
                       const spa_dict* props) {
             if (std::strcmp(type, PW_TYPE_INTERFACE_Node) != 0 ||
-                property(props, PW_KEY_MEDIA_CLASS) != "Audio/Sink")
+                pipeWireProperty(props, PW_KEY_MEDIA_CLASS) != "Audio/Sink")
                 return;
             auto* connection = static_cast<Connection*>(data);
             {
                 std::lock_guard lock(connection->mutex);
-                connection->sinks[id] = property(props, PW_KEY_NODE_NAME) + '\t' +
-                                        property(props, PW_KEY_NODE_DESCRIPTION);
+                connection->sinks[id] = pipeWireProperty(props, PW_KEY_NODE_NAME) + '\t' +
+                                        pipeWireProperty(props, PW_KEY_NODE_DESCRIPTION);
             }
             connection->changed();
         };
