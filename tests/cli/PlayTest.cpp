@@ -202,19 +202,26 @@ TEST_F(Play, ASoundServerThatDiesAndReturnsIsSurvived) {
         EXPECT_LT(residentMB(pid) - residentBefore, 20.0) << "MB more while waiting";
         ASSERT_TRUE(session.restart());
         err.clear();
-        const std::string heardFile = dir.file("back.wav");
-        const pid_t recorder = session.record("vorlin-test-8ch", kChannels, heardFile);
         EXPECT_TRUE(said(path.backAgain, 4000)) << err.toStdString();
-        // The session manager links the new stream and the recorder in its own time (slower on
-        // a loaded machine): the last half second of three is judged.
-        std::this_thread::sleep_for(3000ms);
-        PipeWireSession::stopRecording(recorder);
+        // The session manager links the new stream and each recorder in its own time (much
+        // slower on a loaded machine, under the sanitizers): up to three recordings of 3 s, the
+        // last half second of each judged, until one hears the sound.
+        const auto wanted = [&](const std::vector<int>& tones) {
+            return path.device.startsWith("pipewire:")
+                       ? tones == std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}
+                       // as many channels as the server's default output has, the rest folded in
+                       : std::ranges::any_of(tones, [](int tone) { return tone >= 0; });
+        };
+        std::vector<int> heardTones;
+        for (int attempt = 0; attempt < 3 && !wanted(heardTones); ++attempt) {
+            const std::string heardFile = dir.file("back.wav");
+            const pid_t recorder = session.record("vorlin-test-8ch", kChannels, heardFile);
+            std::this_thread::sleep_for(3000ms);
+            PipeWireSession::stopRecording(recorder);
+            heardTones = heard(heardFile);
+        }
         interrupt();
-        const auto heardTones = heard(heardFile);
-        if (path.device.startsWith("pipewire:"))
-            EXPECT_EQ(heardTones, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}));
-        else // as many channels as the server's default output has, the rest folded in
-            EXPECT_TRUE(std::ranges::any_of(heardTones, [](int tone) { return tone >= 0; }));
+        EXPECT_TRUE(wanted(heardTones)) << ::testing::PrintToString(heardTones);
         err.clear();
     }
 }
