@@ -22,14 +22,12 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <optional>
+#include <lo/lo.h>
 #include <sys/prctl.h>
 #include <thread>
 
 #include <QProcess>
 #include <QStandardPaths>
-#include <QUdpSocket>
-#include <QtEndian>
 
 #include "JackServer.h"
 #include "Median.h"
@@ -48,20 +46,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-QByteArray osc(const QByteArray& address, std::optional<std::int32_t> value) {
-    const auto padded = [](QByteArray text) {
-        text.append('\0');
-        while (text.size() % 4)
-            text.append('\0');
-        return text;
-    };
-    if (!value)
-        return padded(address) + padded(",");
-    QByteArray argument(4, '\0');
-    qToBigEndian<std::int32_t>(*value, argument.data());
-    return padded(address) + padded(",i") + argument;
-}
-
 double quantile(std::vector<double> x, double q) {
     if (x.empty())
         return 0.0;
@@ -73,7 +57,7 @@ double quantile(std::vector<double> x, double q) {
 class Player {
 public:
     Player(const QString& show, const QString& device, quint16 port, const QString& wrapper)
-        : m_port(port) {
+        : m_desk(lo_address_new("127.0.0.1", std::to_string(port).c_str())) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         for (const char* variable : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
             env.remove(QString::fromLatin1(variable));
@@ -99,17 +83,19 @@ public:
     ~Player() {
         m_process.kill();
         m_process.waitForFinished();
+        lo_address_free(m_desk);
     }
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
     bool listening() const { return m_err.contains("OSC: 127.0.0.1"); }
-    void send(const QByteArray& message) {
-        m_desk.writeDatagram(message, QHostAddress::LocalHost, m_port);
-    }
+    // The A key down, then everything stopped at once, as a desk sends them.
+    void pressA() { lo_send(m_desk, "/vorlin/key/A", "i", 1); }
+    void panic() { lo_send(m_desk, "/vorlin/panic", ""); }
 
 private:
-    quint16 m_port;
+    lo_address m_desk;
     QProcess m_process;
     QString m_err;
-    QUdpSocket m_desk;
 };
 
 // How late a sink's monitor shows what reaches the sink (0 or one of its quanta), in ms: a voice
@@ -160,15 +146,14 @@ void alternate(Path& a, Path& b, int presses) {
         path.sink->rearm();
         std::this_thread::sleep_for(30ms);
         const std::uint64_t pressed = HostTime::now();
-        path.player->send(osc("/vorlin/key/A", 1));
+        path.player->pressA();
         const auto deadline = std::chrono::steady_clock::now() + 1s;
         while (path.sink->firstSoundHostTime() == 0 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(1ms);
         if (path.sink->firstSoundHostTime() != 0)
             path.presses.push_back(
                 static_cast<double>(path.sink->firstSoundHostTime() - pressed) * 1e-6 - path.lag);
-        path.player->send(osc("/vorlin/key/A", 0));
-        path.player->send(osc("/vorlin/panic", std::nullopt));
+        path.player->panic();
         std::this_thread::sleep_for(120ms);
     }
 }

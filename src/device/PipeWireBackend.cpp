@@ -4,7 +4,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
@@ -14,18 +13,13 @@
 #include "audio/AudioBufferList.h"
 #include "audio/Mixer.h"
 #include "device/AudioStartError.h"
-#include "device/PipeWireProperty.h"
+#include "device/PipeWireSupport.h"
 
 namespace {
 
 // How long a look at the graph or a stream's negotiation may take before the server counts as
 // not answering.
 constexpr int kAnswerMs = 2000;
-
-void initialise() {
-    static std::once_flag once;
-    std::call_once(once, [] { pw_init(nullptr, nullptr); });
-}
 
 // "[ FL FR FC ]" or "FL,FR" → {"FL", "FR", "FC"}.
 std::vector<std::string> positionsOf(const std::string& text) {
@@ -104,7 +98,7 @@ struct GraphQuery {
     bool answered = false;
 
     std::optional<PipeWireBackend::Graph> run() {
-        initialise();
+        initialisePipeWire();
         loop = pw_main_loop_new(nullptr);
         if (!loop)
             return std::nullopt;
@@ -467,7 +461,7 @@ void PipeWireBackend::open() {
     m_channels = std::clamp<std::int64_t>(sink->channels, 1, 64);
     m_rate = found->rate > 0.0 ? found->rate : 48000.0;
 
-    initialise();
+    initialisePipeWire();
     m_impl = std::make_unique<Impl>();
     Impl& impl = *m_impl;
     impl.owner = this;

@@ -3,10 +3,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <pipewire/pipewire.h>
 
-#include "device/PipeWireProperty.h"
+#include "device/PipeWireSupport.h"
 
 // The loop thread and context live as long as the watch; the core and registry as long as
 // one server does.
@@ -113,8 +114,7 @@ const pw_registry_events& registryEvents() {
 } // namespace
 
 PipeWireWatch::PipeWireWatch(std::function<void()> changed) : m_changed(std::move(changed)) {
-    static std::once_flag once;
-    std::call_once(once, [] { pw_init(nullptr, nullptr); });
+    initialisePipeWire();
     auto connection = std::make_unique<Connection>();
     connection->owner = this;
     connection->loop = pw_thread_loop_new("vorlin-pw-watch", nullptr);

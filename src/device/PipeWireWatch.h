@@ -1,9 +1,7 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 // One client of a running PipeWire server, kept for the whole show, that hears from the
