@@ -1,5 +1,6 @@
 #include "PipeWireRecorder.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <mutex>
@@ -14,6 +15,10 @@ struct PipeWireRecorder::Impl {
     double rate = 48000.0;
     std::atomic<std::int64_t> frames{0};
     std::atomic<std::uint64_t> firstSound{0};
+    // The last second, interleaved; `written` counts every frame that came.
+    mutable std::mutex ringLock;
+    std::vector<float> ring;
+    std::size_t written = 0;
 
     void process() {
         pw_buffer* b = pw_stream_dequeue_buffer(stream);
@@ -35,6 +40,14 @@ struct PipeWireRecorder::Impl {
             }
         }
         frames += count;
+        {
+            const std::lock_guard lock(ringLock);
+            const std::size_t size = ring.size() / channels;
+            for (std::uint32_t i = 0; i < count; ++i, ++written)
+                std::copy_n(samples + static_cast<std::size_t>(i) * channels, channels,
+                            ring.begin() +
+                                static_cast<std::ptrdiff_t>((written % size) * channels));
+        }
         pw_stream_queue_buffer(stream, b);
     }
 };
@@ -45,6 +58,7 @@ PipeWireRecorder::PipeWireRecorder(const std::string& sink, int channels)
     std::call_once(once, [] { pw_init(nullptr, nullptr); });
     Impl& impl = *m_impl;
     impl.channels = channels;
+    impl.ring.assign(static_cast<std::size_t>(channels) * 48000, 0.0f);
     impl.loop = pw_thread_loop_new("test-recorder", nullptr);
     if (!impl.loop || pw_thread_loop_start(impl.loop) != 0)
         return;
@@ -97,4 +111,17 @@ std::uint64_t PipeWireRecorder::firstSoundHostTime() const {
 
 void PipeWireRecorder::rearm() {
     m_impl->firstSound = 0;
+}
+
+std::vector<std::vector<float>> PipeWireRecorder::last(std::size_t count) const {
+    const Impl& impl = *m_impl;
+    const auto channels = static_cast<std::size_t>(impl.channels);
+    std::vector<std::vector<float>> planes(channels);
+    const std::lock_guard lock(impl.ringLock);
+    const std::size_t size = impl.ring.size() / channels;
+    count = std::min({count, size, impl.written});
+    for (std::size_t f = impl.written - count; f < impl.written; ++f)
+        for (std::size_t c = 0; c < channels; ++c)
+            planes[c].push_back(impl.ring[(f % size) * channels + c]);
+    return planes;
 }

@@ -160,19 +160,12 @@ void PipeWireSession::kill() {
 
 bool PipeWireSession::restart() {
     kill();
+    // A killed server leaves its socket behind: waiting for the file means the new one's.
+    std::error_code ignored;
+    std::filesystem::remove(m_dir + "/run/pipewire-0", ignored);
     m_pipewire = spawn({"pipewire"});
     for (int i = 0; i < 50 && !std::filesystem::exists(m_dir + "/run/pipewire-0"); ++i)
         std::this_thread::sleep_for(20ms);
     m_manager = spawn({"wireplumber"});
     return m_pipewire > 0 && m_manager > 0 && waitForSinks();
-}
-
-pid_t PipeWireSession::record(const std::string& sink, int channels,
-                              const std::string& path) const {
-    return spawn({"pw-record", "--target", sink, "-P", "stream.capture.sink=true", "--channels",
-                  std::to_string(channels), "--format", "f32", "--rate", "48000", path});
-}
-
-void PipeWireSession::stopRecording(pid_t recorder) {
-    end(recorder, SIGINT);
 }

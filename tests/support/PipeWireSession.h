@@ -36,11 +36,6 @@ public:
     bool restart();
     pid_t serverPid() const { return m_pipewire; }
 
-    // Starts recording the monitor of `sink` (all its channels, 32-bit float WAV) into `path`;
-    // stop it with stopRecording. pw-record runs as a child.
-    pid_t record(const std::string& sink, int channels, const std::string& path) const;
-    static void stopRecording(pid_t recorder);
-
 private:
     pid_t spawn(const std::vector<std::string>& args) const;
     bool waitForSinks() const;
