@@ -8,7 +8,6 @@
 #include <QPushButton>
 #include <QStyledItemDelegate>
 
-#include "app/RedrawPace.h"
 #include "cue/AppModel.h"
 
 namespace {
@@ -102,7 +101,7 @@ void CueListView::refresh() {
         QTableWidgetItem* progress = cell(progressColumn);
         // Progress moves every tick; the bar only when it grows by a pixel or its text changes.
         const QString shown = shownProgress(row);
-        const bool due = !sameCues || RedrawPace::isProgressTick(m_model.live());
+        const bool due = !sameCues || m_model.live().isProgressTick();
         if (due && progress->data(kShownRole).toString() != shown) {
             progress->setData(kShownRole, shown);
             progress->setData(kProgressRole, row.progress);

@@ -9,7 +9,6 @@
 #include <QPushButton>
 #include <QToolButton>
 
-#include "app/RedrawPace.h"
 #include "app/WaveformView.h"
 #include "cue/AppModel.h"
 #include "model/KeyboardLayout.h"
@@ -185,7 +184,7 @@ void KeyFileSection::refreshPosition() {
     const double position = found == progress.end() ? -1.0 : found->second;
     // The line appears and disappears at once; it moves on progress ticks.
     const bool appearsOrGoes = (position < 0.0) != (m_waveform->position() < 0.0);
-    if (appearsOrGoes || isRefreshing() || RedrawPace::isProgressTick(m_model.live()))
+    if (appearsOrGoes || isRefreshing() || m_model.live().isProgressTick())
         m_waveform->setPosition(position);
 }
 

@@ -16,7 +16,6 @@
 #include <QTextLayout>
 #include <QToolTip>
 
-#include "app/RedrawPace.h"
 #include "cue/AppModel.h"
 #include "model/KeyPalette.h"
 
@@ -142,7 +141,7 @@ double KeyboardView::progressWidth(const Cell& cell) {
 void KeyboardView::liveChanged(bool everything) {
     if (m_cells.empty())
         layoutCells();
-    const bool progressTick = RedrawPace::isProgressTick(m_model.live());
+    const bool progressTick = m_model.live().isProgressTick();
     for (const Cell& cell : m_cells) {
         if (cell.spec->kind != KeySpec::Kind::key)
             continue;

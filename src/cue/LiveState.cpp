@@ -1,5 +1,7 @@
 #include "cue/LiveState.h"
 
+#include <utility>
+
 namespace {
 
 template <typename T, typename Signal>
@@ -12,7 +14,17 @@ void assignIfChanged(LiveState* state, T& field, T&& value, Signal signal) {
 
 } // namespace
 
+void LiveState::countTick() {
+    ++m_ticks;
+    if (isProgressTick() && std::exchange(m_changedBetweenProgressTicks, false)) {
+        emit progressChanged();
+        emit cuesChanged();
+    }
+}
+
 void LiveState::setProgress(std::map<KeyCode, double> value) {
+    if (value != m_progress && !isProgressTick())
+        m_changedBetweenProgressTicks = true;
     assignIfChanged(this, m_progress, std::move(value), &LiveState::progressChanged);
 }
 
@@ -29,6 +41,8 @@ void LiveState::setPlayingPages(std::set<QUuid> value) {
 }
 
 void LiveState::setCues(std::vector<CueRow> value) {
+    if (value != m_cues && !isProgressTick())
+        m_changedBetweenProgressTicks = true;
     assignIfChanged(this, m_cues, std::move(value), &LiveState::cuesChanged);
 }
 

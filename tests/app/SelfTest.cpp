@@ -701,6 +701,67 @@ void checkOperator(AppModel& model, MainWindow& window, const QString& shot, con
     log.check(model.isRunning(kS) && model.isRunning(kA), "and stops nothing");
 }
 
+// A PDF deck stepped by real presses: after each, the cue list's bar and the key's own bar on
+// the screen (read back from the X server, not redrawn for the check) show index ÷ items. Only
+// a picture changes with a step: the step's own redraw is the only one.
+void checkDeckProgress(AppModel& model, MainWindow& window, const QString& folder, Log& log) {
+    constexpr KeyCode kSlides = 5; // G
+    const QString pdf = folder + "/steps.pdf";
+    if (!writePdf(pdf, {Qt::red, Qt::green, Qt::blue})) {
+        log.check(false, "a three-page PDF is written");
+        return;
+    }
+    model.stopAll(true); // nothing else running: nothing else makes the views draw
+    model.editor().assign(pdf, kSlides);
+    waitForMedia(model);
+    // The slides' output window, small in the screen's corner: the keyboard stays in sight.
+    model.video().show();
+    XInput::settle(300);
+    for (QWindow* w : QGuiApplication::topLevelWindows())
+        if (w->isVisible() && w->title().startsWith(QStringLiteral("映像出力")))
+            w->setGeometry(window.screen()->geometry().right() - 200, 0, 160, 90);
+    window.activateWindow();
+    XInput::settle(300);
+    auto* list = window.findChild<CueListView*>();
+    auto* keyboard = window.findChild<KeyboardView*>();
+    const QRect cell = keyboard->cellRect(kSlides).toAlignedRect();
+    for (int step = 1; step <= 3; ++step) {
+        XInput::key("g");
+        XInput::settle(400);
+        QString listed;
+        const auto& rows = model.live().cues();
+        for (std::size_t r = 0; r < rows.size(); ++r)
+            if (rows[r].key == kSlides && list->item(static_cast<int>(r), 3))
+                listed = list->item(static_cast<int>(r), CueListView::progressColumn)
+                             ->data(CueListView::kShownRole)
+                             .toString()
+                             .section('|', 1);
+        // The key's bar on the screen: its ink-coloured part, in the middle of its 5 px.
+        const QPoint origin = keyboard->mapToGlobal(cell.topLeft());
+        const QImage picture =
+            window.screen()
+                ->grabWindow(0, origin.x(), origin.y(), cell.width(), cell.height())
+                .toImage();
+        const QRectF exact = keyboard->cellRect(kSlides);
+        const int y = static_cast<int>(exact.bottom() - 7.0) - cell.top();
+        const double width = exact.width() - 12; // the bar's insets
+        int inked = 0;
+        for (int x = 0; x < picture.width(); ++x) {
+            const QRgb c = picture.pixel(x, y) & RGB_MASK; // the screen's alpha is not kept
+            inked += c == (qRgb(235, 235, 240) & RGB_MASK) || c == (qRgb(25, 25, 28) & RGB_MASK);
+        }
+        const int wanted = (100 * step + 1) / 3;
+        const double drawn = static_cast<double>(inked) / width;
+        log.check(listed == QString::number(wanted) && std::abs(inked - width * step / 3.0) <= 2,
+                  QString("slide %1 of 3: the cue list says %2 % (%3), the key's bar is %4 % "
+                          "drawn")
+                      .arg(step)
+                      .arg(listed)
+                      .arg(wanted)
+                      .arg(std::lround(100 * drawn)));
+    }
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -719,6 +780,7 @@ int run(AppModel& model, MainWindow& window) {
     }
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_OPERATOR")) {
         checkOperator(model, window, qEnvironmentVariable("VORLIN_SELFTEST_OPERATOR"), folder, log);
+        checkDeckProgress(model, window, folder, log);
         // Last: Ctrl+Q with an output window open ends the program (its event loop returns),
         // the output window with it.
         model.stopAll(true);
