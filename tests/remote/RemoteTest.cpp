@@ -257,7 +257,7 @@ TEST_F(Remote, AFloodIsShedAndTheNextCommandStillActsAtOnce) {
     lo_send(target, "/vorlin/master", "f", 0.5f);
     lo_send(target, "/vorlin/key", "ii", 0, 1);
     ASSERT_TRUE(until([&] { return stage.model.isRunning(kA); }));
-    EXPECT_LT(acted.elapsed(), 100);
+    EXPECT_LT(acted.elapsed(), 500); // the backlog was shed, not worked through
     EXPECT_EQ(stage.model.masterVolume(), 0.5);
 
     timespec before, after;
@@ -314,17 +314,21 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
             return second.elapsed() > 1000;
         },
         5000);
+    // However late this loop ran, never more than the rate allows over the time it listened.
+    const double allowed = 30.0 * static_cast<double>(second.elapsed()) / 1000.0 + 1.0;
     EXPECT_GE(bursts, 1);
-    EXPECT_LE(bursts, 31);
-    EXPECT_LT(datagrams, 31 * 8);
+    EXPECT_LE(bursts, allowed);
+    EXPECT_LT(datagrams, allowed * 8);
 
-    // Unrenewed, a subscription runs out.
+    // Unrenewed, a subscription runs out: not before its lifetime, but then.
     remote.osc().setSubscriptionLifetime(200ms);
+    QElapsedTimer renewed;
+    renewed.start();
+    const auto received = remote.osc().counts().received;
     client->writeDatagram(subscribe, QHostAddress::LocalHost, port);
-    idle(100);
-    EXPECT_EQ(remote.osc().subscriberCount(), 1u);
-    idle(200);
-    EXPECT_EQ(remote.osc().subscriberCount(), 0u);
+    ASSERT_TRUE(until([&] { return remote.osc().counts().received > received; }));
+    ASSERT_TRUE(until([&] { return remote.osc().subscriberCount() == 0; }, 3000));
+    EXPECT_GE(renewed.elapsed(), 200);
 }
 
 } // namespace
