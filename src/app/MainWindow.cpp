@@ -1,5 +1,6 @@
 #include "app/MainWindow.h"
 
+#include <QAbstractSpinBox>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QCoreApplication>
@@ -8,6 +9,7 @@
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
+#include <QLineEdit>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QProcess>
@@ -19,6 +21,7 @@
 #include <QStatusBar>
 #include <QTableWidget>
 #include <QTimer>
+#include <QUndoStack>
 #include <QVBoxLayout>
 #include <QWindow>
 
@@ -376,10 +379,11 @@ void MainWindow::buildMenu() {
           {QStringLiteral("すべてのファイルを読み込み直す"),
            QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_R),
            [this] { m_model.media().reloadAll(true); }}}},
-        // Text fields handle these themselves; the menu names them with their keys.
+        // Text fields handle these themselves; the menu names them with their keys. Undo and
+        // redo act on the show's edits, or on the text of a field that has the keyboard.
         {QStringLiteral("編集"),
-         {{QStringLiteral("取り消す"), QKeySequence::Undo, nullptr},
-          {QStringLiteral("やり直す"), QKeySequence::Redo, nullptr},
+         {{QStringLiteral("取り消す"), QKeySequence::Undo, [this] { undoOrRedo(false); }},
+          {QStringLiteral("やり直す"), QKeySequence::Redo, [this] { undoOrRedo(true); }},
           separator,
           {QStringLiteral("カット"), QKeySequence::Cut, nullptr},
           {QStringLiteral("コピー"), QKeySequence::Copy, nullptr},
@@ -423,6 +427,9 @@ void MainWindow::buildMenu() {
             item->setEnabled(entry.run != nullptr);
             if (entry.run)
                 connect(item, &QAction::triggered, this, entry.run);
+            if (entry.text == QStringLiteral("取り消す") ||
+                entry.text == QStringLiteral("やり直す"))
+                followHistory(*item, entry.text == QStringLiteral("やり直す"));
             // Where the pictures go, right under the entry that opens them.
             if (entry.text == QStringLiteral("映像出力を開く／閉じる")) {
                 QMenu* outputs = menu->addMenu(QStringLiteral("映像の出力先"));
@@ -433,6 +440,36 @@ void MainWindow::buildMenu() {
             }
         }
     }
+}
+
+void MainWindow::followHistory(QAction& item, bool redo) {
+    const QUndoStack& stack = m_model.session().history().stack();
+    if (redo) // Ctrl+Y as well, as many programs have it
+        item.setShortcuts({QKeySequence::Redo, QKeySequence(Qt::CTRL | Qt::Key_Y)});
+    const auto follow = [this, &item, redo] {
+        const QUndoStack& stack = m_model.session().history().stack();
+        const QString step = redo ? stack.redoText() : stack.undoText();
+        const QString verb = redo ? QStringLiteral("やり直す") : QStringLiteral("取り消す");
+        item.setText(step.isEmpty() ? verb : verb + QStringLiteral(": ") + step);
+        item.setEnabled(redo ? stack.canRedo() : stack.canUndo());
+    };
+    connect(&stack, &QUndoStack::indexChanged, &item, follow);
+    connect(&stack, &QUndoStack::cleanChanged, &item, follow);
+    follow();
+}
+
+void MainWindow::undoOrRedo(bool redo) {
+    // A field with the keyboard takes back its own typing, as in any program.
+    QWidget* focus = QApplication::focusWidget();
+    auto* field = qobject_cast<QLineEdit*>(focus);
+    if (auto* box = qobject_cast<QAbstractSpinBox*>(focus))
+        field = box->findChild<QLineEdit*>();
+    if (field) {
+        redo ? field->redo() : field->undo();
+        return;
+    }
+    QUndoStack& stack = m_model.session().history().stack();
+    redo ? stack.redo() : stack.undo();
 }
 
 void MainWindow::fillOutputMenu(QMenu& menu) {

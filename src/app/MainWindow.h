@@ -18,6 +18,7 @@ class KeyboardView;
 class MeterPanel;
 class OutputBar;
 class PageListPanel;
+class QAction;
 class QMenu;
 class QTableWidget;
 
@@ -77,6 +78,9 @@ private:
     // 再生 › 映像の出力先: the window and every display, the control display marked, the wanted
     // displays not attached listed as such.
     void fillOutputMenu(QMenu& menu);
+    // 取り消す／やり直す name the step they would take and are off when there is none.
+    void followHistory(QAction& item, bool redo);
+    void undoOrRedo(bool redo);
     void setOutput(const QString& name, bool on);
     void buildMenu();
     void openDocument();

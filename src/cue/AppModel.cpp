@@ -81,9 +81,10 @@ void AppModel::setRouting(KeyCode code, std::optional<RoutingMatrix> matrix,
     const auto found = m_document.assignments.find(code);
     if (found == m_document.assignments.end())
         return;
+    const EditHistory::Step step(m_session.history(),
+                                 KeyboardLayout::label(code) + " キーのルーティングを変更");
     found->second.matrix = std::move(matrix);
     found->second.outputMap = outputMap;
-    markDirty();
     emit assignmentsChanged();
 }
 

@@ -39,7 +39,9 @@ QString labelOf(KeyCode code) {
 ShowEditor::ShowEditor(ShowDocument& document, CueEngine& cues, Mixer& mixer, MediaLoader& media,
                        StatusLine& status, ShowSession& session)
     : m_document(document), m_cues(cues), m_mixer(mixer), m_media(media), m_status(status),
-      m_session(session) {}
+      m_session(session) {
+    session.history().setRestore([this](const EditHistory::State& state) { restore(state); });
+}
 
 QStringList ShowEditor::openPanelTypes() {
     return kExtensions;
@@ -88,11 +90,11 @@ void ShowEditor::store(KeyCode code, const KeyAssignment& assignment) {
 }
 
 void ShowEditor::changed() {
-    m_session.markDirty();
-    emit assignmentsChanged();
+    emit assignmentsChanged(); // the undo stack says the show changed
 }
 
 void ShowEditor::place(const QStringList& dropped, KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーにドロップ");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
         return;
@@ -138,12 +140,14 @@ void ShowEditor::place(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::assign(const QString& file, KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーに割り当て");
     if (m_document.assignments.count(code))
         m_cues.stopKey(code, kEditFade);
     store(code, newAssignment(file, colorFor(code)));
 }
 
 void ShowEditor::assign(const QStringList& dropped, KeyCode startingAt) {
+    const EditHistory::Step step(m_session.history(), labelOf(startingAt) + " キーから割り当て");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
         return;
@@ -163,6 +167,7 @@ void ShowEditor::assign(const QStringList& dropped, KeyCode startingAt) {
 }
 
 void ShowEditor::assignList(const QStringList& dropped, KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーにリストを割り当て");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
         return;
@@ -180,6 +185,7 @@ void ShowEditor::assignList(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーに追加");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
         return;
@@ -198,6 +204,7 @@ void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目を削除");
     auto& keys = m_document.assignments;
     const auto held = keys.find(code);
     if (held == keys.end())
@@ -231,6 +238,7 @@ void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
 }
 
 void ShowEditor::clear(KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーをクリア");
     if (!m_document.assignments.count(code))
         return;
     closeDeckTab(code);
@@ -241,6 +249,7 @@ void ShowEditor::clear(KeyCode code) {
 }
 
 void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーをコピー");
     ShowDocument& show = m_document;
     const auto held = show.assignments.find(code);
     if (held == show.assignments.end() || toPage >= show.pages.size())
@@ -258,6 +267,8 @@ void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
 }
 
 void ShowEditor::applyRoutingToAll(KeyCode from) {
+    const EditHistory::Step step(m_session.history(),
+                                 labelOf(from) + " のルーティングを全キーに適用");
     auto& keys = m_document.assignments;
     const auto source = keys.find(from);
     if (source == keys.end())
@@ -288,16 +299,69 @@ void ShowEditor::addFiles(KeyCode code) {
 }
 
 void ShowEditor::update(KeyCode code, const KeyAssignment& assignment) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの設定を変更");
+    applyToRunning(code, assignment);
+    store(code, assignment);
+}
+
+void ShowEditor::applyToRunning(KeyCode code, const KeyAssignment& assignment) {
     for (const ActiveCuePtr& cue : m_cues.cues()) {
         if (!m_cues.runsFor(*cue, code) || !cue->voiceID)
             continue;
         m_mixer.setVolume(*cue->voiceID, static_cast<float>(assignment.volume));
         m_mixer.setLoop(*cue->voiceID, assignment.loop);
     }
-    store(code, assignment);
+}
+
+void ShowEditor::restore(const EditHistory::State& state) {
+    ShowDocument& show = m_document;
+    if (state.pages.empty())
+        return;
+    const std::size_t current = std::min(state.currentPage, state.pages.size() - 1);
+    const KeyPage& target = state.pages[current];
+    // The keys the page to be shown has now: the working copy, another page's, or none (a
+    // deleted page coming back).
+    const bool samePage = show.currentPageID() == target.id;
+    std::map<KeyCode, KeyAssignment> before;
+    if (samePage)
+        before = show.assignments;
+    for (const KeyPage& page : show.pages)
+        if (!samePage && page.id == target.id)
+            before = page.keys;
+    show.pages = state.pages;
+    if (samePage) {
+        show.currentPage = current;
+        show.assignments = target.keys;
+        std::erase_if(show.deckTabs, [&](KeyCode code) {
+            const auto held = show.assignments.find(code);
+            return held == show.assignments.end() || !held->second.isDeck();
+        });
+        if (show.activeDeckTab &&
+            std::ranges::find(show.deckTabs, *show.activeDeckTab) == show.deckTabs.end())
+            show.activeDeckTab =
+                show.deckTabs.empty() ? std::nullopt : std::optional<KeyCode>(show.deckTabs.back());
+    } else {
+        show.loadPage(current);
+    }
+    show.selectedKey = state.selectedKey;
+    // A key whose files change stops with the short fade, as the edit itself stopped it; one
+    // whose settings change keeps playing with the volume and loop it has again.
+    for (const auto& [code, was] : before) {
+        const auto now = show.assignments.find(code);
+        if (now == show.assignments.end() || now->second.path != was.path ||
+            now->second.sources != was.sources)
+            m_cues.stopKey(code, kEditFade);
+        else if (!(now->second == was))
+            applyToRunning(code, now->second);
+    }
+    m_media.reloadAll(false);
+    m_media.releaseMediaIfUnused();
+    emit assignmentsChanged();
+    emit deckTabsChanged();
 }
 
 void ShowEditor::renameKey(KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの名前を変更");
     auto& keys = m_document.assignments;
     const auto held = keys.find(code);
     if (held == keys.end())
@@ -310,6 +374,7 @@ void ShowEditor::renameKey(KeyCode code) {
 }
 
 void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目の名前を変更");
     if (!m_document.assignments.count(code))
         return;
     // The key's own list, or the deck's as the key would play it: renaming makes it the key's.
@@ -325,6 +390,7 @@ void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
 }
 
 void ShowEditor::setDeckItems(KeyCode code, const std::vector<DeckItem>& items) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目を変更");
     const auto held = m_document.assignments.find(code);
     if (held == m_document.assignments.end())
         return;
@@ -334,6 +400,7 @@ void ShowEditor::setDeckItems(KeyCode code, const std::vector<DeckItem>& items) 
 }
 
 void ShowEditor::resetDeckItems(KeyCode code) {
+    const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目を元に戻す");
     const auto held = m_document.assignments.find(code);
     if (held == m_document.assignments.end() || !held->second.deckItems)
         return;
@@ -366,6 +433,8 @@ void ShowEditor::closeDeckTab(KeyCode code) {
 }
 
 void ShowEditor::newPage(bool duplicate) {
+    const EditHistory::Step step(m_session.history(), duplicate ? QStringLiteral("ページを複製")
+                                                                : QStringLiteral("ページを追加"));
     ShowDocument& show = m_document;
     show.storeCurrentPage();
     KeyPage page;
@@ -376,7 +445,6 @@ void ShowEditor::newPage(bool duplicate) {
         page.name = "ページ " + QString::number(show.pages.size() + 1);
     }
     show.pages.push_back(std::move(page));
-    m_session.markDirty();
     switchPage(show.pages.size() - 1);
 }
 
@@ -401,6 +469,7 @@ void ShowEditor::stepPage(int delta) {
 }
 
 void ShowEditor::renamePage(std::size_t index) {
+    const EditHistory::Step step(m_session.history(), QStringLiteral("ページの名前を変更"));
     ShowDocument& show = m_document;
     if (index >= show.pages.size())
         return;
@@ -412,6 +481,7 @@ void ShowEditor::renamePage(std::size_t index) {
 }
 
 void ShowEditor::deletePage(std::size_t index) {
+    const EditHistory::Step step(m_session.history(), QStringLiteral("ページを削除"));
     ShowDocument& show = m_document;
     if (index >= show.pages.size())
         return;
@@ -436,6 +506,7 @@ void ShowEditor::deletePage(std::size_t index) {
 }
 
 void ShowEditor::movePages(const std::set<std::size_t>& from, std::size_t to) {
+    const EditHistory::Step step(m_session.history(), QStringLiteral("ページを移動"));
     ShowDocument& show = m_document;
     show.storeCurrentPage();
     const QUuid current = show.currentPageID();

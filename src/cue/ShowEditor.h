@@ -6,6 +6,7 @@
 #include <QString>
 #include <QStringList>
 
+#include "cue/EditHistory.h"
 #include "cue/Interaction.h"
 #include "model/KeyAssignment.h"
 #include "model/ShowDocument.h"
@@ -17,8 +18,9 @@ class ShowSession;
 class StatusLine;
 
 // Putting files on keys and arranging pages: every operation changes the current page's working
-// copy (or the pages), keeps the media table in step and marks the show changed. Questions go
-// through the Interaction; a cancelled question changes nothing. Main thread.
+// copy (or the pages), keeps the media table in step and is one step of the show's undo stack
+// (ShowSession::history), which it also brings back. Questions go through the Interaction; a
+// cancelled question changes nothing. Main thread.
 class ShowEditor : public QObject {
     Q_OBJECT
 public:
@@ -80,6 +82,10 @@ private:
     std::int64_t colorFor(KeyCode code) const;
     void store(KeyCode code, const KeyAssignment& assignment);
     void changed();
+    // The key's running voices take the volume and loop of `assignment`.
+    void applyToRunning(KeyCode code, const KeyAssignment& assignment);
+    // Undo and redo: the document, its media and the running keys brought to `state`.
+    void restore(const EditHistory::State& state);
 
     ShowDocument& m_document;
     CueEngine& m_cues;

@@ -21,7 +21,9 @@ const QString kFirstPage = QStringLiteral("ページ 1");
 ShowSession::ShowSession(ShowDocument& document, MediaLoader& media, CueEngine& cues,
                          StatusLine& status, Settings settings)
     : m_document(document), m_media(media), m_cues(cues), m_status(status),
-      m_settings(std::move(settings)) {}
+      m_settings(std::move(settings)), m_history(document) {
+    connect(&m_history.stack(), &QUndoStack::cleanChanged, this, [this] { titleChanged(); });
+}
 
 QString ShowSession::documentName() const {
     return m_path ? QFileInfo(*m_path).fileName() : QStringLiteral("名称未設定.vorlin");
@@ -67,6 +69,7 @@ void ShowSession::save(const QString& path) {
     ShowFile::writeAtomically(path, doc.encode());
     m_path = path;
     m_dirty = false;
+    m_history.stack().setClean();
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
     emit assignmentsChanged();
@@ -158,6 +161,7 @@ void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) 
     }
     m_path = path;
     m_dirty = false;
+    m_history.stack().clear();
     m_media.reloadAll(true);
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
@@ -181,6 +185,7 @@ void ShowSession::newDocument() {
     m_applying = false;
     m_path.reset();
     m_dirty = false;
+    m_history.stack().clear();
     Prefs::remove(Prefs::lastKeymapKey(m_instance));
     titleChanged();
     emit assignmentsChanged();

@@ -6,6 +6,7 @@
 #include <QObject>
 #include <QString>
 
+#include "cue/EditHistory.h"
 #include "cue/MixSettings.h"
 #include "model/KeymapDocument.h"
 #include "model/ShowDocument.h"
@@ -14,9 +15,12 @@ class CueEngine;
 class MediaLoader;
 class StatusLine;
 
-// The show as a file: saving, opening, a new show, reopening the last one, dirty tracking and
-// the name in the title. It replaces the document's pages itself; the mix settings the file
-// keeps are the owner's, read through `current` and handed over through `apply`. Main thread.
+// The show as a file: saving, opening, a new show, reopening the last one, dirty tracking, the
+// undo stack (cleared with every show opened or made) and the name in the title. The show is
+// changed when the undo stack is away from where the file was saved or opened, or a setting
+// kept in the file (mix, outputs, MIDI) changed since. It replaces the document's pages itself; the
+// mix settings the file keeps are the owner's, read through `current` and handed over through
+// `apply`. Main thread.
 class ShowSession : public QObject {
     Q_OBJECT
 public:
@@ -38,8 +42,10 @@ public:
     // status line, a missing file is ignored.
     void restoreLastDocument();
 
+    // A setting kept in the file changed (edits of keys and pages are told by the undo stack).
     void markDirty();
-    bool isDirty() const { return m_dirty; }
+    bool isDirty() const { return m_dirty || !m_history.stack().isClean(); }
+    EditHistory& history() { return m_history; }
     const std::optional<QString>& documentPath() const { return m_path; }
     // The file's name, or "名称未設定.vorlin".
     QString documentName() const;
@@ -69,6 +75,7 @@ private:
     Settings m_settings;
     bool m_offline = false;
     std::optional<QString> m_path;
+    EditHistory m_history;
     bool m_dirty = false;
     bool m_applying = false;
     int m_instance = 1;

@@ -762,6 +762,49 @@ void checkDeckProgress(AppModel& model, MainWindow& window, const QString& folde
     }
 }
 
+// Ctrl+Z and Ctrl+Shift+Z as typed: a key cleared comes back and goes again, the menu names the
+// step, and a field with the keyboard takes back its own typing instead of the show's edit.
+void checkUndo(AppModel& model, MainWindow& window, Log& log) {
+    constexpr KeyCode kF = 3;
+    const QString held = model.document().assignments.count(kF)
+                             ? model.document().assignments.at(kF).displayName()
+                             : QString();
+    model.editor().clear(kF);
+    window.activateWindow();
+    XInput::settle(300);
+    QAction* undo = nullptr;
+    for (QAction* menu : window.menuBar()->actions())
+        for (QAction* entry : menu->menu() ? menu->menu()->actions() : QList<QAction*>{})
+            if (entry->text().startsWith(QStringLiteral("取り消す")))
+                undo = entry;
+    log.check(
+        undo && undo->isEnabled() && undo->text() == QStringLiteral("取り消す: F キーをクリア"),
+        "the menu offers 取り消す: F キーをクリア (" + (undo ? undo->text() : QString()) + ")");
+    XInput::key("z", true);
+    log.check(model.document().assignments.count(kF) &&
+                  model.document().assignments.at(kF).displayName() == held,
+              "Ctrl+Z gives F back what it held: " + held);
+    XInput::key("z", true, true);
+    log.check(!model.document().assignments.count(kF), "Ctrl+Shift+Z clears it again");
+    XInput::key("z", true);
+    XInput::key("y", true);
+    log.check(!model.document().assignments.count(kF), "Ctrl+Z, then Ctrl+Y clears it too");
+
+    XInput::key("a"); // selects A: its name field is in the detail panel
+    auto* name = window.findChild<QLineEdit*>(QStringLiteral("title"));
+    if (!name) {
+        log.check(false, "the detail panel has the key's name field");
+        return;
+    }
+    XInput::click(name);
+    XInput::key("End");
+    XInput::key("x");
+    XInput::key("z", true);
+    log.check(!name->text().endsWith('x') && !model.document().assignments.count(kF),
+              "Ctrl+Z in the name field takes back the typing, not the show's edit");
+    XInput::key("Escape");
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -781,6 +824,7 @@ int run(AppModel& model, MainWindow& window) {
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_OPERATOR")) {
         checkOperator(model, window, qEnvironmentVariable("VORLIN_SELFTEST_OPERATOR"), folder, log);
         checkDeckProgress(model, window, folder, log);
+        checkUndo(model, window, log);
         // Last: Ctrl+Q with an output window open ends the program (its event loop returns),
         // the output window with it.
         model.stopAll(true);

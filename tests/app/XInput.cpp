@@ -58,13 +58,18 @@ void wheel(QWidget* widget, int steps) {
     settle();
 }
 
-void key(const QString& name, bool control) {
+void key(const QString& name, bool control, bool shift) {
     const KeyCode code = XKeysymToKeycode(display(), XStringToKeysym(name.toLatin1().constData()));
     const KeyCode ctrl = XKeysymToKeycode(display(), XStringToKeysym("Control_L"));
+    const KeyCode shiftKey = XKeysymToKeycode(display(), XStringToKeysym("Shift_L"));
     if (control)
         XTestFakeKeyEvent(display(), ctrl, True, 0);
+    if (shift)
+        XTestFakeKeyEvent(display(), shiftKey, True, 0);
     XTestFakeKeyEvent(display(), code, True, 0);
     XTestFakeKeyEvent(display(), code, False, 30);
+    if (shift)
+        XTestFakeKeyEvent(display(), shiftKey, False, 0);
     if (control)
         XTestFakeKeyEvent(display(), ctrl, False, 0);
     XFlush(display());

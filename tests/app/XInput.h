@@ -16,8 +16,9 @@ bool available();
 void click(QWidget* widget, QPoint where = {-1, -1});
 // The mouse wheel turned `steps` notches away from the user (negative: towards) over `widget`.
 void wheel(QWidget* widget, int steps);
-// A key by its X key name ("a", "Escape", "Return", "KP_Enter"), with Control held when asked.
-void key(const QString& name, bool control = false);
+// A key by its X key name ("a", "Escape", "Return", "KP_Enter"), with Control and Shift held
+// when asked.
+void key(const QString& name, bool control = false, bool shift = false);
 // Lets the application take what the server sent (`ms` of its event loop).
 void settle(int ms = 150);
 

@@ -162,10 +162,11 @@ protected:
         while (!wanted(tones = heard(recorder)) && waited.elapsed() < ms)
             std::this_thread::sleep_for(100ms);
         if (!wanted(tones)) {
-            std::printf("recorded %lld frames; the links:\n",
-                        static_cast<long long>(recorder.frames()));
+            err += QString::fromUtf8(player.readAllStandardError());
+            std::printf("the player said:\n%s\nrecorded %lld frames; the links:\n",
+                        err.toStdString().c_str(), static_cast<long long>(recorder.frames()));
             std::fflush(stdout);
-            std::system("pw-link --links");
+            std::system("pw-link --links; pw-dump | grep -E '\"(state|error|node.name|link.output.node|link.input.node)\"'");
         }
         return tones;
     }

@@ -1,5 +1,6 @@
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -191,6 +192,117 @@ TEST_F(Editing, PagesAreAddedSteppedRenamedMovedAndDeleted) {
     stage.run(0.05);
     ASSERT_EQ(stage.model.live().cues().size(), 1u);
     EXPECT_EQ(stage.model.live().cues()[0].pageName, QString("削除したページ"));
+}
+
+// Every edit is one step: undo gives back the document before it (all pages, the current page,
+// list items and their settings, the selection), redo the one after, and the show is unchanged
+// again exactly when the stack is back where it was saved. A key playing through it all whose
+// files no step changes keeps playing; a key whose files a step changes stops.
+TEST_F(Editing, EveryEditIsOneStepThatUndoesAndRedoesExactly) {
+    editor().assignList({file("one.wav"), file("two.wav"), file("three.wav")}, kQ);
+    editor().assign(file("a.wav"), kA);
+    stage.addKey(kD, "drone", 0.5f, "1");
+    editor().newPage(false);
+    editor().assign(file("b.wav"), kA);
+    editor().switchPage(0);
+    stage.model.save(file("show.vorlin"));
+    stage.press(kD);
+    EditHistory& history = stage.model.session().history();
+    struct Row {
+        QString label; // the step as the menu names it
+        std::function<void()> edit;
+    };
+    const std::vector<Row> rows{
+        {"S キーにドロップ", [&] { editor().place({file("s.wav")}, kS); }},
+        {"F キーから割り当て",
+         [&] {
+             editor().assign({file("f.wav"), file("g.wav")}, kF);
+         }},
+        {"S キーに追加", [&] { editor().appendToKey({file("s2.wav")}, kS); }},
+        {"Q キーの項目を削除", [&] { editor().removeFromList(kQ, "1"); }},
+        {"A キーの設定を変更",
+         [&] {
+             KeyAssignment a = keys().at(kA);
+             a.fadeIn = 2.5;
+             a.loop = true;
+             editor().update(kA, a);
+         }},
+        {"A キーのルーティングを変更", [&] { stage.model.setRouting(kA, RoutingMatrix{{1}}, ""); }},
+        {"A のルーティングを全キーに適用", [&] { editor().applyRoutingToAll(kA); }},
+        {"A キーの名前を変更",
+         [&] {
+             script.names = {QString("開演ベル")};
+             editor().renameKey(kA);
+         }},
+        {"Q キーの項目を変更",
+         [&] {
+             DeckItem first{.id = "one", .kind = DeckItem::Kind::audio, .file = "one.wav"};
+             DeckItem last = first;
+             last.id = last.title = "three";
+             last.enabled = false;
+             editor().setDeckItems(kQ, {first, last});
+         }},
+        {"Q キーの項目を元に戻す", [&] { editor().resetDeckItems(kQ); }},
+        {"A キーをコピー",
+         [&] {
+             script.buttons = {0}; // over page 2's own A
+             editor().copyKey(kA, 1);
+         }},
+        {"D キーをクリア", [&] { editor().clear(kD); }},
+        {"ページを複製", [&] { editor().newPage(true); }},
+        {"ページの名前を変更",
+         [&] {
+             script.names = {QString("幕間")};
+             editor().renamePage(0);
+         }},
+        {"ページを移動", [&] { editor().movePages({2}, 0); }},
+        {"ページを追加", [&] { editor().newPage(false); }},
+        {"ページを削除",
+         [&] {
+             script.buttons = {0};
+             editor().deletePage(1);
+         }},
+        {"Q キーにリストを割り当て",
+         [&] {
+             editor().assignList({file("x.wav"), file("y.wav")}, kQ);
+         }},
+    };
+    const auto same = [](const EditHistory::State& a, const EditHistory::State& b) {
+        return EditHistory::sameDocument(a, b) && a.selectedKey == b.selectedKey;
+    };
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const Row& row = rows[i];
+        SCOPED_TRACE(row.label.toStdString());
+        const EditHistory::State before = history.capture();
+        const int steps = history.stack().count();
+        row.edit();
+        const EditHistory::State after = history.capture();
+        ASSERT_FALSE(same(before, after));
+        EXPECT_EQ(history.stack().count(), steps + 1);
+        EXPECT_EQ(history.stack().undoText(), row.label);
+        EXPECT_TRUE(stage.model.isDirty());
+        history.stack().undo();
+        EXPECT_TRUE(same(history.capture(), before));
+        EXPECT_EQ(stage.model.isDirty(), i > 0); // back where it was saved after the first
+        history.stack().redo();
+        EXPECT_TRUE(same(history.capture(), after));
+        EXPECT_TRUE(stage.model.isDirty());
+        const bool cleared = i >= 11; // D's own step and every one after it
+        EXPECT_EQ(stage.model.isRunning(kD), !cleared);
+    }
+    // A step that changes nothing is none; back to where it was saved, the show is as saved.
+    script.names = {std::nullopt};
+    editor().renameKey(kA);
+    EXPECT_EQ(history.stack().undoText(), rows.back().label);
+    for (std::size_t i = 0; i < rows.size(); ++i)
+        history.stack().undo();
+    EXPECT_FALSE(stage.model.isDirty());
+    EXPECT_EQ(stage.doc().pages.size(), 2u);
+    EXPECT_EQ(keys().at(kA).path, file("a.wav"));
+    EXPECT_EQ(keys().at(kQ).sources->size(), 3u);
+    EXPECT_FALSE(keys().count(kS));
+    stage.model.newDocument();
+    EXPECT_FALSE(history.stack().canRedo());
 }
 
 TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
