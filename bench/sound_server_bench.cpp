@@ -207,7 +207,7 @@ void BM_KeyToSink(benchmark::State& state) {
     Player nativePlayer(show, "pipewire:vorlin-test-8ch", 53281, {});
     if (!nativePlayer.listening())
         return state.SkipWithError("the native player did not start");
-    Path native{&nativePlayer, &eight}, jack, alsa;
+    Path native{&nativePlayer, &eight, 0.0, {}}, jack, alsa;
     for (auto _ : state) {
         {
             Player player(show, "jack:", 53282, "pw-jack");
@@ -215,7 +215,7 @@ void BM_KeyToSink(benchmark::State& state) {
                 return state.SkipWithError("the pw-jack player did not start");
             std::this_thread::sleep_for(1s); // linked and running
             native.lag = monitorLag("vorlin-test-8ch", eight);
-            jack = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo)};
+            jack = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo), {}};
             if (native.lag < 0 || jack.lag < 0)
                 return state.SkipWithError("a sink's monitor could not be measured");
             alternate(native, jack, 40);
@@ -224,8 +224,8 @@ void BM_KeyToSink(benchmark::State& state) {
         if (!player.listening())
             return state.SkipWithError("the ALSA player did not start");
         std::this_thread::sleep_for(1s);
-        alsa = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo)};
-        Path nativeAgain{&nativePlayer, &eight, monitorLag("vorlin-test-8ch", eight)};
+        alsa = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo), {}};
+        Path nativeAgain{&nativePlayer, &eight, monitorLag("vorlin-test-8ch", eight), {}};
         if (alsa.lag < 0 || nativeAgain.lag < 0)
             return state.SkipWithError("a sink's monitor could not be measured");
         alternate(nativeAgain, alsa, 40);

@@ -236,7 +236,10 @@ TEST_F(Editing, EveryEditIsOneStepThatUndoesAndRedoesExactly) {
          }},
         {"Q キーの項目を変更",
          [&] {
-             DeckItem first{.id = "one", .kind = DeckItem::Kind::audio, .file = "one.wav"};
+             DeckItem first;
+             first.id = "one";
+             first.kind = DeckItem::Kind::audio;
+             first.file = "one.wav";
              DeckItem last = first;
              last.id = last.title = "three";
              last.enabled = false;
