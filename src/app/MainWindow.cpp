@@ -453,8 +453,7 @@ void MainWindow::followHistory(QAction& item, bool redo) {
         item.setText(step.isEmpty() ? verb : verb + QStringLiteral(": ") + step);
         item.setEnabled(redo ? stack.canRedo() : stack.canUndo());
     };
-    connect(&stack, &QUndoStack::indexChanged, &item, follow);
-    connect(&stack, &QUndoStack::cleanChanged, &item, follow);
+    connect(&stack, &QUndoStack::indexChanged, &item, follow); // clear() says so too
     follow();
 }
 

@@ -50,7 +50,6 @@ public:
     void setRestore(Restore restore) { m_restore = std::move(restore); }
     QUndoStack& stack() { return m_stack; }
     const QUndoStack& stack() const { return m_stack; }
-    bool isRestoring() const { return m_restoring; }
     State capture() const;
     // The same pages (ids, names, keys in order) and the same current page.
     static bool sameDocument(const State& a, const State& b);

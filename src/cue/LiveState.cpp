@@ -4,12 +4,14 @@
 
 namespace {
 
+// Whether it changed (and was announced).
 template <typename T, typename Signal>
-void assignIfChanged(LiveState* state, T& field, T&& value, Signal signal) {
+bool assignIfChanged(LiveState* state, T& field, T&& value, Signal signal) {
     if (field == value)
-        return;
+        return false;
     field = std::move(value);
     emit(state->*signal)();
+    return true;
 }
 
 } // namespace
@@ -23,9 +25,9 @@ void LiveState::countTick() {
 }
 
 void LiveState::setProgress(std::map<KeyCode, double> value) {
-    if (value != m_progress && !isProgressTick())
+    if (assignIfChanged(this, m_progress, std::move(value), &LiveState::progressChanged) &&
+        !isProgressTick())
         m_changedBetweenProgressTicks = true;
-    assignIfChanged(this, m_progress, std::move(value), &LiveState::progressChanged);
 }
 
 void LiveState::setSlidePosition(std::map<KeyCode, QString> value) {
@@ -41,9 +43,9 @@ void LiveState::setPlayingPages(std::set<QUuid> value) {
 }
 
 void LiveState::setCues(std::vector<CueRow> value) {
-    if (value != m_cues && !isProgressTick())
+    if (assignIfChanged(this, m_cues, std::move(value), &LiveState::cuesChanged) &&
+        !isProgressTick())
         m_changedBetweenProgressTicks = true;
-    assignIfChanged(this, m_cues, std::move(value), &LiveState::cuesChanged);
 }
 
 void LiveState::setMeters(std::vector<float> value) {

@@ -323,23 +323,23 @@ void ShowEditor::restore(const EditHistory::State& state) {
     // deleted page coming back).
     const bool samePage = show.currentPageID() == target.id;
     std::map<KeyCode, KeyAssignment> before;
-    if (samePage)
+    if (samePage) {
         before = show.assignments;
-    for (const KeyPage& page : show.pages)
-        if (!samePage && page.id == target.id)
-            before = page.keys;
+    } else {
+        for (const KeyPage& page : show.pages)
+            if (page.id == target.id)
+                before = page.keys;
+    }
     show.pages = state.pages;
     if (samePage) {
         show.currentPage = current;
         show.assignments = target.keys;
-        std::erase_if(show.deckTabs, [&](KeyCode code) {
+        const std::vector<KeyCode> tabs = show.deckTabs;
+        for (KeyCode code : tabs) {
             const auto held = show.assignments.find(code);
-            return held == show.assignments.end() || !held->second.isDeck();
-        });
-        if (show.activeDeckTab &&
-            std::ranges::find(show.deckTabs, *show.activeDeckTab) == show.deckTabs.end())
-            show.activeDeckTab =
-                show.deckTabs.empty() ? std::nullopt : std::optional<KeyCode>(show.deckTabs.back());
+            if (held == show.assignments.end() || !held->second.isDeck())
+                closeDeckTab(code);
+        }
     } else {
         show.loadPage(current);
     }

@@ -731,7 +731,8 @@ void checkDeckProgress(AppModel& model, MainWindow& window, const QString& folde
         QString listed;
         const auto& rows = model.live().cues();
         for (std::size_t r = 0; r < rows.size(); ++r)
-            if (rows[r].key == kSlides && list->item(static_cast<int>(r), 3))
+            if (rows[r].key == kSlides &&
+                list->item(static_cast<int>(r), CueListView::progressColumn))
                 listed = list->item(static_cast<int>(r), CueListView::progressColumn)
                              ->data(CueListView::kShownRole)
                              .toString()
