@@ -100,10 +100,8 @@ Application::~Application() {
     m_app.removeEventFilter(m_keys.get());
 }
 
-int Application::exec() {
+void Application::openStartShow(const QString& named) {
     AppModel& model = *m_model;
-    const QStringList args = QApplication::arguments().mid(1);
-    const QString named = args.isEmpty() ? QString() : args.first();
     try {
         if (!named.isEmpty())
             model.open(QFileInfo(named).absoluteFilePath());
@@ -116,6 +114,18 @@ int Application::exec() {
     } catch (const DocumentError& error) {
         model.status().show(QStringLiteral("キーマップを開けません: ") + error.message());
     }
+}
+
+int Application::exec() {
+    AppModel& model = *m_model;
+    const QStringList args = QApplication::arguments().mid(1);
+    const QString named = args.isEmpty() ? QString() : args.first();
+    ShowSession& session = model.session();
+    session.enableRecovery(InstanceLock::defaultFolder() + QStringLiteral("/Recovery"));
+    // Changes a crash left behind are offered over the window before any show opens.
+    const bool leftBehind = session.recoveryCopy().has_value();
+    if (!leftBehind)
+        openStartShow(named);
 
     BackgroundInput background(
         model, [] { return QGuiApplication::applicationState() == Qt::ApplicationActive; });
@@ -125,6 +135,11 @@ int Application::exec() {
     m_window->updateTitle();
     m_window->show();
     m_window->activateWindow();
+    if (leftBehind && !session.offerRecovery(m_window->interaction()))
+        openStartShow(named);
+    if (Prefs::value(Prefs::kStartLocked, false).toBool())
+        session.setLocked(true);
+    m_window->updateTitle();
     if (Prefs::value(Prefs::kOpenVideoOnLaunch, false).toBool())
         model.video().show();
     m_updater->checkOnLaunch(m_instance.number());

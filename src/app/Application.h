@@ -33,6 +33,9 @@ public:
     int exec();
 
 private:
+    // The show named on the command line, else the last one, else the demo show.
+    void openStartShow(const QString& named);
+
     QApplication m_app;
     InstanceLock m_instance;
     std::unique_ptr<AppModel> m_model;

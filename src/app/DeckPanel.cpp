@@ -155,6 +155,7 @@ DeckPanel::DeckPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
 
     connect(&model, &AppModel::deckTabsChanged, this, &DeckPanel::refreshTabs);
     connect(&model, &AppModel::assignmentsChanged, this, &DeckPanel::refreshTabs);
+    connect(&model.session(), &ShowSession::lockChanged, this, &DeckPanel::showSelected);
     connect(&model.media(), &MediaLoader::mediaChanged, this, &DeckPanel::refreshItems);
     connect(&model.live(), &LiveState::deckCurrentChanged, this, &DeckPanel::refreshLive);
     refreshTabs();
@@ -268,12 +269,16 @@ void DeckPanel::showSelected() {
     const auto list = items();
     const auto found = DeckItem::indexOf(list, id);
     const bool has = found.has_value();
+    // A locked show still plays from any item; its settings are only shown.
+    const bool editable = has && !m_model.session().isLocked();
     for (QWidget* field : std::initializer_list<QWidget*>{m_enabled, m_advanceAfter, m_transition,
-                                                          m_volume, m_endAction, m_take, m_rename})
-        field->setEnabled(has);
+                                                          m_volume, m_endAction, m_rename})
+        field->setEnabled(editable);
+    m_take->setEnabled(has);
     const auto code = key();
     const auto& keys = m_model.document().assignments;
-    m_reset->setEnabled(code && keys.count(*code) && keys.at(*code).deckItems);
+    m_reset->setEnabled(!m_model.session().isLocked() && code && keys.count(*code) &&
+                        keys.at(*code).deckItems);
     if (!has)
         return;
     const DeckItem* entry = &list[*found];

@@ -37,6 +37,7 @@ DetailPanel::DetailPanel(AppModel& model, QWidget* parent) : QWidget(parent), m_
     connect(&m_model, &AppModel::assignmentsChanged, this, &DetailPanel::refresh);
     connect(&m_model, &AppModel::audioDeviceChanged, this, &DetailPanel::refresh);
     connect(&m_model.media(), &MediaLoader::mediaChanged, this, &DetailPanel::refresh);
+    connect(&m_model.session(), &ShowSession::lockChanged, this, &DetailPanel::refresh);
     connect(&m_model.live(), &LiveState::progressChanged, m_file, &KeyFileSection::refreshPosition);
     refresh();
 }
@@ -61,6 +62,10 @@ void DetailPanel::refresh() {
                 : QStringLiteral("キーをクリックすると、ここで設定できます。"));
         return;
     }
+    const bool locked = m_model.session().isLocked();
+    m_file->setLocked(locked);
+    for (QWidget* section : std::initializer_list<QWidget*>{m_playback, m_picture, m_routing})
+        section->setEnabled(!locked);
     const KeyAssignment& a = found->second;
     const MediaInfo* media = m_model.media().infoFor(a);
     for (DetailSection* section :

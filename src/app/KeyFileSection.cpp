@@ -83,6 +83,8 @@ KeyFileSection::KeyFileSection(AppModel& model, QWidget* parent)
         file->addWidget(button, operation.row, operation.column, 1, operation.span);
         if (operation.run == &ShowEditor::openDeckTab)
             m_openDeck = button;
+        else
+            m_edits.push_back(button);
     }
     m_copy = unfocusable(new QToolButton(this));
     m_copy->setText(QStringLiteral("ほかのページへコピー"));
@@ -90,6 +92,13 @@ KeyFileSection::KeyFileSection(AppModel& model, QWidget* parent)
     m_copy->setMenu(new QMenu(m_copy));
     connect(m_copy->menu(), &QMenu::aboutToShow, this, &KeyFileSection::fillCopyMenu);
     file->addWidget(m_copy, 6, 0, 1, 3);
+}
+
+void KeyFileSection::setLocked(bool locked) {
+    m_title->setReadOnly(locked);
+    m_copy->setEnabled(!locked);
+    for (QPushButton* button : m_edits)
+        button->setEnabled(!locked);
 }
 
 void KeyFileSection::show(const KeyAssignment& a, const MediaInfo* media) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include <QStringList>
 
 #include "app/DetailSection.h"
@@ -20,6 +22,8 @@ public:
 
     // The play line of the selected key's cue (moved on the tick's progress beat).
     void refreshPosition();
+    // A locked show's key is only shown: the waveform still seeks, the item list still opens.
+    void setLocked(bool locked);
 
 protected:
     void show(const KeyAssignment& a, const MediaInfo* media) override;
@@ -39,4 +43,6 @@ private:
     QLabel* m_state = nullptr;
     WaveformView* m_waveform = nullptr;
     QToolButton* m_copy = nullptr;
+    // Replacing, adding, renaming, clearing.
+    std::vector<QPushButton*> m_edits;
 };

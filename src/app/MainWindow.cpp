@@ -41,6 +41,12 @@
 #include "model/KeyboardLayout.h"
 #include "video/ScreenList.h"
 
+namespace {
+
+const QString kLockEntry = QStringLiteral("本番モード（編集をロック）");
+
+} // namespace
+
 MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
     : QMainWindow(parent), m_model(model), m_instance(instanceNumber),
       m_dialogs(this, [this] { return m_model.session().documentPath(); }) {
@@ -50,6 +56,15 @@ MainWindow::MainWindow(AppModel& model, int instanceNumber, QWidget* parent)
 
     m_outputBar = new OutputBar(m_model, central);
     column->addWidget(m_outputBar);
+    // Where the operator looks, so a locked show is never mistaken for a broken one.
+    auto* lockBand = new QLabel(QStringLiteral("本番モード — 編集はロックされています"), central);
+    lockBand->setObjectName(QStringLiteral("lockBand"));
+    lockBand->setAlignment(Qt::AlignCenter);
+    lockBand->setStyleSheet(
+        QStringLiteral("background: #b8401a; color: white; font-weight: bold; padding: 3px;"));
+    lockBand->setVisible(m_model.session().isLocked());
+    connect(&m_model.session(), &ShowSession::lockChanged, lockBand, &QLabel::setVisible);
+    column->addWidget(lockBand);
 
     auto* middle = new QHBoxLayout;
     m_pages = new PageListPanel(m_model, central);
@@ -191,6 +206,8 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         event->ignore();
         return;
     }
+    // Saved, unchanged, or given up: nothing is left to recover.
+    m_model.session().discardRecovery();
     QSettings().setValue(QStringLiteral("window/VorlinMain-%1").arg(m_instance), saveGeometry());
     event->accept();
     // The main window closing ends the program: output windows and overlays close with it
@@ -350,7 +367,8 @@ void MainWindow::buildMenu() {
           separator,
           {QStringLiteral("選択中のキーにファイルを割り当て…"), QKeySequence(Qt::CTRL | Qt::Key_I),
            [this] {
-               if (const auto key = m_model.document().selectedKey) {
+               const auto key = m_model.document().selectedKey;
+               if (key && !m_model.editor().refuseWhenLocked()) {
                    const QStringList files = m_dialogs.chooseFiles(
                        KeyboardLayout::label(*key) + " キーに入れるファイル（複数選べます）",
                        ShowEditor::openPanelTypes(), true);
@@ -407,7 +425,10 @@ void MainWindow::buildMenu() {
           {QStringLiteral("このページを複製"), QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_D),
            [this] { m_model.editor().newPage(true); }},
           {QStringLiteral("プレイリストを表示／隠す"), QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_L),
-           [this] { setPageListShown(m_pages->isHidden()); }}}},
+           [this] { setPageListShown(m_pages->isHidden()); }},
+          separator,
+          {kLockEntry, QKeySequence(Qt::SHIFT | Qt::CTRL | Qt::Key_L),
+           [this] { m_model.session().setLocked(!m_model.session().isLocked()); }}}},
         {QStringLiteral("ウインドウ"),
          {{QStringLiteral("しまう"), QKeySequence(Qt::CTRL | Qt::Key_M),
            [this] { showMinimized(); }}}},
@@ -427,6 +448,11 @@ void MainWindow::buildMenu() {
             item->setEnabled(entry.run != nullptr);
             if (entry.run)
                 connect(item, &QAction::triggered, this, entry.run);
+            if (entry.text == kLockEntry) {
+                item->setCheckable(true);
+                item->setChecked(m_model.session().isLocked());
+                connect(&m_model.session(), &ShowSession::lockChanged, item, &QAction::setChecked);
+            }
             if (entry.text == QStringLiteral("取り消す") ||
                 entry.text == QStringLiteral("やり直す"))
                 followHistory(*item, entry.text == QStringLiteral("やり直す"));
@@ -467,6 +493,8 @@ void MainWindow::undoOrRedo(bool redo) {
         redo ? field->redo() : field->undo();
         return;
     }
+    if (m_model.editor().refuseWhenLocked())
+        return;
     QUndoStack& stack = m_model.session().history().stack();
     redo ? stack.redo() : stack.undo();
 }

@@ -30,6 +30,8 @@ class MainWindow : public QMainWindow {
     Q_OBJECT
 public:
     MainWindow(AppModel& model, int instanceNumber, QWidget* parent = nullptr);
+    // Who answers the questions the show asks (dialogs over this window).
+    Interaction& interaction() { return m_dialogs; }
 
     KeyboardView& keyboard() { return *m_keyboard; }
     QTableWidget& cueList();

@@ -51,9 +51,12 @@ OutputBar::OutputBar(AppModel& model, QWidget* parent) : QWidget(parent), m_mode
         const QVariant uid = m_devices->itemData(index);
         const std::optional<QString> chosen =
             uid.isValid() ? std::optional<QString>(uid.toString()) : std::nullopt;
-        if (chosen != m_model.outputDeviceUID())
+        if (chosen != m_model.outputDeviceUID() && !m_model.editor().refuseWhenLocked())
             m_model.setOutputDeviceUID(chosen);
     });
+    // The show's device is part of what a locked show keeps.
+    connect(&m_model.session(), &ShowSession::lockChanged, m_devices,
+            [this](bool locked) { m_devices->setEnabled(!locked); });
     row->addWidget(m_devices);
     m_active = new ElidedLabel(this); // a narrow window cuts the message, never the device list
     m_active->setStyleSheet("color: gray;");

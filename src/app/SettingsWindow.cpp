@@ -73,6 +73,8 @@ SettingsWindow::SettingsWindow(int instanceNumber, QWidget* parent) : QWidget(pa
     });
     form->addRow(QStringLiteral("ほかのアプリが前面でもキーで鳴らす（バックグラウンド入力）"),
                  background);
+    form->addRow(QStringLiteral("起動したら本番モード（編集をロック）にする"),
+                 check(Prefs::kStartLocked, false));
     form->addRow(QStringLiteral("すでに素材があるキーに入れたとき"),
                  choice(Prefs::kOccupiedDrop, {{"毎回確認する", "ask"},
                                                {"いつも後ろに追加（押すたび次へ）", "append"},

@@ -79,7 +79,7 @@ void AppModel::start() {
 void AppModel::setRouting(KeyCode code, std::optional<RoutingMatrix> matrix,
                           const QString& outputMap) {
     const auto found = m_document.assignments.find(code);
-    if (found == m_document.assignments.end())
+    if (found == m_document.assignments.end() || m_editor.refuseWhenLocked())
         return;
     const EditHistory::Step step(m_session.history(),
                                  KeyboardLayout::label(code) + " キーのルーティングを変更");

@@ -82,6 +82,16 @@ std::int64_t ShowEditor::colorFor(KeyCode code) const {
     return static_cast<std::int64_t>(keys.size() % 12);
 }
 
+bool ShowEditor::refuseWhenLocked() {
+    if (!m_session.isLocked())
+        return false;
+    m_status.show(QStringLiteral("本番モード中は編集できません（再生 › 本番モードで解除）"));
+    // A view may already show what it asked for (a ticked box, a moved row): it shows the
+    // document again.
+    emit assignmentsChanged();
+    return true;
+}
+
 void ShowEditor::store(KeyCode code, const KeyAssignment& assignment) {
     m_document.assignments[code] = assignment;
     m_media.loadMedia(assignment, false);
@@ -94,6 +104,8 @@ void ShowEditor::changed() {
 }
 
 void ShowEditor::place(const QStringList& dropped, KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーにドロップ");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
@@ -140,6 +152,8 @@ void ShowEditor::place(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::assign(const QString& file, KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーに割り当て");
     if (m_document.assignments.count(code))
         m_cues.stopKey(code, kEditFade);
@@ -147,6 +161,8 @@ void ShowEditor::assign(const QString& file, KeyCode code) {
 }
 
 void ShowEditor::assign(const QStringList& dropped, KeyCode startingAt) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(startingAt) + " キーから割り当て");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
@@ -167,6 +183,8 @@ void ShowEditor::assign(const QStringList& dropped, KeyCode startingAt) {
 }
 
 void ShowEditor::assignList(const QStringList& dropped, KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーにリストを割り当て");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
@@ -185,6 +203,8 @@ void ShowEditor::assignList(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーに追加");
     const QStringList files = supported(dropped);
     if (files.isEmpty())
@@ -204,6 +224,8 @@ void ShowEditor::appendToKey(const QStringList& dropped, KeyCode code) {
 }
 
 void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目を削除");
     auto& keys = m_document.assignments;
     const auto held = keys.find(code);
@@ -238,6 +260,8 @@ void ShowEditor::removeFromList(KeyCode code, const QString& itemID) {
 }
 
 void ShowEditor::clear(KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーをクリア");
     if (!m_document.assignments.count(code))
         return;
@@ -249,6 +273,8 @@ void ShowEditor::clear(KeyCode code) {
 }
 
 void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーをコピー");
     ShowDocument& show = m_document;
     const auto held = show.assignments.find(code);
@@ -267,6 +293,8 @@ void ShowEditor::copyKey(KeyCode code, std::size_t toPage) {
 }
 
 void ShowEditor::applyRoutingToAll(KeyCode from) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(),
                                  labelOf(from) + " のルーティングを全キーに適用");
     auto& keys = m_document.assignments;
@@ -282,6 +310,8 @@ void ShowEditor::applyRoutingToAll(KeyCode from) {
 }
 
 void ShowEditor::replaceFile(KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const QStringList files = m_ask->chooseFiles(
         labelOf(code) + " キーの素材を差し替え（複数選ぶと順番に切り替わる 1 つのキーになります）",
         openPanelTypes(), true);
@@ -292,6 +322,8 @@ void ShowEditor::replaceFile(KeyCode code) {
 }
 
 void ShowEditor::addFiles(KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const QStringList files =
         m_ask->chooseFiles(labelOf(code) + " キーの最後に追加するファイル", openPanelTypes(), true);
     if (!files.isEmpty())
@@ -299,6 +331,8 @@ void ShowEditor::addFiles(KeyCode code) {
 }
 
 void ShowEditor::update(KeyCode code, const KeyAssignment& assignment) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの設定を変更");
     applyToRunning(code, assignment);
     store(code, assignment);
@@ -361,6 +395,8 @@ void ShowEditor::restore(const EditHistory::State& state) {
 }
 
 void ShowEditor::renameKey(KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの名前を変更");
     auto& keys = m_document.assignments;
     const auto held = keys.find(code);
@@ -374,6 +410,8 @@ void ShowEditor::renameKey(KeyCode code) {
 }
 
 void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目の名前を変更");
     if (!m_document.assignments.count(code))
         return;
@@ -390,6 +428,8 @@ void ShowEditor::renameDeckItem(KeyCode code, const QString& itemID) {
 }
 
 void ShowEditor::setDeckItems(KeyCode code, const std::vector<DeckItem>& items) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目を変更");
     const auto held = m_document.assignments.find(code);
     if (held == m_document.assignments.end())
@@ -400,6 +440,8 @@ void ShowEditor::setDeckItems(KeyCode code, const std::vector<DeckItem>& items) 
 }
 
 void ShowEditor::resetDeckItems(KeyCode code) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), labelOf(code) + " キーの項目を元に戻す");
     const auto held = m_document.assignments.find(code);
     if (held == m_document.assignments.end() || !held->second.deckItems)
@@ -433,6 +475,8 @@ void ShowEditor::closeDeckTab(KeyCode code) {
 }
 
 void ShowEditor::newPage(bool duplicate) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), duplicate ? QStringLiteral("ページを複製")
                                                                 : QStringLiteral("ページを追加"));
     ShowDocument& show = m_document;
@@ -469,6 +513,8 @@ void ShowEditor::stepPage(int delta) {
 }
 
 void ShowEditor::renamePage(std::size_t index) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), QStringLiteral("ページの名前を変更"));
     ShowDocument& show = m_document;
     if (index >= show.pages.size())
@@ -481,6 +527,8 @@ void ShowEditor::renamePage(std::size_t index) {
 }
 
 void ShowEditor::deletePage(std::size_t index) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), QStringLiteral("ページを削除"));
     ShowDocument& show = m_document;
     if (index >= show.pages.size())
@@ -506,6 +554,8 @@ void ShowEditor::deletePage(std::size_t index) {
 }
 
 void ShowEditor::movePages(const std::set<std::size_t>& from, std::size_t to) {
+    if (refuseWhenLocked())
+        return;
     const EditHistory::Step step(m_session.history(), QStringLiteral("ページを移動"));
     ShowDocument& show = m_document;
     show.storeCurrentPage();

@@ -34,6 +34,10 @@ public:
     void setInteraction(Interaction* interaction) { m_ask = interaction ? interaction : &m_cancel; }
 
     // Files dropped on a key cell: the drop preferences decide (asking when they say "ask").
+    // While the show is locked: says so in the status line and returns true; the caller then
+    // changes nothing. Every edit below asks first.
+    bool refuseWhenLocked();
+
     void place(const QStringList& files, KeyCode code);
     void assign(const QString& file, KeyCode code);
     void assign(const QStringList& files, KeyCode startingAt);

@@ -3,8 +3,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLocale>
 
 #include "cue/CueEngine.h"
+#include "cue/Interaction.h"
 #include "cue/MediaLoader.h"
 #include "cue/StatusLine.h"
 #include "device/AudioDeviceList.h"
@@ -16,6 +18,18 @@ namespace {
 
 const QString kFirstPage = QStringLiteral("ページ 1");
 
+QString folderOf(const QString& path) {
+    return QDir::cleanPath(QFileInfo(path).absolutePath());
+}
+
+KeymapDocument readShow(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw DocumentError(QStringLiteral("「%1」を開けません（%2）")
+                                .arg(QFileInfo(path).fileName(), file.errorString()));
+    return KeymapDocument::decode(file.readAll());
+}
+
 } // namespace
 
 ShowSession::ShowSession(ShowDocument& document, MediaLoader& media, CueEngine& cues,
@@ -23,6 +37,10 @@ ShowSession::ShowSession(ShowDocument& document, MediaLoader& media, CueEngine& 
     : m_document(document), m_media(media), m_cues(cues), m_status(status),
       m_settings(std::move(settings)), m_history(document) {
     connect(&m_history.stack(), &QUndoStack::cleanChanged, this, [this] { titleChanged(); });
+    connect(&m_history.stack(), &QUndoStack::indexChanged, this, [this] { scheduleRecovery(); });
+    m_recoveryTimer.setSingleShot(true);
+    m_recoveryTimer.setInterval(kRecoveryDelay);
+    connect(&m_recoveryTimer, &QTimer::timeout, this, [this] { updateRecovery(); });
 }
 
 QString ShowSession::documentName() const {
@@ -35,15 +53,17 @@ void ShowSession::titleChanged() {
 }
 
 void ShowSession::markDirty() {
-    if (m_applying || m_dirty)
+    if (m_applying)
+        return;
+    scheduleRecovery();
+    if (m_dirty)
         return;
     m_dirty = true;
     titleChanged();
 }
 
-void ShowSession::save(const QString& path) {
+KeymapDocument ShowSession::snapshot(const QString& base) {
     ShowDocument& show = m_document;
-    const QString base = QDir::cleanPath(QFileInfo(path).absolutePath());
     show.storeCurrentPage();
 
     KeymapDocument doc;
@@ -65,27 +85,32 @@ void ShowSession::save(const QString& path) {
                           : QStringLiteral("display:") + outputs.first();
     doc.mutedOutputs =
         std::vector<std::int64_t>(settings.mutedOutputs.begin(), settings.mutedOutputs.end());
+    return doc;
+}
 
-    ShowFile::writeAtomically(path, doc.encode());
+void ShowSession::save(const QString& path) {
+    ShowFile::writeAtomically(path, snapshot(folderOf(path)).encode());
     m_path = path;
     m_dirty = false;
     m_history.stack().setClean();
+    discardRecovery();
     Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
     titleChanged();
     emit assignmentsChanged();
 }
 
 void ShowSession::open(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw DocumentError(QStringLiteral("「%1」を開けません（%2）")
-                                .arg(QFileInfo(path).fileName(), file.errorString()));
-    const KeymapDocument doc = KeymapDocument::decode(file.readAll());
+    const KeymapDocument doc = readShow(path);
     ShowFile::removeLeftovers(path, std::chrono::seconds(10));
-
-    m_cues.stopAll(true);
     m_applying = true;
-    const QString base = QDir::cleanPath(QFileInfo(path).absolutePath());
+    load(doc, folderOf(path));
+    finishOpening(path, doc, false);
+    m_applying = false;
+    reportSkippedKeys(doc);
+}
+
+void ShowSession::load(const KeymapDocument& doc, const QString& base) {
+    m_cues.stopAll(true);
     std::vector<KeyPage> pages;
     if (doc.pages) {
         for (const PageDocument& page : *doc.pages) {
@@ -126,10 +151,6 @@ void ShowSession::open(const QString& path) {
         settings.videoOutputs = {doc.videoTarget.mid(8)};
     settings.outputDeviceUID = doc.outputDeviceUID;
     m_settings.apply(settings);
-
-    finishOpening(path, doc);
-    m_applying = false;
-    reportSkippedKeys(doc);
 }
 
 void ShowSession::reportSkippedKeys(const KeymapDocument& doc) {
@@ -150,7 +171,8 @@ void ShowSession::reportSkippedKeys(const KeymapDocument& doc) {
                       skipped.join(QStringLiteral("、")));
 }
 
-void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) {
+void ShowSession::finishOpening(const std::optional<QString>& path, const KeymapDocument& doc,
+                                bool dirty) {
     if (doc.outputDeviceUID && !m_offline) {
         bool listed = false;
         for (const AudioOutputDevice& device : AudioDeviceList::outputDevices())
@@ -160,10 +182,13 @@ void ShowSession::finishOpening(const QString& path, const KeymapDocument& doc) 
                 "保存時の出力デバイスが見つからないため、システム既定に出力しています"));
     }
     m_path = path;
-    m_dirty = false;
+    m_dirty = dirty;
     m_history.stack().clear();
+    if (!dirty)
+        discardRecovery();
     m_media.reloadAll(true);
-    Prefs::setValue(Prefs::lastKeymapKey(m_instance), path);
+    if (path)
+        Prefs::setValue(Prefs::lastKeymapKey(m_instance), *path);
     titleChanged();
     emit assignmentsChanged();
 }
@@ -186,6 +211,7 @@ void ShowSession::newDocument() {
     m_path.reset();
     m_dirty = false;
     m_history.stack().clear();
+    discardRecovery();
     Prefs::remove(Prefs::lastKeymapKey(m_instance));
     titleChanged();
     emit assignmentsChanged();
@@ -202,4 +228,86 @@ void ShowSession::restoreLastDocument() {
     } catch (const DocumentError& error) {
         m_status.show(QStringLiteral("前回のキーマップを開けません: ") + error.message());
     }
+}
+
+void ShowSession::enableRecovery(const QString& folder) {
+    m_recovery = std::make_unique<RecoveryCopy>(folder, m_instance);
+}
+
+bool ShowSession::offerRecovery(Interaction& interaction) {
+    const auto found = recoveryCopy();
+    if (!found)
+        return false;
+    const QString name =
+        found->origin ? QFileInfo(*found->origin).fileName() : QStringLiteral("名称未設定.vorlin");
+    const QString when =
+        QLocale(QLocale::Japanese).toString(found->written, QStringLiteral("yyyy/MM/dd HH:mm:ss"));
+    const int answer =
+        interaction.alert(QStringLiteral("保存されていない変更が残っています。復元しますか？"),
+                          QStringLiteral("%1（%2 の時点）").arg(name, when),
+                          {QStringLiteral("復元する"), QStringLiteral("破棄する")});
+    if (answer != 0) {
+        discardRecovery();
+        return false;
+    }
+    try {
+        restore(*found);
+    } catch (const DocumentError& error) {
+        m_status.show(QStringLiteral("保存されていない変更を復元できません: ") + error.message());
+        return false;
+    }
+    return true;
+}
+
+void ShowSession::restore(const RecoveryCopy::Found& found) {
+    const KeymapDocument doc = readShow(found.copyPath);
+    // The copy was written with the paths relative to where it names the show (or to its own
+    // folder for a show never saved), so media are found as an open of that file finds them.
+    const QString base = found.origin ? folderOf(*found.origin) : folderOf(found.copyPath);
+    m_applying = true;
+    load(doc, base);
+    finishOpening(found.origin, doc, true);
+    m_applying = false;
+    m_status.show(QStringLiteral("保存されていない変更を復元しました"));
+}
+
+void ShowSession::discardRecovery() {
+    m_recoveryTimer.stop();
+    if (m_recovery)
+        m_recovery->remove();
+}
+
+void ShowSession::scheduleRecovery() {
+    if (m_recovery && !m_recoveryTimer.isActive())
+        m_recoveryTimer.start();
+}
+
+void ShowSession::flushRecovery() {
+    if (!m_recovery)
+        return;
+    if (m_recoveryTimer.isActive()) {
+        m_recoveryTimer.stop();
+        updateRecovery();
+    }
+    m_recovery->flush();
+}
+
+void ShowSession::updateRecovery() {
+    if (!isDirty()) {
+        m_recovery->remove();
+    } else {
+        const QString base = m_path ? folderOf(*m_path) : m_recovery->folder();
+        m_recovery->write(snapshot(base).encode(), m_path);
+    }
+    if (const auto error = m_recovery->takeError())
+        m_status.show(QStringLiteral("復元用のコピーを書けません: ") + *error);
+}
+
+void ShowSession::setLocked(bool locked) {
+    if (locked == m_locked)
+        return;
+    m_locked = locked;
+    m_status.show(locked ? QStringLiteral("本番モード: 編集をロックしました")
+                         : QStringLiteral("本番モードを解除しました"));
+    emit lockChanged(locked);
 }

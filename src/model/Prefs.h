@@ -25,6 +25,8 @@ inline const QString kOpenVideoOnLaunch = QStringLiteral("pref.openVideoOnLaunch
 inline const QString kAutoCheckUpdates = QStringLiteral("pref.autoCheckUpdates");
 // Keys from the keyboard devices while another program is in front (off unless switched on).
 inline const QString kBackgroundInput = QStringLiteral("pref.backgroundInput");
+// The program starts with the show locked against edits (off unless switched on).
+inline const QString kStartLocked = QStringLiteral("pref.startLocked");
 // What the side panel's meters show: "output" (the device outputs, the default) or "source"
 // (the source channels of the keys that play).
 inline const QString kMeterMode = QStringLiteral("pref.meterMode");

@@ -1,6 +1,7 @@
 #include "SelfTest.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 
@@ -13,6 +14,7 @@
 #include <QDir>
 #include <QDoubleSpinBox>
 #include <QElapsedTimer>
+#include <QFileDialog>
 #include <QFileInfo>
 #include <QGlyphRun>
 #include <QGroupBox>
@@ -24,10 +26,12 @@
 #include <QMenuBar>
 #include <QPixmap>
 #include <QPointer>
+#include <QProcess>
 #include <QPushButton>
 #include <QScreen>
 #include <QSpinBox>
 #include <QSplitter>
+#include <QStandardPaths>
 #include <QTabBar>
 #include <QTabWidget>
 #include <QTableWidget>
@@ -50,8 +54,11 @@
 #include "app/PageListPanel.h"
 #include "app/WaveformView.h"
 #include "cue/AppModel.h"
+#include "model/DocumentError.h"
 #include "model/KeyPalette.h"
 #include "model/KeyboardLayout.h"
+#include "model/KeymapDocument.h"
+#include "model/ShowFile.h"
 #include "video/OutputSurface.h"
 #include "video/ScreenList.h"
 
@@ -806,6 +813,169 @@ void checkUndo(AppModel& model, MainWindow& window, Log& log) {
     XInput::key("Escape");
 }
 
+// Polls the event loop until `done` or `ms` passed; whether it came.
+bool waitUntil(const std::function<bool()>& done, int ms) {
+    QElapsedTimer waited;
+    waited.start();
+    while (!done() && waited.elapsed() < ms)
+        XInput::settle(50);
+    return done();
+}
+
+// Whether the show file at `path` has something on `code` on its current page.
+bool savedHas(const QString& path, KeyCode code) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    try {
+        const KeymapDocument doc = KeymapDocument::decode(file.readAll());
+        const std::size_t current = static_cast<std::size_t>(doc.currentPage.value_or(0));
+        return doc.pages && current < doc.pages->size() &&
+               (*doc.pages)[current].keys.count(QString::number(code));
+    } catch (const DocumentError&) {
+        return false;
+    }
+}
+
+// Ctrl+I on the selected key, the file's path typed into the open panel, and Return. The
+// panel is typed into once it is the active window; in this process it runs its own event loop
+// inside the key press, so a timer answers it from there.
+void typeIntoOpenPanel(const QString& file, Log& log) {
+    bool typed = false;
+    QString seen;
+    QTimer poll;
+    poll.setInterval(100);
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        const QString title = XInput::activeWindowTitle();
+        if (typed || !title.contains(QStringLiteral("キーに入れるファイル")))
+            return;
+        seen = title;
+        typed = XInput::type(file);
+        XInput::key(typed ? "Return" : "Escape");
+    });
+    poll.start();
+    XInput::key("i", true);
+    waitUntil([&] { return typed; }, 5000);
+    XInput::settle(500);
+    log.check(typed, "Ctrl+I opens the panel for the selected key (" + seen + "), " + file +
+                         " typed into it");
+}
+
+// A copy of `file` beside it under a name a US keyboard can type.
+QString typeableCopy(const QString& file) {
+    const QString copy = QFileInfo(file).absolutePath() + QStringLiteral("/typed.wav");
+    QFile::copy(file, copy);
+    return copy;
+}
+
+// Keys only: an empty key pressed is selected, Ctrl+I and a typed path assign a file to it,
+// undo and redo reach the saved file through Ctrl+S; locked (Ctrl+Shift+L), Ctrl+I assigns
+// nothing and undo takes nothing back, while a key still plays.
+void checkTypedEditsAndLock(AppModel& model, MainWindow& window, Log& log) {
+    const KeyCode z = *KeyCodeMap::fromQtKey(Qt::Key_Z);
+    const KeyCode x = *KeyCodeMap::fromQtKey(Qt::Key_X);
+    const auto& keys = model.document().assignments;
+    const QString sound = typeableCopy(keys.at(0).path);
+    const QString show = model.session().documentPath().value_or(QString());
+    model.editor().clear(z);
+    model.editor().clear(x);
+    model.save(show);
+    window.activateWindow();
+    XInput::settle(300);
+    XInput::key("z");
+    log.check(model.document().selectedKey == z, "an empty key pressed is selected");
+    typeIntoOpenPanel(sound, log);
+    log.check(keys.count(z) && keys.at(z).path == sound,
+              "its path typed and Return put the file on Z");
+    XInput::key("z", true);
+    XInput::key("s", true);
+    log.check(!keys.count(z) && !savedHas(show, z), "Ctrl+Z, Ctrl+S: Z is empty in the file");
+    XInput::key("z", true, true);
+    XInput::key("s", true);
+    log.check(keys.count(z) && savedHas(show, z), "Ctrl+Shift+Z, Ctrl+S: Z is back in it");
+
+    XInput::key("l", true, true);
+    auto* band = window.findChild<QLabel*>(QStringLiteral("lockBand"));
+    log.check(model.session().isLocked() && band && band->isVisible(),
+              "Ctrl+Shift+L locks the show and the band says so");
+    XInput::key("x");
+    XInput::key("i", true);
+    XInput::settle(500);
+    log.check(!QApplication::activeModalWidget() && !keys.count(x) &&
+                  model.status().text().startsWith(QStringLiteral("本番モード中は")),
+              "locked, Ctrl+I on an empty key opens nothing and assigns nothing");
+    XInput::key("z", true);
+    log.check(keys.count(z), "locked, Ctrl+Z takes nothing back");
+    XInput::key("z");
+    log.check(model.isRunning(z), "locked, a key press still plays");
+    model.stopAll(true);
+    XInput::key("l", true, true);
+    log.check(!model.session().isLocked() && !band->isVisible(), "Ctrl+Shift+L unlocks it");
+}
+
+// The program as typed, killed (kill -9) with an edit not saved: started again, Return takes
+// the offer to restore, and Ctrl+S writes the edit to the show's own file.
+void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& folder, Log& log) {
+    const KeyCode z = *KeyCodeMap::fromQtKey(Qt::Key_Z);
+    const QString sound = typeableCopy(model.document().assignments.at(0).path);
+    const QString show = folder + "/crash.vorlin";
+    KeymapDocument empty;
+    empty.pages = std::vector<PageDocument>{{QStringLiteral("ページ 1"), {}}};
+    ShowFile::writeAtomically(show, empty.encode());
+    // This process holds instance 1: the program started here is instance 2.
+    const QString copy = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+                         QStringLiteral("/Vorlin/Recovery/instance-2.vorlin");
+    const auto mainWindowActive = [] {
+        return XInput::activeWindowTitle().startsWith(QStringLiteral("Vorlin #2 — crash.vorlin"));
+    };
+    QProcess program;
+    program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    program.start(QStringLiteral(VORLIN_EXECUTABLE), {show});
+    if (!waitUntil(mainWindowActive, 15000)) {
+        log.check(false, "the program started as typed shows its window (" +
+                             XInput::activeWindowTitle() + ")");
+        program.kill();
+        program.waitForFinished();
+        return;
+    }
+    XInput::key("z");
+    typeIntoOpenPanel(sound, log);
+    log.check(waitUntil([&] { return QFile::exists(copy); }, 6000),
+              "an edit not saved is in the recovery copy within seconds");
+    ::kill(static_cast<pid_t>(program.processId()), SIGKILL);
+    program.waitForFinished();
+    log.check(!savedHas(show, z), "killed, the show's own file is as it was");
+
+    program.start(QStringLiteral(VORLIN_EXECUTABLE), {show});
+    const bool offered = waitUntil(
+        [] {
+            const QString title = XInput::activeWindowTitle();
+            return !title.isEmpty() && !title.startsWith(QStringLiteral("Vorlin #"));
+        },
+        15000);
+    log.check(offered, "started again, it offers to restore (" + XInput::activeWindowTitle() + ")");
+    XInput::key("Return");
+    waitUntil(mainWindowActive, 5000);
+    XInput::key("s", true);
+    log.check(waitUntil([&] { return savedHas(show, z); }, 3000),
+              "Return restores the edit and Ctrl+S writes it to the show's own file");
+    log.check(waitUntil([&] { return !QFile::exists(copy); }, 3000),
+              "and the recovery copy is gone once saved");
+    XInput::key("q", true);
+    // It may have ended already while the key was sent (the event loop saw it then).
+    const bool ended = program.state() == QProcess::NotRunning || program.waitForFinished(10000);
+    log.check(ended && program.exitStatus() == QProcess::NormalExit && program.exitCode() == 0,
+              QString("Ctrl+Q ends it with nothing left to ask (%1, status %2)")
+                  .arg(ended ? "ended" : "still running")
+                  .arg(program.exitCode()));
+    if (program.state() != QProcess::NotRunning) {
+        program.kill();
+        program.waitForFinished();
+    }
+    window.activateWindow();
+    XInput::settle(500);
+}
+
 int run(AppModel& model, MainWindow& window) {
     Log log;
     QTemporaryDir scratch; // the generated show and its sounds
@@ -826,6 +996,8 @@ int run(AppModel& model, MainWindow& window) {
         checkOperator(model, window, qEnvironmentVariable("VORLIN_SELFTEST_OPERATOR"), folder, log);
         checkDeckProgress(model, window, folder, log);
         checkUndo(model, window, log);
+        checkTypedEditsAndLock(model, window, log);
+        checkRecoveryAfterKill(model, window, folder, log);
         // Last: Ctrl+Q with an output window open ends the program (its event loop returns),
         // the output window with it.
         model.stopAll(true);

@@ -6,11 +6,13 @@
 #include <QElapsedTimer>
 #include <QWidget>
 
+#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/extensions/XTest.h>
 // clang-format on
 
 #include <cstdlib>
+#include <vector>
 
 namespace XInput {
 namespace {
@@ -74,6 +76,60 @@ void key(const QString& name, bool control, bool shift) {
         XTestFakeKeyEvent(display(), ctrl, False, 0);
     XFlush(display());
     settle();
+}
+
+bool type(const QString& text) {
+    struct Stroke {
+        QString name;
+        bool shift;
+    };
+    std::vector<Stroke> strokes;
+    for (const QChar c : text) {
+        if (c.isDigit() || (c >= 'a' && c <= 'z'))
+            strokes.push_back({QString(c), false});
+        else if (c >= 'A' && c <= 'Z')
+            strokes.push_back({QString(c.toLower()), true});
+        else if (c == '/')
+            strokes.push_back({QStringLiteral("slash"), false});
+        else if (c == '.')
+            strokes.push_back({QStringLiteral("period"), false});
+        else if (c == '-' || c == '_')
+            strokes.push_back({QStringLiteral("minus"), c == '_'});
+        else if (c == ' ')
+            strokes.push_back({QStringLiteral("space"), false});
+        else
+            return false;
+    }
+    for (const Stroke& stroke : strokes)
+        key(stroke.name, false, stroke.shift);
+    return true;
+}
+
+QString activeWindowTitle() {
+    Display* const x = display();
+    const auto property = [x](Window window, const char* name, Atom type) -> QByteArray {
+        Atom actual = 0;
+        int format = 0;
+        unsigned long count = 0, left = 0;
+        unsigned char* data = nullptr;
+        if (XGetWindowProperty(x, window, XInternAtom(x, name, False), 0, 1024, False, type,
+                               &actual, &format, &count, &left, &data) != Success ||
+            !data)
+            return {};
+        const QByteArray bytes(
+            reinterpret_cast<const char*>(data),
+            static_cast<qsizetype>(count * (format == 32 ? sizeof(long) : format / 8U)));
+        XFree(data);
+        return bytes;
+    };
+    const QByteArray active = property(DefaultRootWindow(x), "_NET_ACTIVE_WINDOW", XA_WINDOW);
+    if (active.size() < static_cast<qsizetype>(sizeof(long)))
+        return {};
+    const auto window = static_cast<Window>(*reinterpret_cast<const long*>(active.constData()));
+    if (window == 0)
+        return {};
+    return QString::fromUtf8(
+        property(window, "_NET_WM_NAME", XInternAtom(x, "UTF8_STRING", False)));
 }
 
 } // namespace XInput

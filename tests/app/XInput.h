@@ -19,6 +19,11 @@ void wheel(QWidget* widget, int steps);
 // A key by its X key name ("a", "Escape", "Return", "KP_Enter"), with Control and Shift held
 // when asked.
 void key(const QString& name, bool control = false, bool shift = false);
+// Types `text` key by key as a US keyboard gives it (letters, digits, / . - _ and space);
+// false, typing nothing, when it holds another character.
+bool type(const QString& text);
+// The title of the window the window manager made active (_NET_ACTIVE_WINDOW), empty if none.
+QString activeWindowTitle();
 // Lets the application take what the server sent (`ms` of its event loop).
 void settle(int ms = 150);
 

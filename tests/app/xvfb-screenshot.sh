@@ -46,4 +46,4 @@ fi
 
 DISPLAY=$display QT_QPA_PLATFORM=xcb XDG_DATA_HOME=$home XDG_CONFIG_HOME=$home \
     XDG_RUNTIME_DIR=$home JACK_DEFAULT_SERVER=vorlin-no-such-server \
-    env "${checks[@]}" timeout 60 "$selftest"
+    env "${checks[@]}" timeout 150 "$selftest"

@@ -1,4 +1,5 @@
 #include <csignal>
+#include <functional>
 #include <gtest/gtest.h>
 #include <random>
 #include <sys/resource.h>
@@ -8,8 +9,11 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
+#include <QThread>
 
 #include "MediaFixtures.h"
+#include "ScriptedInteraction.h"
 #include "TempDir.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
@@ -485,6 +489,140 @@ TEST_F(Document, ThousandsOfMutatedFilesOpenCleanlyOrFailWithTheModelUnchanged) 
     }
     EXPECT_GT(opened, 10);
     EXPECT_GT(refused, 1000);
+}
+
+} // namespace
+
+namespace {
+
+// The recovery copy is there exactly while the show has unsaved changes, and names the show's
+// own file (none for a show never saved); restoring brings the changes back as the show at
+// that file, still to be saved; declining throws the copy away.
+TEST_F(Document, TheRecoveryCopyFollowsUnsavedChangesAndRestoresAsTheShowItself) {
+    const QString intro = folder + "/intro.wav";
+    QFile(intro).open(QIODevice::WriteOnly);
+    const QString recovery = QString::fromStdString(dir.file("Recovery"));
+    const QString copy = recovery + "/instance-1.vorlin";
+    const QString show = folder + "/show.vorlin", other = folder + "/other.vorlin";
+    AppModel model;
+    ShowSession& session = model.session();
+    session.enableRecovery(recovery);
+    model.save(other);
+    ShowEditor& editor = model.editor();
+    QUndoStack& stack = session.history().stack();
+    struct Row {
+        const char* what;
+        std::function<void()> act;
+        std::optional<QString> names; // the show file the copy names ("" none); no copy: nullopt
+    };
+    const std::vector<Row> rows{
+        {"an untitled show edited",
+         [&] {
+             model.newDocument();
+             editor.assign(intro, 0);
+         },
+         QString()},
+        {"saved", [&] { model.save(show); }, std::nullopt},
+        {"a key edited", [&] { editor.assign(intro, 1); }, show},
+        {"undone back to the save", [&] { stack.undo(); }, std::nullopt},
+        {"redone", [&] { stack.redo(); }, show},
+        {"saved, then a setting the file keeps",
+         [&] {
+             model.save(show);
+             model.setMasterVolume(0.5);
+         },
+         show},
+        {"another show opened", [&] { model.open(other); }, std::nullopt},
+        {"that show edited", [&] { editor.assign(intro, 2); }, other},
+        {"given up on quitting", [&] { session.discardRecovery(); }, std::nullopt},
+        {"edited, then a new show",
+         [&] {
+             editor.assign(intro, 3);
+             model.newDocument();
+         },
+         std::nullopt},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        row.act();
+        session.flushRecovery();
+        ASSERT_EQ(QFile::exists(copy), row.names.has_value());
+        if (!row.names)
+            continue;
+        const auto found = session.recoveryCopy();
+        ASSERT_TRUE(found);
+        EXPECT_EQ(found->origin.value_or(QString()), *row.names);
+        const KeymapDocument kept = KeymapDocument::decode(read(copy));
+        EXPECT_EQ(kept.pages->front().keys.size(), model.document().assignments.size());
+    }
+
+    // Not flushed: an edit reaches the copy by itself, a short while later.
+    model.open(show);
+    editor.assign(intro, 4);
+    const QDateTime deadline = QDateTime::currentDateTime().addSecs(10);
+    while (!QFile::exists(copy) && QDateTime::currentDateTime() < deadline)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    ASSERT_TRUE(QFile::exists(copy));
+
+    Script declining;
+    AppModel declined;
+    declined.session().enableRecovery(recovery);
+    EXPECT_FALSE(declined.session().offerRecovery(declining));
+    declined.session().flushRecovery();
+    EXPECT_FALSE(QFile::exists(copy));
+    EXPECT_FALSE(declined.isDirty());
+
+    editor.assign(intro, 5);
+    session.flushRecovery();
+    Script accepting;
+    accepting.buttons = {0};
+    AppModel restored;
+    restored.session().enableRecovery(recovery);
+    ASSERT_TRUE(restored.session().offerRecovery(accepting));
+    EXPECT_EQ(accepting.asked[0], "保存されていない変更が残っています。復元しますか？");
+    EXPECT_TRUE(accepting.asked[1].startsWith("show.vorlin（"));
+    EXPECT_EQ(accepting.asked[2], "復元する|破棄する");
+    EXPECT_EQ(restored.session().documentPath(), show);
+    EXPECT_TRUE(restored.isDirty());
+    for (const KeyCode key : {0, 1, 4, 5})
+        EXPECT_EQ(restored.document().assignments.at(key).path, intro) << key;
+    restored.session().flushRecovery();
+    EXPECT_TRUE(QFile::exists(copy)); // still the only record until saved
+    restored.save(show);
+    restored.session().flushRecovery();
+    EXPECT_FALSE(QFile::exists(copy));
+    AppModel reopened;
+    reopened.open(show);
+    EXPECT_EQ(reopened.document().assignments.size(), 4u);
+}
+
+// Killed at random moments while it writes, the writer never touches the show's own file and
+// always leaves a whole copy, never older than the last one seen.
+TEST_F(Document, AKilledRecoveryWriterLeavesTheShowAndTheLastCopyWhole) {
+    const QString recovery = QString::fromStdString(dir.file("Recovery"));
+    const QString show = folder + "/show.vorlin";
+    write(show, sampleFile(folder));
+    const QByteArray own = read(show);
+    std::mt19937 random(29);
+    std::uniform_int_distribution<int> delay(0, 15000);
+    long last = 0;
+    for (int round = 0; round < 200; ++round) {
+        QProcess probe;
+        probe.start(RECOVERY_PROBE, {recovery, show});
+        ASSERT_TRUE(probe.waitForReadyRead(10000)) << round;
+        QThread::usleep(static_cast<unsigned long>(delay(random)));
+        ::kill(static_cast<pid_t>(probe.processId()), SIGKILL);
+        probe.waitForFinished();
+        ASSERT_EQ(read(show), own) << round;
+        const QByteArray copy = read(recovery + "/instance-1.vorlin");
+        long number = 0;
+        ASSERT_NO_THROW(number = KeymapDocument::decode(copy).pages->front().name.toLong())
+            << round;
+        ASSERT_GE(number, last) << round;
+        last = number;
+        EXPECT_EQ(read(recovery + "/instance-1.origin"), show.toUtf8());
+    }
+    EXPECT_GT(last, 200); // it wrote on between the kills
 }
 
 } // namespace

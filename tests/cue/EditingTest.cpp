@@ -273,11 +273,22 @@ TEST_F(Editing, EveryEditIsOneStepThatUndoesAndRedoesExactly) {
     const auto same = [](const EditHistory::State& a, const EditHistory::State& b) {
         return EditHistory::sameDocument(a, b) && a.selectedKey == b.selectedKey;
     };
+    ShowSession& session = stage.model.session();
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const Row& row = rows[i];
         SCOPED_TRACE(row.label.toStdString());
         const EditHistory::State before = history.capture();
         const int steps = history.stack().count();
+        // Locked for the show, the edit changes nothing and asks nothing; D plays on.
+        session.setLocked(true);
+        const std::size_t questions = script.asked.size();
+        row.edit();
+        EXPECT_TRUE(same(history.capture(), before));
+        EXPECT_EQ(history.stack().count(), steps);
+        EXPECT_EQ(script.asked.size(), questions);
+        EXPECT_TRUE(stage.model.status().text().startsWith("本番モード中は編集できません"));
+        EXPECT_EQ(stage.model.isRunning(kD), i < 12);
+        session.setLocked(false);
         row.edit();
         const EditHistory::State after = history.capture();
         ASSERT_FALSE(same(before, after));
