@@ -87,8 +87,9 @@ bool ShowEditor::refuseWhenLocked() {
         return false;
     m_status.show(QStringLiteral("本番モード中は編集できません（再生 › 本番モードで解除）"));
     // A view may already show what it asked for (a ticked box, a moved row): it shows the
-    // document again.
-    emit assignmentsChanged();
+    // document again, once the widget that asked is out of its own signal (a list rebuilt
+    // inside its item's change would delete the item under it).
+    QMetaObject::invokeMethod(this, &ShowEditor::assignmentsChanged, Qt::QueuedConnection);
     return true;
 }
 

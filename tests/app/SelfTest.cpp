@@ -58,6 +58,7 @@
 #include "model/KeyPalette.h"
 #include "model/KeyboardLayout.h"
 #include "model/KeymapDocument.h"
+#include "model/Prefs.h"
 #include "model/ShowFile.h"
 #include "video/OutputSurface.h"
 #include "video/ScreenList.h"
@@ -290,14 +291,14 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
               "every text of the settings has its glyphs: " + badSettings.join(" | "));
     const QList<QLineEdit*> fields = settings.findChildren<QLineEdit*>();
     log.check(settings.findChildren<QComboBox*>().size() == 7 &&
-                  settings.findChildren<QCheckBox*>().size() == 6 &&
+                  settings.findChildren<QCheckBox*>().size() == 7 &&
                   std::count_if(fields.begin(), fields.end(),
                                 [](QLineEdit* field) {
                                     // Spin boxes hold line edits of their own.
                                     return !qobject_cast<QAbstractSpinBox*>(field->parent());
                                 }) == 3 &&
                   settings.findChildren<QSpinBox*>().size() == 1,
-              "the settings show 7 choices, 6 switches, the OSC port, its two address fields and "
+              "the settings show 7 choices, 7 switches, the OSC port, its two address fields and "
               "the MIDI port name");
 }
 
@@ -946,6 +947,8 @@ void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& 
     program.waitForFinished();
     log.check(!savedHas(show, z), "killed, the show's own file is as it was");
 
+    // Started again with the show lock preferred: restoring and saving are not edits.
+    Prefs::setValue(Prefs::kStartLocked, true);
     program.start(QStringLiteral(VORLIN_EXECUTABLE), {show});
     const bool offered = waitUntil(
         [] {
@@ -961,6 +964,12 @@ void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& 
               "Return restores the edit and Ctrl+S writes it to the show's own file");
     log.check(waitUntil([&] { return !QFile::exists(copy); }, 3000),
               "and the recovery copy is gone once saved");
+    Prefs::remove(Prefs::kStartLocked);
+    XInput::key("x");
+    XInput::key("i", true);
+    XInput::settle(1500);
+    log.check(mainWindowActive(), "started locked, Ctrl+I on an empty key opens nothing (" +
+                                      XInput::activeWindowTitle() + ")");
     XInput::key("q", true);
     // It may have ended already while the key was sent (the event loop saw it then).
     const bool ended = program.state() == QProcess::NotRunning || program.waitForFinished(10000);

@@ -348,6 +348,11 @@ TEST_F(Views, OutputBarListsDevicesAndChoosesOne) {
     ASSERT_EQ(devices.count(), 3);
     EXPECT_EQ(devices.itemText(0), "システム既定");
     EXPECT_EQ(devices.itemText(1), "JACK system（8 ch）");
+    stage.model.session().setLocked(true); // the show's device is kept while locked
+    EXPECT_FALSE(devices.isEnabled());
+    emit devices.activated(2);
+    EXPECT_FALSE(stage.model.outputDeviceUID());
+    stage.model.session().setLocked(false);
     emit devices.activated(2);
     EXPECT_EQ(stage.model.outputDeviceUID(), QString("alsa:hw:1"));
     // Unplugged: the show's device stays named, so the operator sees what is missing.
@@ -391,6 +396,20 @@ TEST_F(Views, DeckPanelSwitchesItemsOffTakesOneLiveAndResets) {
     take->click();
     EXPECT_FLOAT_EQ(peakOfTail(stage.run(0.1)[0]), 0.1f);
     EXPECT_TRUE(list.item(0)->text().startsWith("▶"));
+
+    // Locked for the show: an item still plays from here, its settings are only shown, and a
+    // box ticked anyway is unticked again.
+    stage.model.session().setLocked(true);
+    list.item(1)->setCheckState(Qt::Checked);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(list.item(1)->checkState(), Qt::Unchecked);
+    EXPECT_FALSE(stage.doc().assignments.at(0).deckItems->at(1).enabled);
+    EXPECT_FALSE(panel->findChildren<QPushButton*>().at(1)->isEnabled()); // 名前…
+    list.setCurrentRow(2);
+    take->click();
+    EXPECT_FLOAT_EQ(peakOfTail(stage.run(0.1)[0]), 0.3f);
+    stage.model.session().setLocked(false);
+    list.setCurrentRow(0);
 
     script.names = {"幕間の音"};
     panel->findChildren<QPushButton*>().at(1)->click(); // 名前…
