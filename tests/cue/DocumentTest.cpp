@@ -622,7 +622,7 @@ TEST_F(Document, AKilledRecoveryWriterLeavesTheShowAndTheLastCopyWhole) {
         last = number;
         EXPECT_EQ(read(recovery + "/instance-1.origin"), show.toUtf8());
     }
-    EXPECT_GT(last, 200); // it wrote on between the kills
+    EXPECT_GE(last, 200); // a whole copy at least per round (a slow build is killed in its second)
 }
 
 } // namespace
