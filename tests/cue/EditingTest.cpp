@@ -269,6 +269,16 @@ TEST_F(Editing, EveryEditIsOneStepThatUndoesAndRedoesExactly) {
          [&] {
              editor().assignList({file("x.wav"), file("y.wav")}, kQ);
          }},
+        {"A キーに割り当て", // 差し替え… with one file chosen
+         [&] {
+             script.files = {{file("r.wav")}};
+             editor().replaceFile(kA);
+         }},
+        {"Q キーに追加", // ファイルを追加…
+         [&] {
+             script.files = {{file("z.wav")}};
+             editor().addFiles(kQ);
+         }},
     };
     const auto same = [](const EditHistory::State& a, const EditHistory::State& b) {
         return EditHistory::sameDocument(a, b) && a.selectedKey == b.selectedKey;
