@@ -29,6 +29,13 @@ QString RecoveryCopy::originPath() const {
     return m_folder + QStringLiteral("/instance-%1.origin").arg(m_instance);
 }
 
+std::optional<QByteArray> RecoveryCopy::writtenOrigin() const {
+    QFile file(originPath());
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    return file.readAll();
+}
+
 std::optional<RecoveryCopy::Found> RecoveryCopy::find() const {
     // A write killed before its rename left a temporary nobody will finish.
     ShowFile::removeLeftovers(copyPath(), std::chrono::seconds(0));
@@ -37,12 +44,8 @@ std::optional<RecoveryCopy::Found> RecoveryCopy::find() const {
     if (!copy.isFile())
         return std::nullopt;
     Found found{copy.absoluteFilePath(), std::nullopt, copy.lastModified()};
-    QFile origin(originPath());
-    if (origin.open(QIODevice::ReadOnly)) {
-        const QString path = QString::fromUtf8(origin.readAll());
-        if (!path.isEmpty())
-            found.origin = path;
-    }
+    if (const auto origin = writtenOrigin(); origin && !origin->isEmpty())
+        found.origin = QString::fromUtf8(*origin);
     return found;
 }
 
@@ -87,7 +90,6 @@ void RecoveryCopy::run() {
             perform(job);
         } catch (const DocumentError& failure) {
             error = failure.message();
-            m_writtenOrigin.reset();
         }
         lock.lock();
         m_busy = false;
@@ -101,24 +103,18 @@ void RecoveryCopy::perform(const Job& job) {
     if (job.remove) {
         QFile::remove(copyPath());
         QFile::remove(originPath());
-        m_writtenOrigin.reset();
         return;
     }
+    // Read back each time rather than remembered: a copy restored after a crash, with its
+    // origin, is still the only one and stays until replaced.
     const QByteArray origin = job.origin ? job.origin->toUtf8() : QByteArray();
-    if (!m_writtenOrigin) {
-        // A copy restored after a crash is still the only one: it stays until replaced.
-        QFile existing(originPath());
-        if (QFileInfo::exists(copyPath()) && existing.open(QIODevice::ReadOnly))
-            m_writtenOrigin = existing.readAll();
-    }
-    if (m_writtenOrigin != origin || !QFileInfo::exists(originPath())) {
+    if (writtenOrigin() != origin) {
         // The copy there belongs to the show of the old origin: it goes before the origin
         // changes, or a kill in between would pair it with this show's file.
         QFile::remove(copyPath());
         if (!QDir().mkpath(m_folder))
             throw DocumentError(QStringLiteral("フォルダ「%1」を作れません").arg(m_folder));
         ShowFile::writeAtomically(originPath(), origin);
-        m_writtenOrigin = origin;
     }
     ShowFile::writeAtomically(copyPath(), job.show);
 }

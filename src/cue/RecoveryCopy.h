@@ -54,6 +54,8 @@ private:
     void run();
     void perform(const Job& job);
     QString copyPath() const;
+    // What the origin file holds; none when there is none.
+    std::optional<QByteArray> writtenOrigin() const;
     QString originPath() const;
 
     const QString m_folder;
@@ -64,7 +66,5 @@ private:
     bool m_busy = false;
     bool m_stopping = false;
     std::optional<QString> m_error;
-    // Writer thread only: the origin file's content as last written (none: unknown).
-    std::optional<QByteArray> m_writtenOrigin;
     std::thread m_thread;
 };
