@@ -21,7 +21,6 @@
 #include <QGuiApplication>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
-#include <QPainter>
 #include <QScreen>
 #include <QTimer>
 
@@ -33,6 +32,7 @@
 #include "model/Prefs.h"
 #include "video/CompositedVideoOutput.h"
 #include "video/OutputSurface.h"
+#include "video/PictureRenderer.h"
 
 namespace {
 
@@ -60,14 +60,13 @@ void BM_MovieOnAnOutput(benchmark::State& state) {
         drawn.reserve(20000);
         auto surface = OutputSurface::window(
             1,
-            [&](QPainter& painter, const QRect& area, const QString& id, std::uint64_t now) {
-                output.draw(painter, area, now, id);
-                painter.beginNativePainting();
+            [&](PictureRenderer& renderer, const QSize& area, double ratio, const QString& id,
+                std::uint64_t now) {
+                output.draw(renderer, area, ratio, now, id);
                 auto* gl = QOpenGLContext::currentContext()->functions();
                 unsigned char pixel[4] = {};
                 const int x = area.width() / 2, y = area.height() / 2;
                 gl->glReadPixels(x, y, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
-                painter.endNativePainting();
                 drawn.push_back({now, static_cast<double>(HostTime::now() - now) * 1e-9, pixel[0],
                                  pixel[1], pixel[2]});
                 return true; // keep drawing every refresh, pictures or not

@@ -33,6 +33,6 @@ void MonitorView::follow() {
 
 void MonitorView::paintEvent(QPaintEvent*) {
     QPainter painter(this);
-    m_model.video().draw(painter, rect(), HostTime::now());
+    m_model.video().draw(painter, rect(), HostTime::now(), std::nullopt, PictureDetail::reduced);
     m_drewPictures = m_model.video().hasPictures();
 }

@@ -9,16 +9,10 @@
 #include <QThreadPool>
 
 #include "media/MovieDecoder.h"
+#include "video/Compositor.h"
 #include "video/PictureFile.h"
 
 namespace {
-
-QImage scaledDown(QImage image) {
-    if (image.width() > Deck::kThumbnailSize || image.height() > Deck::kThumbnailSize)
-        image = image.scaled(Deck::kThumbnailSize, Deck::kThumbnailSize, Qt::KeepAspectRatio,
-                             Qt::SmoothTransformation);
-    return image;
-}
 
 // A movie's first picture, upright.
 QImage firstPicture(const QString& path) {
@@ -27,12 +21,11 @@ QImage firstPicture(const QString& path) {
         const std::optional<MovieFrame> frame = decoder.next();
         if (!frame)
             return {};
-        // A copy: the pixels belong to the decoder, which goes at the end of this function.
-        const QImage picture = scaledDown(QImage(frame->rgba.get(), frame->width, frame->height,
-                                                 frame->stride, QImage::Format_RGBA8888)
-                                              .copy());
-        return frame->rotation ? picture.transformed(QTransform().rotate(frame->rotation))
-                               : picture;
+        // Converted straight to the thumbnail's size.
+        const QSize upright = CompositorLayer{nullptr, &*frame}.size();
+        return Compositor::imageOf(
+            *frame, upright.scaled(Deck::kThumbnailSize, Deck::kThumbnailSize, Qt::KeepAspectRatio),
+            PictureDetail::reduced);
     } catch (const std::exception&) {
         return {};
     }

@@ -3,12 +3,10 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libswscale/swscale.h>
 }
 
 #include <algorithm>
 #include <cmath>
-#include <new>
 
 #include "media/LoadError.h"
 #include "media/MediaFile.h"
@@ -20,24 +18,6 @@ namespace {
 constexpr int kErrorsInARow = 50;
 
 } // namespace
-
-int MovieFrame::strideFor(int width) {
-    const auto row = static_cast<std::size_t>(width) * 4;
-    return static_cast<int>((row + kAlignment - 1) / kAlignment * kAlignment);
-}
-
-std::size_t MovieFrame::bytesFor(int width, int height) {
-    return static_cast<std::size_t>(strideFor(width)) * static_cast<std::size_t>(height) +
-           kAlignment;
-}
-
-std::uint8_t* MovieFrame::allocatePixels(std::size_t bytes) {
-    return static_cast<std::uint8_t*>(::operator new[](bytes, std::align_val_t(kAlignment)));
-}
-
-void MovieFrame::freePixels(std::uint8_t* pixels) {
-    ::operator delete[](pixels, std::align_val_t(kAlignment));
-}
 
 std::string MovieDecoder::refusal(const MediaProbe& probe) {
     if (!probe.hasVideo || (probe.videoWidth <= kLargestSide && probe.videoHeight <= kLargestSide))
@@ -82,7 +62,6 @@ MovieDecoder::MovieDecoder(const std::string& path, const std::atomic<bool>* can
 }
 
 MovieDecoder::~MovieDecoder() {
-    sws_freeContext(m_scaler);
     av_frame_free(&m_waiting);
     av_frame_free(&m_held);
     av_frame_free(&m_frame);
@@ -192,22 +171,12 @@ void MovieDecoder::seek(double seconds) {
 }
 
 std::optional<MovieFrame> MovieDecoder::convert(const AVFrame* frame) {
-    MovieFrame picture;
-    picture.time = timeOf(frame);
-    picture.width = frame->width;
-    picture.height = frame->height;
-    picture.rotation = m_rotation;
-    m_scaler = sws_getCachedContext(
-        m_scaler, frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-        frame->width, frame->height, AV_PIX_FMT_RGBA, SWS_FAST_BILINEAR, nullptr, nullptr, nullptr);
-    if (!m_scaler) {
+    std::optional<MovieFrame> picture = MovieFrame::of(frame, m_allocate);
+    if (!picture) {
         m_failed = true;
         return std::nullopt;
     }
-    picture.stride = MovieFrame::strideFor(frame->width);
-    picture.rgba = m_allocate(MovieFrame::bytesFor(frame->width, frame->height));
-    std::uint8_t* planes[4] = {picture.rgba.get(), nullptr, nullptr, nullptr};
-    const int strides[4] = {picture.stride, 0, 0, 0};
-    sws_scale(m_scaler, frame->data, frame->linesize, 0, frame->height, planes, strides);
+    picture->time = timeOf(frame);
+    picture->rotation = m_rotation;
     return picture;
 }

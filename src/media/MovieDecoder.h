@@ -8,44 +8,25 @@
 #include <string>
 #include <vector>
 
+#include "media/MovieFrame.h"
+
 class MediaFile;
 struct MediaProbe;
 struct AVCodecContext;
 struct AVFrame;
 struct AVPacket;
-struct SwsContext;
 
-// One decoded picture of a movie: 8-bit RGBA rows `stride` bytes apart, and when it is due.
-struct MovieFrame {
-    double time = 0.0; // seconds from the movie's start
-    int width = 0;
-    int height = 0;
-    int stride = 0; // bytes from one row to the next (strideFor(width))
-    std::shared_ptr<std::uint8_t[]> rgba;
-    int rotation = 0; // degrees clockwise to stand it upright (the file's display matrix)
-
-    // swscale's vector code stores whole aligned blocks, past a row's last pixel and past the
-    // last row: every picture buffer starts on kAlignment, its rows are padded to a multiple of
-    // it and kAlignment more bytes follow the last row.
-    static constexpr std::size_t kAlignment = 64;
-    static int strideFor(int width);
-    static std::size_t bytesFor(int width, int height);
-    // Memory of that alignment; release it with freePixels (a plain delete[] would not match).
-    static std::uint8_t* allocatePixels(std::size_t bytes);
-    static void freePixels(std::uint8_t* pixels);
-};
-
-// Decodes the pictures of a file's first moving-picture stream in presentation order, converted
-// to RGBA at the stream's own size. Damaged packets are skipped as the audio loader skips them;
-// a decoder that stops producing pictures mid-way ends the movie there (`failed` says so).
+// Decodes the pictures of a file's first moving-picture stream in presentation order, at the
+// stream's own size and, where it has one, in its own YUV layout (see MovieFrame). Damaged packets
+// are skipped as the audio loader skips them; a decoder that stops producing pictures mid-way ends
+// the movie there (`failed` says so).
 //
 // Threading: one thread at a time, any thread; the cancel flag may be set from another thread.
 class MovieDecoder {
 public:
-    // Where a picture's pixels go (`bytes` long, from MovieFrame::bytesFor, aligned to
-    // MovieFrame::kAlignment, contents undefined). A player hands out buffers it recycles: a
-    // fresh 8 MB block per 1080p picture would be zeroed and faulted in anew.
-    using Allocate = std::function<std::shared_ptr<std::uint8_t[]>(std::size_t bytes)>;
+    // Where converted pixels go. A player hands out buffers it recycles: a fresh 8 MB block per
+    // 1080p picture would be zeroed and faulted in anew.
+    using Allocate = MovieFrame::Allocate;
 
     // Throws LoadError: the file's own errors (see MediaFile), or kNoPicture when it has no
     // moving picture a decoder takes. Without `allocate`, every picture gets a new buffer.
@@ -94,7 +75,6 @@ private:
     AVFrame* m_frame = nullptr;
     AVFrame* m_held = nullptr;    // after a seek: the latest picture due by its time
     AVFrame* m_waiting = nullptr; // the picture after it, handed out next
-    SwsContext* m_scaler = nullptr;
     bool m_draining = false;
     bool m_failed = false;
     double m_skipBefore = -1.0; // after a seek: the time of the first picture wanted

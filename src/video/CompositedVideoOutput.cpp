@@ -9,6 +9,7 @@
 
 #include "audio/HostTime.h"
 #include "video/OutputSurface.h"
+#include "video/PictureRenderer.h"
 #include "video/ScreenList.h"
 
 namespace {
@@ -101,7 +102,9 @@ void CompositedVideoOutput::setAudioClock(AudioClock clock) {
 }
 
 std::shared_ptr<VideoCue> CompositedVideoOutput::play(MovieStart start) {
-    show();
+    // Outputs already open stay as they are: a start opens them only when none are.
+    if (!m_showing || m_outputs.isEmpty())
+        show();
     auto movie = std::make_shared<Movie>(m_clock, m_audioClock, std::max(start.duration, 0.0));
     // A file the loader found no picture in, or one gone since, fails as a player's would.
     movie->failed = !(start.duration >= 0.0) || !QFileInfo(start.path).isFile();
@@ -142,7 +145,8 @@ void CompositedVideoOutput::resetPrepared() {
 std::shared_ptr<ImageCue> CompositedVideoOutput::showImage(std::function<QImage()> load,
                                                            double fadeIn, double z,
                                                            const OutputSet& outputs) {
-    show();
+    if (!m_showing || m_outputs.isEmpty())
+        show();
     auto cue = std::make_shared<ImageCue>();
     cue->z = z;
     cue->outputs = outputs;
@@ -224,9 +228,9 @@ void CompositedVideoOutput::rebuildOutputs() {
     std::erase_if(m_surfaces, [&](const std::unique_ptr<OutputSurface>& surface) {
         return !wanted.contains(surface->id());
     });
-    const auto draw = [this](QPainter& painter, const QRect& area, const QString& id,
-                             std::uint64_t now) {
-        this->draw(painter, area, now, id);
+    const auto draw = [this](PictureRenderer& renderer, const QSize& area, double ratio,
+                             const QString& id, std::uint64_t now) {
+        this->draw(renderer, area, ratio, now, id);
         return hasPictures();
     };
     const auto key = [this](const QString& id, std::uint64_t now) {
@@ -312,8 +316,13 @@ void CompositedVideoOutput::finish(ImageCue& cue) {
 }
 
 void CompositedVideoOutput::remove(VideoCue& cue) {
-    std::erase_if(m_movies,
-                  [&](const std::shared_ptr<Movie>& movie) { return movie.get() == &cue; });
+    std::erase_if(m_movies, [&](const std::shared_ptr<Movie>& movie) {
+        if (movie.get() != &cue)
+            return false;
+        // The cue may be held on to; its pictures and decoder go now.
+        movie->player.reset();
+        return true;
+    });
     redraw();
 }
 
@@ -397,7 +406,7 @@ std::vector<CompositorLayer> CompositedVideoOutput::compose(std::uint64_t now,
         if (!movie->player)
             movie->player = std::make_unique<MoviePlayer>(movie->path, m_wait);
         layers.push_back(
-            {movie->player->frameAt(elapsed), movie->z,
+            {nullptr, movie->player->frameAt(elapsed), movie->z,
              opacityAt(movie->startHost, movie->fadeIn, movie->finishAt, movie->fadeOut, now)});
     }
     for (auto& image : m_images) {
@@ -408,15 +417,20 @@ std::vector<CompositorLayer> CompositedVideoOutput::compose(std::uint64_t now,
             image.load = nullptr;
         }
         layers.push_back(
-            {&image.picture, image.cue->z,
+            {&image.picture, nullptr, image.cue->z,
              opacityAt(image.shownAt, image.fadeIn, image.finishAt, image.fadeOut, now)});
     }
     return layers;
 }
 
 void CompositedVideoOutput::draw(QPainter& painter, const QRect& area, std::uint64_t now,
-                                 const std::optional<QString>& output) {
-    Compositor::draw(painter, area, compose(now, output), m_look);
+                                 const std::optional<QString>& output, PictureDetail detail) {
+    Compositor::draw(painter, area, compose(now, output), m_look, detail);
+}
+
+void CompositedVideoOutput::draw(PictureRenderer& renderer, const QSize& area, double ratio,
+                                 std::uint64_t now, const QString& output) {
+    renderer.draw(compose(now, output), m_look, area, ratio);
 }
 
 std::uint64_t CompositedVideoOutput::sceneKey(std::uint64_t now, const QString& output) {
@@ -426,7 +440,10 @@ std::uint64_t CompositedVideoOutput::sceneKey(std::uint64_t now, const QString& 
     mix(static_cast<std::uint64_t>(m_look.fit));
     mix(m_look.background.rgba());
     for (const CompositorLayer& layer : compose(now, output)) {
-        mix(layer.picture ? static_cast<std::uint64_t>(layer.picture->cacheKey()) : 0);
+        // A movie's pictures and still pictures are numbered apart: a serial is odd, a key even.
+        mix(layer.frame     ? layer.frame->serial() * 2 + 1
+            : layer.picture ? static_cast<std::uint64_t>(layer.picture->cacheKey()) * 2
+                            : 0);
         mix(static_cast<std::uint64_t>(std::llround(layer.depth)));
         // A thousandth of opacity is below what eight bits per channel show.
         mix(static_cast<std::uint64_t>(std::llround(layer.opacity * 1000.0)));

@@ -29,6 +29,7 @@
 // simulated clock that the caller advances and polls itself. Fades run on that clock; a movie's
 // pictures run on the audio clock (setAudioClock), the one its sound plays by. Main thread.
 class OutputSurface;
+class PictureRenderer;
 
 class CompositedVideoOutput : public QObject, public VideoOutput {
     Q_OBJECT
@@ -67,7 +68,12 @@ public:
     void poll();
 
     void draw(QPainter& painter, const QRect& area, std::uint64_t now,
-              const std::optional<QString>& output = std::nullopt) override;
+              const std::optional<QString>& output = std::nullopt,
+              PictureDetail detail = PictureDetail::exact) override;
+    // The same with OpenGL, as an output surface draws (`area` in its units, `ratio` pixels
+    // each).
+    void draw(PictureRenderer& renderer, const QSize& area, double ratio, std::uint64_t now,
+              const QString& output);
     // What `output` shows at `now` in a number: the same number, the same picture (which
     // pictures, where, how opaque). A surface whose scene has not changed need not draw again.
     std::uint64_t sceneKey(std::uint64_t now, const QString& output);

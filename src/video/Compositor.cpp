@@ -3,8 +3,22 @@
 #include <algorithm>
 
 #include <QPainter>
+#include <QTransform>
 
+#include "media/MovieFrame.h"
 #include "model/Prefs.h"
+
+bool CompositorLayer::isEmpty() const {
+    return frame ? false : !picture || picture->isNull();
+}
+
+QSize CompositorLayer::size() const {
+    if (!frame)
+        return picture ? picture->size() : QSize();
+    const bool onItsSide = frame->rotation % 180 != 0;
+    return onItsSide ? QSize(frame->height(), frame->width())
+                     : QSize(frame->width(), frame->height());
+}
 
 CompositorLook CompositorLook::fromPreferences() {
     CompositorLook look;
@@ -32,20 +46,49 @@ QRectF placement(const QSize& size, const QRect& area, PictureFit fit) {
                   placed.height());
 }
 
-void draw(QPainter& painter, const QRect& area, std::vector<CompositorLayer> layers,
-          const CompositorLook& look) {
-    painter.save();
-    painter.setClipRect(area);
-    painter.fillRect(area, look.background);
+void sortByDepth(std::vector<CompositorLayer>& layers) {
     std::stable_sort(
         layers.begin(), layers.end(),
         [](const CompositorLayer& a, const CompositorLayer& b) { return a.depth < b.depth; });
+}
+
+QImage imageOf(const MovieFrame& frame, const QSize& size, PictureDetail detail) {
+    const bool onItsSide = frame.rotation % 180 != 0;
+    QSize converted(frame.width(), frame.height());
+    if (detail == PictureDetail::reduced) {
+        const QSize wanted = onItsSide ? size.transposed() : size;
+        converted = converted.boundedTo(wanted.expandedTo(QSize(1, 1)));
+    }
+    std::optional<RgbaPixels> rgba = frame.toRgba(converted.width(), converted.height());
+    if (!rgba)
+        return {};
+    // The image holds the pixels: no copy.
+    auto* held = new std::shared_ptr<std::uint8_t[]>(std::move(rgba->data));
+    const QImage image(
+        held->get(), rgba->width, rgba->height, rgba->stride, QImage::Format_RGBA8888,
+        [](void* pixels) { delete static_cast<std::shared_ptr<std::uint8_t[]>*>(pixels); }, held);
+    return frame.rotation ? image.transformed(QTransform().rotate(frame.rotation)) : image;
+}
+
+void draw(QPainter& painter, const QRect& area, std::vector<CompositorLayer> layers,
+          const CompositorLook& look, PictureDetail detail) {
+    painter.save();
+    painter.setClipRect(area);
+    painter.fillRect(area, look.background);
+    sortByDepth(layers);
     painter.setRenderHint(QPainter::SmoothPixmapTransform);
     for (const CompositorLayer& layer : layers) {
-        if (!layer.picture || layer.picture->isNull() || layer.opacity <= 0.0)
+        if (layer.isEmpty() || layer.opacity <= 0.0)
+            continue;
+        const QRectF placed = placement(layer.size(), area, look.fit);
+        QImage converted;
+        if (layer.frame)
+            converted = imageOf(*layer.frame, placed.size().toSize(), detail);
+        const QImage& image = layer.frame ? converted : *layer.picture;
+        if (image.isNull())
             continue;
         painter.setOpacity(std::min(layer.opacity, 1.0));
-        painter.drawImage(placement(layer.picture->size(), area, look.fit), *layer.picture);
+        painter.drawImage(placed, image);
     }
     painter.restore();
 }

@@ -1,24 +1,11 @@
 #include "video/MoviePlayer.h"
 
-#include <QTransform>
+#include <utility>
 
 #include "media/LoadError.h"
 
-namespace {
-
-// The decoded pixels as a QImage that holds them, turned upright.
-QImage imageOf(MovieFrame&& frame) {
-    auto* pixels = new std::shared_ptr<std::uint8_t[]>(std::move(frame.rgba));
-    QImage image(
-        pixels->get(), frame.width, frame.height, frame.stride, QImage::Format_RGBA8888,
-        [](void* held) { delete static_cast<std::shared_ptr<std::uint8_t[]>*>(held); }, pixels);
-    return frame.rotation ? image.transformed(QTransform().rotate(frame.rotation)) : image;
-}
-
-} // namespace
-
-// Picture buffers of one size, handed back when the last QImage holding one goes (on whatever
-// thread that is).
+// Buffers of one size for converted pictures, handed back when the last picture holding one goes
+// (on whatever thread that is).
 struct MoviePlayer::Buffers {
     std::mutex mutex;
     std::size_t bytes = 0;
@@ -109,11 +96,8 @@ void MoviePlayer::decode() {
         lock.unlock();
         if (seekTo)
             decoder->seek(*seekTo);
-        std::optional<MovieFrame> frame = decoder->next();
-        const bool broken = !frame && decoder->failed();
-        std::optional<Picture> picture;
-        if (frame)
-            picture = Picture{frame->time, imageOf(std::move(*frame))};
+        std::optional<MovieFrame> picture = decoder->next();
+        const bool broken = !picture && decoder->failed();
         lock.lock();
         if (m_seekTo)
             continue; // asked elsewhere meanwhile: this picture is of the old place
@@ -130,23 +114,22 @@ void MoviePlayer::decode() {
     }
 }
 
-const QImage* MoviePlayer::frameAt(double seconds) {
+const MovieFrame* MoviePlayer::frameAt(double seconds) {
     std::unique_lock lock(m_mutex);
     if (m_failed && m_queue.empty())
         return nullptr;
-    const bool behind = !m_shown.isNull() && seconds + kSlack < m_shownTime;
+    const bool behind = m_shown && seconds + kSlack < m_shown->time;
     const bool farAhead = !m_queue.empty() && seconds > m_queue.back().time + kSeekAhead;
     if (behind || farAhead) {
         m_seekTo = seconds;
         m_queue.clear();
         m_ended = false;
-        m_shown = QImage();
-        m_shownTime = -1.0;
+        m_shown.reset();
         m_changed.notify_all();
     }
     // Take every picture due; a render then waits until the one after them is queued (or the
     // movie ends), since only then is the last one taken the picture due.
-    std::optional<Picture> due;
+    std::optional<MovieFrame> due;
     for (;;) {
         while (!m_seekTo && !m_queue.empty() && m_queue.front().time <= seconds + kSlack) {
             due = std::move(m_queue.front());
@@ -158,9 +141,7 @@ const QImage* MoviePlayer::frameAt(double seconds) {
             break;
         m_changed.wait(lock);
     }
-    if (due) {
-        m_shownTime = due->time;
-        m_shown = std::move(due->image);
-    }
-    return m_shown.isNull() ? nullptr : &m_shown;
+    if (due)
+        m_shown = std::move(due);
+    return m_shown ? &*m_shown : nullptr;
 }

@@ -9,8 +9,6 @@
 #include <string>
 #include <thread>
 
-#include <QImage>
-
 #include "media/MovieDecoder.h"
 
 // The pictures of one movie by time. A thread of its own opens the file and decodes ahead into
@@ -33,26 +31,24 @@ public:
     MoviePlayer(const MoviePlayer&) = delete;
     MoviePlayer& operator=(const MoviePlayer&) = delete;
 
-    // Null before the first picture is due, and when the file cannot be played (failed()).
-    const QImage* frameAt(double seconds);
+    // Null before the first picture is due, and when the file cannot be played (failed()). The
+    // picture stays valid until the next call.
+    const MovieFrame* frameAt(double seconds);
     bool failed() const;
 
 private:
     void decode();
     struct Buffers;
 
-    // Enough to ride out a slow picture; each is width × height × 4 bytes (8 MB at 1080p).
+    // Enough to ride out a slow picture; each is width × height × 1.5 bytes in the usual 4:2:0
+    // layout (3 MB at 1080p), or × 4 as RGBA.
     static constexpr std::size_t kQueued = 4;
 
     const std::string m_path;
     const Wait m_wait;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    struct Picture {
-        double time = 0.0;
-        QImage image; // wraps the decoded pixels: handing it to the drawing thread copies nothing
-    };
-    std::deque<Picture> m_queue;    // in time order
+    std::deque<MovieFrame> m_queue; // in time order; handing one over copies no pixels
     std::optional<double> m_seekTo; // asked of the thread
     bool m_ended = false;           // nothing more will be queued until a seek
     bool m_failed = false;
@@ -62,6 +58,5 @@ private:
     std::thread m_thread; // started in the constructor: it uses only the members above
 
     // The drawing thread's.
-    double m_shownTime = -1.0;
-    QImage m_shown;
+    std::optional<MovieFrame> m_shown;
 };

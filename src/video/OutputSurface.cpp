@@ -3,13 +3,12 @@
 #include <QCloseEvent>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
-#include <QOpenGLPaintDevice>
-#include <QPainter>
 #include <QPlatformSurfaceEvent>
 #include <QScreen>
 #include <QSettings>
 
 #include "audio/HostTime.h"
+#include "video/PictureRenderer.h"
 
 namespace {
 
@@ -73,10 +72,11 @@ void OutputSurface::releaseGL() {
     if (!m_context)
         return;
     if (handle() && m_context->makeCurrent(this)) {
-        m_device.reset();
+        m_renderer.reset();
         m_context->doneCurrent();
     }
-    m_device.reset();
+    // Without its context current the renderer leaves its textures to the context's end.
+    m_renderer.reset();
     m_context.reset();
 }
 
@@ -101,14 +101,10 @@ bool OutputSurface::paint(std::uint64_t now, bool& moving) {
         return false;
     const qreal ratio = devicePixelRatio();
     const QSize pixels = size() * ratio;
-    if (!m_device)
-        m_device = std::make_unique<QOpenGLPaintDevice>();
-    m_device->setSize(pixels);
-    m_device->setDevicePixelRatio(ratio);
+    if (!m_renderer)
+        m_renderer = std::make_unique<PictureRenderer>();
     m_context->functions()->glViewport(0, 0, pixels.width(), pixels.height());
-    QPainter painter(m_device.get());
-    moving = m_draw(painter, QRect(QPoint(0, 0), size()), m_id, now);
-    painter.end();
+    moving = m_draw(*m_renderer, size(), ratio, m_id, now);
     return true;
 }
 

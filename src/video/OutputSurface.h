@@ -9,8 +9,8 @@
 #include <QWindow>
 
 class QOpenGLContext;
-class QOpenGLPaintDevice;
 class QScreen;
+class PictureRenderer;
 
 // One place pictures are shown: the movable window ("映像出力 #n") or a whole display. It draws
 // the composited scene of its output with OpenGL at the display's refresh while pictures move,
@@ -24,10 +24,11 @@ class QScreen;
 class OutputSurface : public QWindow {
     Q_OBJECT
 public:
-    // Paints what output `id` shows at host time `now` into the area; returns whether pictures
-    // are up (then the next refresh is drawn too).
-    using Draw = std::function<bool(QPainter& painter, const QRect& area, const QString& id,
-                                    std::uint64_t now)>;
+    // Draws what output `id` shows at host time `now` with the surface's renderer, on an area of
+    // its size (`ratio` pixels per unit); returns whether pictures are up (then the next
+    // refresh is drawn too).
+    using Draw = std::function<bool(PictureRenderer& renderer, const QSize& area, double ratio,
+                                    const QString& id, std::uint64_t now)>;
     // A number for what output `id` shows at `now`, and whether pictures are up (so the next
     // refresh must be looked at too). While the number stays the same the refresh is left as
     // it is and the CPU goes to decoding: a 30 fps movie needs 30 draws a second, not the
@@ -80,5 +81,5 @@ private:
     std::int64_t m_framesDrawn = 0;
     int m_instance = 0; // the window's, for its remembered frame
     std::unique_ptr<QOpenGLContext> m_context;
-    std::unique_ptr<QOpenGLPaintDevice> m_device;
+    std::unique_ptr<PictureRenderer> m_renderer; // of m_context
 };

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 
+#include "video/Compositor.h"
 #include "video/MovieStart.h"
 #include "video/VideoCue.h"
 
@@ -51,10 +52,11 @@ public:
     virtual const QStringList& outputs() const = 0;
     virtual void setOutputs(const QStringList& outputs) = 0;
 
-    // Draws what `output` (none: the monitor view, which shows every cue) shows at host time
+    // Draws what `output` (none: every cue, as the monitor view shows them) shows at host time
     // `now` into `area`.
     virtual void draw(QPainter& painter, const QRect& area, std::uint64_t now,
-                      const std::optional<QString>& output = std::nullopt) = 0;
+                      const std::optional<QString>& output = std::nullopt,
+                      PictureDetail detail = PictureDetail::exact) = 0;
     // Whether any picture is up (anything to draw besides the background).
     virtual bool hasPictures() const = 0;
 

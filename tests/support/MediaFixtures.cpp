@@ -6,6 +6,7 @@ extern "C" {
 #include <libavutil/channel_layout.h>
 #include <libavutil/display.h>
 #include <libavutil/opt.h>
+#include <libavutil/pixdesc.h>
 }
 
 #include <cmath>
@@ -22,6 +23,7 @@ struct Output {
     std::int64_t next = 0;  // next frame (video) or sample (audio) to encode
     std::int64_t total = 0; // frames or samples in all
     const Tone* tone = nullptr;
+    std::optional<std::array<int, 3>> levels; // a video's fixed levels
     bool finished = false;
     std::uint64_t noiseState = 1;
 };
@@ -110,7 +112,14 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
         out.codec = avcodec_alloc_context3(codec);
         out.codec->width = video->width;
         out.codec->height = video->height;
-        out.codec->pix_fmt = AV_PIX_FMT_YUV420P;
+        const AVPixelFormat format = av_get_pix_fmt(video->pixelFormat.c_str());
+        if (format == AV_PIX_FMT_NONE)
+            return false;
+        out.codec->pix_fmt = format;
+        out.codec->color_range = video->fullRange ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+        out.codec->colorspace = video->matrix == "bt709"   ? AVCOL_SPC_BT709
+                                : video->matrix == "bt601" ? AVCOL_SPC_SMPTE170M
+                                                           : AVCOL_SPC_UNSPECIFIED;
         out.codec->time_base = AVRational{1, video->fps};
         out.codec->gop_size = video->fps;
         // A fixed fine quantiser: at the default bit rate a 1080p grey came back up to 5 levels
@@ -126,7 +135,10 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
         if (video->rotation != 0.0)
             setRotation(out.stream, video->rotation);
         out.frame = av_frame_alloc();
-        out.frame->format = AV_PIX_FMT_YUV420P;
+        out.frame->format = format;
+        out.frame->color_range = out.codec->color_range;
+        out.frame->colorspace = out.codec->colorspace;
+        out.levels = video->levels;
         out.frame->width = video->width;
         out.frame->height = video->height;
         out.frame->quality = out.codec->global_quality;
@@ -206,13 +218,25 @@ bool writeAll(AVFormatContext* container, const std::string& path, const std::st
             fillAudio(out, left);
         } else {
             av_frame_make_writable(out.frame);
+            const AVPixFmtDescriptor* desc =
+                av_pix_fmt_desc_get(static_cast<AVPixelFormat>(out.frame->format));
+            const int depth = desc->comp[0].depth;
             for (int p = 0; p < 3; ++p) {
+                const int level = out.levels ? (*out.levels)[p]
+                                  : p        ? 128
+                                             : static_cast<int>(16 + (out.next * 8) % 216);
                 // Chroma of an odd size covers the last column and row too.
-                const int h = p ? (out.frame->height + 1) / 2 : out.frame->height;
-                for (int y = 0; y < h; ++y)
-                    std::fill_n(out.frame->data[p] + y * out.frame->linesize[p],
-                                p ? (out.frame->width + 1) / 2 : out.frame->width,
-                                static_cast<std::uint8_t>(p ? 128 : 16 + (out.next * 8) % 216));
+                const int w = p ? -((-out.frame->width) >> desc->log2_chroma_w) : out.frame->width;
+                const int h =
+                    p ? -((-out.frame->height) >> desc->log2_chroma_h) : out.frame->height;
+                for (int y = 0; y < h; ++y) {
+                    std::uint8_t* row = out.frame->data[p] + y * out.frame->linesize[p];
+                    if (depth > 8)
+                        std::fill_n(reinterpret_cast<std::uint16_t*>(row), w,
+                                    static_cast<std::uint16_t>(level << (depth - 8)));
+                    else
+                        std::fill_n(row, w, static_cast<std::uint8_t>(level));
+                }
             }
             out.frame->pts = out.next++;
         }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,13 @@ struct Video {
     double seconds = 1.0;
     int fps = 25;
     std::string codec = "mpeg4"; // an FFmpeg encoder name: "mpeg4", "libx264", "ffv1" …
+    // Colour pictures: these 8-bit levels (Y, Cb, Cr) in every picture instead of the greys, in
+    // `pixelFormat` (deeper formats get the same levels scaled), tagged with the range and the
+    // matrix ("bt709", "bt601"; empty: untagged).
+    std::optional<std::array<int, 3>> levels = std::nullopt;
+    std::string pixelFormat = "yuv420p";
+    bool fullRange = false;
+    std::string matrix = "";
 };
 
 // The container follows the file extension (wav, flac, mp3, m4a, ogg, opus, mp4, mkv, mov …);

@@ -19,8 +19,14 @@ using namespace std::chrono_literals;
 
 namespace {
 
-int greyAt(const QImage* picture) {
-    return picture ? qGray(picture->pixel(picture->width() / 2, picture->height() / 2)) : -1;
+// A movie's picture as a render draws it.
+QImage imageOf(const MovieFrame* frame) {
+    return frame ? Compositor::imageOf(*frame, {}, PictureDetail::exact) : QImage();
+}
+
+int greyAt(const MovieFrame* frame) {
+    const QImage picture = imageOf(frame);
+    return picture.isNull() ? -1 : qGray(picture.pixel(picture.width() / 2, picture.height() / 2));
 }
 
 } // namespace
@@ -33,7 +39,7 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
     ASSERT_TRUE(MediaFixtures::write(dir.file("movie.mkv"), "pcm_s16le", {}, &video));
     MoviePlayer player(dir.file("movie.mkv"), MoviePlayer::Wait::never);
     auto settled = [&](double seconds) {
-        const QImage* picture = nullptr;
+        const MovieFrame* picture = nullptr;
         for (int tries = 0; tries < 200; ++tries) {
             const auto began = std::chrono::steady_clock::now();
             picture = player.frameAt(seconds);
@@ -55,9 +61,7 @@ TEST(MoviePlayer, ForAScreenNeverWaitsAndSeeksBackAndAhead) {
     const MediaFixtures::Video turned{160, 120, 90.0, 1.0};
     ASSERT_TRUE(MediaFixtures::write(dir.file("turned.mp4"), "aac", {}, &turned));
     MoviePlayer upright(dir.file("turned.mp4"), MoviePlayer::Wait::forPicture);
-    const QImage* picture = upright.frameAt(0.5);
-    ASSERT_NE(picture, nullptr);
-    EXPECT_EQ(picture->size(), QSize(120, 160));
+    EXPECT_EQ(imageOf(upright.frameAt(0.5)).size(), QSize(120, 160));
 
     MoviePlayer missing(dir.file("nothing.mkv"), MoviePlayer::Wait::forPicture);
     EXPECT_EQ(missing.frameAt(0.5), nullptr);
@@ -87,12 +91,11 @@ TEST(MoviePlayer, PicturesOfAwkwardSizesComeOutWhole) {
         ASSERT_TRUE(MediaFixtures::write(dir.file(row.file), "pcm_s16le", {}, &video));
         MoviePlayer player(dir.file(row.file), MoviePlayer::Wait::forPicture);
         for (int n : {0, 3, 7}) {
-            const QImage* picture = player.frameAt((n + 0.5) / 25.0); // mid-picture
-            ASSERT_NE(picture, nullptr);
-            ASSERT_EQ(picture->size(), QSize(row.width, row.height));
+            const QImage picture = imageOf(player.frameAt((n + 0.5) / 25.0)); // mid-picture
+            ASSERT_EQ(picture.size(), QSize(row.width, row.height));
             // Both ends of the last row: a wrong stride shears the picture.
             for (const QPoint at : {QPoint(0, 0), QPoint(row.width - 1, row.height - 1)})
-                EXPECT_NEAR(qGray(picture->pixel(at)), MediaFixtures::pictureGrey(n), 4.0) << n;
+                EXPECT_NEAR(qGray(picture.pixel(at)), MediaFixtures::pictureGrey(n), 4.0) << n;
         }
         EXPECT_FALSE(player.failed());
     }
@@ -181,7 +184,8 @@ TEST(Compositor, FitFillAndStretchPlaceA4To3PictureInA16To9Output) {
     blue.fill(Qt::blue);
     QImage target(16, 16, QImage::Format_RGB32);
     QPainter painter(&target);
-    Compositor::draw(painter, target.rect(), {{&blue, 7e6, 0.5}, {&red, 2e6, 1.0}},
+    Compositor::draw(painter, target.rect(),
+                     {{&blue, nullptr, 7e6, 0.5}, {&red, nullptr, 2e6, 1.0}},
                      {PictureFit::stretch, Qt::white});
     painter.end();
     const QColor mixed = target.pixelColor(8, 8);
