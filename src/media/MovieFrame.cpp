@@ -6,6 +6,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 
@@ -86,7 +87,49 @@ bool scale(const std::uint8_t* const source[4], const int sourceStrides[4], int 
     return rows > 0;
 }
 
+// 4:4:4 levels to RGBA, by the same sums as a surface's shader.
+void toRgb(std::uint8_t* const planes[4], int stride, int width, int height,
+           const MovieColour& colour, std::uint8_t* out, int outStride) {
+    const std::array<double, 9> m = colour.toRgb();
+    const std::array<double, 3> offset = colour.offsets();
+    const auto level = [](double v) {
+        return static_cast<std::uint8_t>(std::clamp(v, 0.0, 255.0) + 0.5);
+    };
+    for (int row = 0; row < height; ++row) {
+        const std::uint8_t* y = planes[0] + row * stride;
+        const std::uint8_t* cb = planes[1] + row * stride;
+        const std::uint8_t* cr = planes[2] + row * stride;
+        std::uint8_t* rgba = out + row * outStride;
+        for (int x = 0; x < width; ++x, rgba += 4) {
+            const double l = y[x] - offset[0], b = cb[x] - offset[1], r = cr[x] - offset[2];
+            rgba[0] = level(m[0] * l + m[1] * b + m[2] * r);
+            rgba[1] = level(m[3] * l + m[4] * b + m[5] * r);
+            rgba[2] = level(m[6] * l + m[7] * b + m[8] * r);
+            rgba[3] = 255;
+        }
+    }
+}
+
 } // namespace
+
+std::array<double, 9> MovieColour::toRgb() const {
+    const double kg = 1.0 - kr - kb;
+    const double luma = fullRange ? 1.0 : 255.0 / 219.0;
+    const double chroma = fullRange ? 1.0 : 255.0 / 224.0;
+    return {luma,
+            0.0,
+            2.0 * (1.0 - kr) * chroma,
+            luma,
+            -2.0 * kb * (1.0 - kb) / kg * chroma,
+            -2.0 * kr * (1.0 - kr) / kg * chroma,
+            luma,
+            2.0 * (1.0 - kb) * chroma,
+            0.0};
+}
+
+std::array<double, 3> MovieColour::offsets() const {
+    return {fullRange ? 0.0 : 16.0, 128.0, 128.0};
+}
 
 struct MovieFrame::Pixels {
     AVFrame* source = nullptr; // a reference to the decoder's picture (yuv only)
@@ -223,10 +266,26 @@ std::optional<RgbaPixels> MovieFrame::toRgba(int width, int height) const {
     std::uint8_t* targets[4] = {out.data.get(), nullptr, nullptr, nullptr};
     const int strides[4] = {out.stride, 0, 0, 0};
     bool converted = false;
-    if (pixels.source) {
+    const auto format =
+        pixels.source ? static_cast<AVPixelFormat>(pixels.source->format) : AV_PIX_FMT_NONE;
+    if (pixels.source && width == pixels.width && height == pixels.height) {
         converted = scale(pixels.source->data, pixels.source->linesize, pixels.width, pixels.height,
-                          static_cast<AVPixelFormat>(pixels.source->format), targets, strides,
-                          width, height, AV_PIX_FMT_RGBA, pixels.swsSpace, pixels.colour.fullRange);
+                          format, targets, strides, width, height, AV_PIX_FMT_RGBA, pixels.swsSpace,
+                          pixels.colour.fullRange);
+    } else if (pixels.source) {
+        // Reduced in YUV first, then converted here at the small size: swscale's conversions
+        // that scale, or start from 4:4:4, are off by up to 3 levels.
+        const int stride = strideFor(width);
+        const std::size_t bytes = bytesFor(width, height);
+        const std::shared_ptr<std::uint8_t[]> small(allocatePixels(bytes * 3), freePixels);
+        std::uint8_t* planes[4] = {small.get(), small.get() + bytes, small.get() + 2 * bytes,
+                                   nullptr};
+        const int planeStrides[4] = {stride, stride, stride, 0};
+        converted = scale(pixels.source->data, pixels.source->linesize, pixels.width, pixels.height,
+                          format, planes, planeStrides, width, height, AV_PIX_FMT_YUV444P,
+                          pixels.swsSpace, pixels.colour.fullRange);
+        if (converted)
+            toRgb(planes, stride, width, height, pixels.colour, out.data.get(), out.stride);
     } else {
         const std::uint8_t* sources[4] = {pixels.planes[0].data, nullptr, nullptr, nullptr};
         const int sourceStrides[4] = {pixels.planes[0].stride, 0, 0, 0};

@@ -15,6 +15,12 @@ struct MovieColour {
     // The matrix's weights of red and blue in luma (BT.709's here; BT.601: 0.299 and 0.114).
     double kr = 0.2126;
     double kb = 0.0722;
+
+    // RGB = toRgb · (levels − offsets), row by row; in levels (0…255) or in fractions of 255
+    // alike. Luma and colour are scaled from their range, then R = Y + 2(1−Kr)·Cr,
+    // B = Y + 2(1−Kb)·Cb, and G takes what remains.
+    std::array<double, 9> toRgb() const;
+    std::array<double, 3> offsets() const;
 };
 
 // 8-bit RGBA rows `stride` bytes apart, in a buffer that swscale may write whole aligned blocks

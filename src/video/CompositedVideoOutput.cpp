@@ -167,6 +167,7 @@ void CompositedVideoOutput::watch() {
 }
 
 void CompositedVideoOutput::redraw() {
+    m_composed.reset();
     for (const auto& surface : m_surfaces)
         surface->wake();
 }
@@ -278,6 +279,7 @@ void CompositedVideoOutput::stop(VideoCue& cue, double fade) {
     if (!movie || movie->stopping || movie->finished)
         return;
     movie->stopping = true;
+    m_composed.reset();
     if (movie->started && fade > 0.0) {
         movie->finishAt = m_clock() + HostTime::secondsToTicks(fade);
         movie->fadeOut = fade;
@@ -331,12 +333,14 @@ bool CompositedVideoOutput::seek(VideoCue& cue, double seconds, std::uint64_t ho
     if (!movie || !movie->started || movie->finished)
         return false;
     // The fades keep counting from the first picture; the pictures from the new place.
+    m_composed.reset();
     movie->playAt(hostTime, seconds);
     movie->endReported = false;
     return true;
 }
 
 void CompositedVideoOutput::poll() {
+    m_composed.reset();
     const std::uint64_t now = m_clock();
     // Callbacks may start or stop cues: walk a copy.
     const auto movies = m_movies;
@@ -393,6 +397,8 @@ void CompositedVideoOutput::poll() {
 
 std::vector<CompositorLayer> CompositedVideoOutput::compose(std::uint64_t now,
                                                             const std::optional<QString>& output) {
+    if (m_composed && m_composed->now == now && m_composed->output == output)
+        return m_composed->layers;
     std::vector<CompositorLayer> layers;
     for (const auto& movie : m_movies) {
         if (movie->finished || !movie->started || !showsOn(movie->outputs, output))
@@ -420,6 +426,7 @@ std::vector<CompositorLayer> CompositedVideoOutput::compose(std::uint64_t now,
             {&image.picture, nullptr, image.cue->z,
              opacityAt(image.shownAt, image.fadeIn, image.finishAt, image.fadeOut, now)});
     }
+    m_composed = Composed{now, output, layers};
     return layers;
 }
 

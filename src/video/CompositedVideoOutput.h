@@ -121,4 +121,13 @@ private:
     QStringList m_outputs;
     std::optional<int> m_surfacesFor; // the instance number, once surfaces are enabled
     std::vector<std::unique_ptr<OutputSurface>> m_surfaces;
+    // The last layers composed: a surface asks for the scene's key and then draws it at the same
+    // moment, and the pictures are taken from their players once.
+    struct Composed {
+        std::uint64_t now = 0;
+        std::optional<QString> output;
+        std::vector<CompositorLayer> layers;
+    };
+    std::optional<Composed> m_composed; // dropped whenever a cue changes
 };
+

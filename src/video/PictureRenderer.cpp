@@ -76,23 +76,11 @@ std::unique_ptr<QOpenGLShaderProgram> program(const char* fragment) {
     return built;
 }
 
-// From levels (0…1 of 255) to RGB: luma and colour scaled to their range, then the matrix.
 QMatrix3x3 toRgb(const MovieColour& colour) {
-    const double kr = colour.kr, kb = colour.kb, kg = 1.0 - kr - kb;
-    const double luma = colour.fullRange ? 1.0 : 255.0 / 219.0;
-    const double chroma = colour.fullRange ? 1.0 : 255.0 / 224.0;
-    const double rows[9] = {1.0,
-                            0.0,
-                            2.0 * (1.0 - kr),
-                            1.0,
-                            -2.0 * kb * (1.0 - kb) / kg,
-                            -2.0 * kr * (1.0 - kr) / kg,
-                            1.0,
-                            2.0 * (1.0 - kb),
-                            0.0};
+    const std::array<double, 9> rows = colour.toRgb();
     float values[9];
-    for (int n = 0; n < 9; ++n)
-        values[n] = static_cast<float>(rows[n] * (n % 3 == 0 ? luma : chroma));
+    std::transform(rows.begin(), rows.end(), values,
+                   [](double value) { return static_cast<float>(value); });
     return QMatrix3x3(values);
 }
 
@@ -253,8 +241,10 @@ void PictureRenderer::draw(std::vector<CompositorLayer> layers, const Compositor
         if (yuv) {
             const MovieColour& colour = layer.frame->colour();
             shader->setUniformValue("toRgb", toRgb(colour));
-            shader->setUniformValue("offset", QVector3D(colour.fullRange ? 0.0f : 16.0f / 255.0f,
-                                                        128.0f / 255.0f, 128.0f / 255.0f));
+            const std::array<double, 3> offsets = colour.offsets();
+            shader->setUniformValue("offset", QVector3D(static_cast<float>(offsets[0] / 255.0),
+                                                        static_cast<float>(offsets[1] / 255.0),
+                                                        static_cast<float>(offsets[2] / 255.0)));
         } else {
             shader->setUniformValue("premultiplied", layer.frame ? 0.0f : 1.0f);
         }

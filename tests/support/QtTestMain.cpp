@@ -1,11 +1,17 @@
-// GoogleTest main for suites that use Qt: a QCoreApplication, or, built with VORLIN_TEST_WIDGETS,
-// a QApplication on the offscreen platform (no display needed). Preferences and data live in a
+// GoogleTest main for suites that use Qt: a QCoreApplication; built with VORLIN_TEST_WIDGETS,
+// a QApplication on the offscreen platform (no display needed); built with VORLIN_TEST_DISPLAY,
+// a QGuiApplication on a virtual X server of its own with two displays, for OpenGL surfaces. Preferences and data live in a
 // fresh folder per test process, so no test reads or writes the user's own settings or another
 // test's, and the updater's feed is a closed local port. (Qt's own test mode is not used: it
 // sends every process to one shared folder.)
-#ifdef VORLIN_TEST_WIDGETS
+#if defined(VORLIN_TEST_WIDGETS)
 #include <QApplication>
 using TestApplication = QApplication;
+#elif defined(VORLIN_TEST_DISPLAY)
+#include <QGuiApplication>
+
+#include "VirtualDisplay.h"
+using TestApplication = QGuiApplication;
 #else
 #include <QCoreApplication>
 using TestApplication = QCoreApplication;
@@ -27,6 +33,12 @@ int main(int argc, char** argv) {
 #ifdef VORLIN_TEST_WIDGETS
     setenv("QT_QPA_PLATFORM", "offscreen", 1);
     setenv("JACK_DEFAULT_SERVER", "vorlin-no-such-server", 1);
+#endif
+#ifdef VORLIN_TEST_DISPLAY
+    // The server must be there before Qt connects to it.
+    VirtualDisplay display({"1280x720x24", "640x360x24"});
+    setenv("DISPLAY", display.name().toLocal8Bit().constData(), 1);
+    setenv("QT_QPA_PLATFORM", "xcb", 1);
 #endif
     TestApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
