@@ -34,6 +34,7 @@ public:
     VirtualDisplay& operator=(const VirtualDisplay&) = delete;
 
     const QString& name() const { return m_name; }
+    qint64 pid() const { return m_server.processId(); }
 
 private:
     QString m_name;
