@@ -248,11 +248,21 @@ void PictureRenderer::draw(std::vector<CompositorLayer> layers, const Compositor
         } else {
             shader->setUniformValue("premultiplied", layer.frame ? 0.0f : 1.0f);
         }
+        const QRectF at = Compositor::placement(layer.size(), whole, look.fit);
+        // A picture drawn pixel for pixel (a movie of the output's own size, upright) samples
+        // its full-size plane without filtering: the same pixels, and a software OpenGL spends
+        // much of a frame filtering.
+        const QRectF pixelsAt(at.topLeft() * ratio, at.size() * ratio);
+        const bool oneToOne = (!layer.frame || layer.frame->rotation == 0) &&
+                              pixelsAt.size() == QSizeF(upload->sizes[0]) &&
+                              pixelsAt.topLeft() == pixelsAt.topLeft().toPoint();
         for (int n = upload->planes - 1; n >= 0; --n) {
             gl->glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(n));
             gl->glBindTexture(GL_TEXTURE_2D, upload->textures[n]);
+            const GLint filter = n == 0 && oneToOne ? GL_NEAREST : GL_LINEAR;
+            gl->glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, filter);
+            gl->glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, filter);
         }
-        const QRectF at = Compositor::placement(layer.size(), whole, look.fit);
         const GLfloat x0 = static_cast<GLfloat>(at.left() * ratio);
         const GLfloat y0 = static_cast<GLfloat>(at.top() * ratio);
         const GLfloat x1 = static_cast<GLfloat>(at.right() * ratio);
