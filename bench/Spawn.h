@@ -8,15 +8,23 @@
 
 extern char** environ;
 
-// Runs a program found on PATH with `args` (args[0] is its name) and waits for it: whether it
-// exited with status 0. The benchmarks' references (ffmpeg, pdftoppm) and fixture makers.
-inline bool spawn(const std::vector<const char*>& args) {
+// Starts a program found on PATH with `args` (args[0] is its name): its pid, or -1.
+inline pid_t startProgram(const std::vector<const char*>& args) {
     std::vector<char*> argv;
     for (const char* arg : args)
         argv.push_back(const_cast<char*>(arg));
     argv.push_back(nullptr);
     pid_t pid = 0;
     if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+        return -1;
+    return pid;
+}
+
+// Runs it and waits for it: whether it exited with status 0. The benchmarks' references
+// (ffmpeg, pdftoppm, mpv) and fixture makers.
+inline bool spawn(const std::vector<const char*>& args) {
+    const pid_t pid = startProgram(args);
+    if (pid < 0)
         return false;
     int status = 0;
     waitpid(pid, &status, 0);
@@ -26,12 +34,8 @@ inline bool spawn(const std::vector<const char*>& args) {
 // The same, for its CPU seconds (user and system, its children's included), or -1 when it
 // failed.
 inline double spawnCpu(const std::vector<const char*>& args) {
-    std::vector<char*> argv;
-    for (const char* arg : args)
-        argv.push_back(const_cast<char*>(arg));
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+    const pid_t pid = startProgram(args);
+    if (pid < 0)
         return -1.0;
     int status = 0;
     rusage usage{};
@@ -42,7 +46,7 @@ inline double spawnCpu(const std::vector<const char*>& args) {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// The same, timed: seconds from start to exit, or -1 when it failed.
+// Runs it and waits for it, timed: seconds from start to exit, or -1 when it failed.
 inline double timedSpawn(const std::vector<const char*>& args) {
     const auto start = std::chrono::steady_clock::now();
     if (!spawn(args))

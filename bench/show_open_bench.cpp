@@ -87,14 +87,11 @@ double decodeWithFfmpeg(const std::vector<std::string>& files) {
         targets.push_back((out / (std::to_string(n) + ".f32")).string());
     while (next < files.size() || running > 0) {
         if (next < files.size() && running < 2) {
-            std::vector<char*> argv;
-            for (const char* arg : {"ffmpeg", "-v", "error", "-nostdin", "-i", files[next].c_str(),
-                                    "-af", "aresample=48000:resampler=soxr:precision=28", "-f",
-                                    "f32le", "-y", targets[next].c_str()})
-                argv.push_back(const_cast<char*>(arg));
-            argv.push_back(nullptr);
-            pid_t pid = 0;
-            if (posix_spawnp(&pid, "ffmpeg", nullptr, nullptr, argv.data(), environ) != 0)
+            const pid_t pid =
+                startProgram({"ffmpeg", "-v", "error", "-nostdin", "-i", files[next].c_str(), "-af",
+                              "aresample=48000:resampler=soxr:precision=28", "-f", "f32le", "-y",
+                              targets[next].c_str()});
+            if (pid < 0)
                 return -1.0;
             ++running;
             ++next;
