@@ -316,6 +316,19 @@ TEST(Seek, MovieAndItsSoundResumeTogetherATenthOfASecondLater) {
     const double due = std::floor(cue->video->progress() * cue->video->duration() * 25.0 + 1e-6);
     EXPECT_NEAR(qGray(picture.pixel(80, 60)), MediaFixtures::pictureGrey(static_cast<int>(due)),
                 4.0);
+
+    // Asked before the picture is under way, a seek moves neither: the sound still waits for
+    // the picture's start and plays with it from the beginning.
+    stage.model.stopAll(true);
+    stage.run(0.1);
+    stage.press(kS);
+    stage.model.seek(stage.engine().cues().back()->id, 0.6);
+    stage.run(0.3);
+    const ActiveCuePtr early = stage.engine().cues().back();
+    const CueRow earlyRow = stage.model.live().cues().back();
+    ASSERT_TRUE(earlyRow.position);
+    EXPECT_LT(*earlyRow.position, 0.3);
+    EXPECT_NEAR(*earlyRow.position, early->video->progress(), 0.05);
 }
 
 // Where `expected` first appears in `out` at or after `from` (within `within` frames), or -1.
