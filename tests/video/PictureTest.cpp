@@ -220,6 +220,7 @@ TEST(VideoOutput, LoopHoldAtEndAndStopWithAFade) {
     looped.fadeIn = 0.5;
     looped.onEnd = [&] { ++loopEnds; };
     const auto loop = output.play(looped);
+    EXPECT_EQ(loop->progress(), 0.0); // not under way yet
     at(1.0); // started: its time 0 is at 1.08 s
     EXPECT_NEAR(at(1.08 + 0.25 + 0.001), MediaFixtures::pictureGrey(6) * 0.5, 4.0);
     // Round again: picture 10 at full opacity (the fade-in is not played again).
