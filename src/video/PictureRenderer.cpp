@@ -96,11 +96,11 @@ struct PictureRenderer::Upload {
     bool filled = false; // storage allocated: a new picture of the same shape replaces pixels
 };
 
-PictureRenderer::PictureRenderer() : m_yuv(program(kYuv)), m_rgba(program(kRgba)) {
-    const QOpenGLContext* context = QOpenGLContext::currentContext();
-    const QSurfaceFormat format = context->format();
+PictureRenderer::PictureRenderer()
+    : m_context(QOpenGLContext::currentContext()), m_yuv(program(kYuv)), m_rgba(program(kRgba)) {
+    const QSurfaceFormat format = m_context->format();
     m_singleChannelRed = format.profile() == QSurfaceFormat::CoreProfile ||
-                         (context->isOpenGLES() && format.majorVersion() >= 3);
+                         (m_context->isOpenGLES() && format.majorVersion() >= 3);
     for (auto* built : {m_yuv.get(), m_rgba.get()}) {
         if (!built)
             continue;
@@ -114,10 +114,11 @@ PictureRenderer::PictureRenderer() : m_yuv(program(kYuv)), m_rgba(program(kRgba)
 }
 
 PictureRenderer::~PictureRenderer() {
-    QOpenGLContext* context = QOpenGLContext::currentContext();
-    if (!context)
-        return; // the context's end frees them
-    auto* gl = context->functions();
+    // Texture names belong to their context: with another one current (or none) they are left
+    // to their own context's end.
+    if (QOpenGLContext::currentContext() != m_context)
+        return;
+    auto* gl = m_context->functions();
     for (const auto& upload : m_uploads)
         gl->glDeleteTextures(upload->planes, upload->textures.data());
 }

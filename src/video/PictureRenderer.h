@@ -8,6 +8,7 @@
 
 #include "video/Compositor.h"
 
+class QOpenGLContext;
 class QOpenGLShaderProgram;
 
 // Draws what an output shows with OpenGL into the framebuffer bound now: the background, then
@@ -40,6 +41,7 @@ private:
     Upload* uploadFor(const CompositorLayer& layer, std::vector<std::unique_ptr<Upload>>& kept);
     void fill(Upload& upload, const CompositorLayer& layer);
 
+    QOpenGLContext* m_context = nullptr; // the one it was made in
     std::unique_ptr<QOpenGLShaderProgram> m_yuv;
     std::unique_ptr<QOpenGLShaderProgram> m_rgba;
     bool m_singleChannelRed = false; // GL_RED textures (a core profile); else GL_LUMINANCE
