@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "TempDir.h"
+#include "Wait.h"
 #include "app/InstanceLock.h"
 #include "app/KeyCodeMap.h"
 #include "model/KeyboardLayout.h"
@@ -148,8 +149,7 @@ TEST(DemoShow, IsMadeOnceAndPlaysFromTheFirstPress) {
     ASSERT_EQ(model.document().pages.size(), 2u);
     EXPECT_EQ(model.document().pages[1].name, "第二部");
     EXPECT_EQ(model.document().assignments.size(), 4u);
-    while (model.media().pending() > 0)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    ASSERT_TRUE(Wait::until([&] { return model.media().pending() == 0; }, 20000));
     const MediaInfo* bell = model.media().infoFor(model.document().assignments.at(0));
     ASSERT_TRUE(bell && bell->clip);
     EXPECT_GT(*std::max_element(bell->clip->peaks.begin(), bell->clip->peaks.end()), 0.3f);

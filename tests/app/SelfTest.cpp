@@ -42,6 +42,7 @@
 
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
+#include "Wait.h"
 #include "XInput.h"
 #include "app/CueListView.h"
 #include "app/DeckPanel.h"
@@ -76,18 +77,8 @@ struct Log {
     }
 };
 
-void waitFor(int milliseconds) {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < milliseconds)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-}
-
 void waitForMedia(AppModel& model) {
-    QElapsedTimer timer;
-    timer.start();
-    while (model.media().pending() > 0 && timer.elapsed() < 20000)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    Wait::until([&] { return model.media().pending() == 0; }, 20000);
 }
 
 // A key as the keyboard sends it, through the application's event filters.
@@ -212,7 +203,7 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
         press(window, code, true);
         press(window, code, false);
     }
-    waitFor(600);
+    Wait::pump(600);
     const QImage image = grab(window);
 
     KeyboardView& keyboard = window.keyboard();
@@ -250,7 +241,7 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
 
     // The same meters by source: the playing keys' channels, grouped under their labels.
     meters.setShowsSources(true);
-    waitFor(100);
+    Wait::pump(100);
     const QImage sourcesShot = grab(window);
     sourcesShot.save(QFileInfo(file).dir().filePath("meters-by-source.png"));
     const QRect panel(0, 0, meters.width(), first.top());
@@ -267,7 +258,7 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
     model.status().show(QString());
     model.document().selectedKey = 1;
     emit model.cueEngine().selectedKeyChanged();
-    waitFor(100);
+    Wait::pump(100);
     const QImage detailShot = grab(window); // the artefact: the drone in the detail panel
     log.check(detailShot.save(file), "the window is saved to " + file);
     auto* title = window.detail().findChild<QLineEdit*>("title");
@@ -282,7 +273,7 @@ void checkScreenshot(AppModel& model, MainWindow& window, const QString& file,
     log.check(bad.isEmpty(), "every text of the window has its glyphs: " + bad.join(" | "));
 
     window.showSettings();
-    waitFor(300);
+    Wait::pump(300);
     QWidget& settings = *window.settingsWindow();
     const QString settingsFile = QFileInfo(file).dir().filePath("settings-window.png");
     log.check(grab(settings).save(settingsFile), "the settings window is saved to " + settingsFile);
@@ -363,7 +354,7 @@ void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
     if (!toggle)
         return log.check(false, "the menu has 映像出力を開く／閉じる");
     toggle->trigger();
-    waitFor(400);
+    Wait::pump(400);
     const auto isOutputWindow = [](QWindow* window) {
         return window->title() == QStringLiteral("映像出力 #1");
     };
@@ -377,13 +368,13 @@ void checkOutputWindow(AppModel& model, MainWindow& window, const QString& shot,
     press(window, kMovieKey, false);
     log.check(model.isRunning(kMovieKey), "a key press still reaches the show");
     log.check(QGuiApplication::focusWindow() != output, "the output window leaves the keys alone");
-    waitFor(700);
+    Wait::pump(700);
     const QImage frame =
         checkShowsMovie(*output, shot, "output-window.png", "the output window", log);
     log.check(!frame.isNull() && qGray(frame.pixel(4, frame.height() / 2)) == 0,
               "a 4:3 movie in the 16:9 window has black bars");
     toggle->trigger();
-    waitFor(200);
+    Wait::pump(200);
     log.check(!model.video().isShowing() && !anyVisible(isOutputWindow),
               "the same entry closes it");
 }
@@ -414,7 +405,7 @@ void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& sho
     log.check(!second->text().contains(QStringLiteral("※操作画面")),
               "display 2 is not marked as the main window's");
     second->trigger();
-    waitFor(500);
+    Wait::pump(500);
     QScreen* target = ScreenList::qtScreens().value(1);
     const auto onTarget = [target](QWindow* window) { return window->screen() == target; };
     OutputSurface* surface = exposedSurface(onTarget);
@@ -436,17 +427,17 @@ void checkDisplaySurface(AppModel& model, MainWindow& window, const QString& sho
     log.check(model.isRunning(kMovieKey), "a key press on the main window starts the movie");
     log.check(QGuiApplication::focusWindow() != surface,
               "the display surface leaves the keys alone");
-    waitFor(500);
+    Wait::pump(500);
     // A 25 fps movie: a frame per new picture, not one per refresh of the display.
     const std::int64_t before = surface->framesDrawn();
-    waitFor(1000);
+    Wait::pump(1000);
     const std::int64_t frames = surface->framesDrawn() - before;
     log.check(frames >= 20 && frames <= 30,
               QString("the surface draws each new picture and nothing more (%1 frames in 1 s)")
                   .arg(frames));
     checkShowsMovie(*surface, shot, "display-surface.png", "display 2", log);
     second->trigger(); // unchecked: the display is no longer wanted
-    waitFor(300);
+    Wait::pump(300);
     log.check(!anyVisible(onTarget), "unchoosing display 2 closes its surface");
 }
 
@@ -465,7 +456,7 @@ void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, co
     waitForMedia(model);
     // Clear of the layout's own minimum, so the width given back is exactly the one taken.
     window.resize(window.minimumSizeHint().width() + 60, window.height());
-    waitFor(100);
+    Wait::pump(100);
     const int closedWidth = window.width();
     DeckPanel* panel = window.findChild<DeckPanel*>();
     QPushButton* open = nullptr;
@@ -478,10 +469,10 @@ void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, co
     for (KeyCode code : {kList, kSlides}) {
         model.document().selectedKey = code;
         emit model.cueEngine().selectedKeyChanged();
-        waitFor(50);
+        Wait::pump(50);
         open->click();
     }
-    waitFor(1500); // thumbnails are made on pool threads
+    Wait::pump(1500); // thumbnails are made on pool threads
     log.check(panel->isVisible() && panel->tabs().count() == 2 &&
                   window.width() == closedWidth + DeckPanel::kWidth,
               QString("two tabs open and the window grew by %1 px (%2 → %3)")
@@ -496,12 +487,12 @@ void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, co
     press(window, kSlides, false);
     press(window, kSlides, true);
     press(window, kSlides, false);
-    waitFor(300);
+    Wait::pump(300);
     log.check(items.count() == 3 && items.item(1)->text().startsWith(QStringLiteral("▶")) &&
                   !items.item(0)->text().startsWith(QStringLiteral("▶")),
               "two presses: the second slide is marked live");
     model.video().hide(); // the output window the slides opened would cover the panel
-    waitFor(100);
+    Wait::pump(100);
     const QString file = QFileInfo(shot).dir().filePath("deck-panel.png");
     log.check(grab(window).save(file), "the window with the deck panel is saved to " + file);
     const QStringList bad = textsWithMissingGlyphs(*panel);
@@ -509,7 +500,7 @@ void checkDeckPanel(AppModel& model, MainWindow& window, const QString& shot, co
     model.stopAll(true);
     while (panel->tabs().count() > 0)
         emit panel->tabs().tabCloseRequested(0);
-    waitFor(200);
+    Wait::pump(200);
     // Back to where it was, unless what the detail panel shows now needs more.
     const int expected = std::max(closedWidth, window.minimumSizeHint().width());
     log.check(!panel->isVisible() && window.width() == expected,
@@ -814,15 +805,6 @@ void checkUndo(AppModel& model, MainWindow& window, Log& log) {
     XInput::key("Escape");
 }
 
-// Polls the event loop until `done` or `ms` passed; whether it came.
-bool waitUntil(const std::function<bool()>& done, int ms) {
-    QElapsedTimer waited;
-    waited.start();
-    while (!done() && waited.elapsed() < ms)
-        XInput::settle(50);
-    return done();
-}
-
 // Whether the show file at `path` has something on `code` on its current page.
 bool savedHas(const QString& path, KeyCode code) {
     QFile file(path);
@@ -856,7 +838,7 @@ void typeIntoOpenPanel(const QString& file, Log& log) {
     });
     poll.start();
     XInput::key("i", true);
-    waitUntil([&] { return typed; }, 5000);
+    Wait::until([&] { return typed; }, 5000);
     XInput::settle(500);
     log.check(typed, "Ctrl+I opens the panel for the selected key (" + seen + "), " + file +
                          " typed into it");
@@ -932,7 +914,7 @@ void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& 
     QProcess program;
     program.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     program.start(QStringLiteral(VORLIN_EXECUTABLE), {show});
-    if (!waitUntil(mainWindowActive, 15000)) {
+    if (!Wait::until(mainWindowActive, 15000)) {
         log.check(false, "the program started as typed shows its window (" +
                              XInput::activeWindowTitle() + ")");
         program.kill();
@@ -941,7 +923,7 @@ void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& 
     }
     XInput::key("z");
     typeIntoOpenPanel(sound, log);
-    log.check(waitUntil([&] { return QFile::exists(copy); }, 6000),
+    log.check(Wait::until([&] { return QFile::exists(copy); }, 6000),
               "an edit not saved is in the recovery copy within seconds");
     ::kill(static_cast<pid_t>(program.processId()), SIGKILL);
     program.waitForFinished();
@@ -950,7 +932,7 @@ void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& 
     // Started again with the show lock preferred: restoring and saving are not edits.
     Prefs::setValue(Prefs::kStartLocked, true);
     program.start(QStringLiteral(VORLIN_EXECUTABLE), {show});
-    const bool offered = waitUntil(
+    const bool offered = Wait::until(
         [] {
             const QString title = XInput::activeWindowTitle();
             return !title.isEmpty() && !title.startsWith(QStringLiteral("Vorlin #"));
@@ -958,11 +940,11 @@ void checkRecoveryAfterKill(AppModel& model, MainWindow& window, const QString& 
         15000);
     log.check(offered, "started again, it offers to restore (" + XInput::activeWindowTitle() + ")");
     XInput::key("Return");
-    waitUntil(mainWindowActive, 5000);
+    Wait::until(mainWindowActive, 5000);
     XInput::key("s", true);
-    log.check(waitUntil([&] { return savedHas(show, z); }, 3000),
+    log.check(Wait::until([&] { return savedHas(show, z); }, 3000),
               "Return restores the edit and Ctrl+S writes it to the show's own file");
-    log.check(waitUntil([&] { return !QFile::exists(copy); }, 3000),
+    log.check(Wait::until([&] { return !QFile::exists(copy); }, 3000),
               "and the recovery copy is gone once saved");
     Prefs::remove(Prefs::kStartLocked);
     XInput::key("x");
@@ -990,7 +972,7 @@ int run(AppModel& model, MainWindow& window) {
     QTemporaryDir scratch; // the generated show and its sounds
     const QString folder = scratch.path() + "/Demo";
     window.show();
-    waitFor(100);
+    Wait::pump(100);
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_LAYOUT"))
         checkLayout(window, log);
     if (qEnvironmentVariableIsSet("VORLIN_SELFTEST_SCREENSHOT")) {

@@ -24,6 +24,7 @@
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "app/KeyInput.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
@@ -335,14 +336,12 @@ TEST_F(Window, SettingsShowEveryPreferenceInOrderAndStoreChangesAtOnce) {
     // Slides are converted by LibreOffice here: the row names it and its version.
     auto* converter = qobject_cast<QLabel*>(fieldFor("pptx の変換"));
     ASSERT_NE(converter, nullptr);
-    QElapsedTimer waited;
-    waited.start();
-    while (
-        !converter->text().contains(QRegularExpression("^LibreOffice \\d+\\.\\d+ で変換します$")) &&
-        waited.elapsed() < 10000)
-        QApplication::processEvents(QEventLoop::AllEvents, 50);
-    EXPECT_TRUE(
-        converter->text().contains(QRegularExpression("^LibreOffice \\d+\\.\\d+ で変換します$")))
+    EXPECT_TRUE(Wait::until(
+        [&] {
+            return converter->text().contains(
+                QRegularExpression("^LibreOffice \\d+\\.\\d+ で変換します$"));
+        },
+        10000))
         << converter->text().toStdString();
     auto* fadeOut = qobject_cast<QDoubleSpinBox*>(fieldFor("フェード OUT"));
     fadeOut->setValue(2.5);
@@ -397,10 +396,7 @@ TEST_F(Window, TheDetailsSayWhatAKeyHolds) {
     model.document().assignments[5] = KeyAssignment(pdf, 5);
     for (const KeyCode code : {4, 5})
         model.media().loadMedia(model.document().assignments.at(code), false);
-    QElapsedTimer waited;
-    waited.start();
-    while (model.media().pending() > 0 && waited.elapsed() < 20000)
-        QApplication::processEvents(QEventLoop::AllEvents, 20);
+    Wait::until([&] { return model.media().pending() == 0; }, 20000);
     auto* waveform = window->findChild<WaveformView*>();
     ASSERT_NE(waveform, nullptr);
     const auto shown = [&](KeyCode code) {
@@ -450,23 +446,17 @@ TEST_F(Window, AMoviePlaysInTheMonitorView) {
 
     send(QEvent::KeyPress, Qt::Key_D, KEY_D);
     send(QEvent::KeyRelease, Qt::Key_D, KEY_D);
-    auto wait = [](int milliseconds) {
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < milliseconds)
-            QApplication::processEvents(QEventLoop::AllEvents, 5);
-    };
     auto greyAt = [&](int x) {
         QApplication::processEvents();
         return qGray(monitor->grab().toImage().pixel(x, 90));
     };
     int first = 0;
     for (int i = 0; i < 100 && first < 9; ++i) { // picture 1 and later are not black
-        wait(20);
+        Wait::pump(20);
         first = greyAt(160);
     }
     EXPECT_GE(first, 9);
-    wait(400);
+    Wait::pump(400);
     EXPECT_GT(greyAt(160), first); // later pictures are lighter
     EXPECT_EQ(greyAt(20), 0);      // the bar beside a fitted 4:3 picture
 }
@@ -515,10 +505,7 @@ TEST_F(Window, TheOutputMenuListsTheWindowAndTheDisplays) {
         return shown;
     };
     EXPECT_EQ(numbers(), 1);
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ScreenIdentifier::kShownMilliseconds + 300)
-        QApplication::processEvents(QEventLoop::AllEvents, 20);
+    Wait::pump(ScreenIdentifier::kShownMilliseconds + 300);
     EXPECT_EQ(numbers(), 0);
 }
 

@@ -3,8 +3,9 @@
 // clang-format off
 // Qt first: Xlib's macros (Bool, Status, KeyPress …) break Qt's headers.
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QWidget>
+
+#include "Wait.h"
 
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
@@ -31,10 +32,7 @@ bool available() {
 }
 
 void settle(int ms) {
-    QElapsedTimer waited;
-    waited.start();
-    while (waited.elapsed() < ms)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    Wait::pump(ms);
 }
 
 void click(QWidget* widget, QPoint where) {

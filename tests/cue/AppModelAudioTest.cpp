@@ -14,6 +14,7 @@
 #include "JackServer.h"
 #include "SignalMeasure.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "cue/AppModel.h"
 #include "device/AudioDeviceList.h"
 #include "device/JackBackend.h"
@@ -23,18 +24,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr KeyCode kA = 0;
-
-// Lets queued calls (configuration notices) and timers run while waiting.
-template <typename Predicate> bool pump(Predicate done, std::chrono::milliseconds limit = 5000ms) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        std::this_thread::sleep_for(2ms);
-    }
-    return true;
-}
 
 // A key playing a 1 kHz sine at half scale on output 3.
 void addToneKey(AppModel& model) {
@@ -86,7 +75,7 @@ TEST(ModelOnJack, AKeyPressPlaysItsToneOnTheRoutedPort) {
     JackRecorder recorder(backend->clientName(), 4, 2.0);
     ASSERT_TRUE(recorder.connected());
     model.handleKey(kA, true, false, false);
-    ASSERT_TRUE(pump([&] { return recorder.frames() > 48000; }));
+    ASSERT_TRUE(Wait::until([&] { return recorder.frames() > 48000; }));
     recorder.stop();
     std::vector<std::vector<float>> outputs;
     for (int c = 0; c < 4; ++c)
@@ -102,7 +91,7 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
     addToneKey(model);
     model.handleKey(kA, true, false, false);
     server->kill();
-    ASSERT_TRUE(pump([&] { return !model.status().text().isEmpty(); }));
+    ASSERT_TRUE(Wait::until([&] { return !model.status().text().isEmpty(); }));
     EXPECT_EQ(model.status().text(),
               "オーディオ出力を開始できません: 出力デバイスを設定できません（JACK "
               "サーバーに接続できません）");
@@ -113,7 +102,7 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
     EXPECT_TRUE(model.isRunning(kA));
     const auto id = *model.cueEngine().cues().front()->voiceID;
     const double before = model.mixer().snapshot().at(id).progress;
-    ASSERT_TRUE(pump([&] { return model.mixer().snapshot().at(id).progress > before; }));
+    ASSERT_TRUE(Wait::until([&] { return model.mixer().snapshot().at(id).progress > before; }));
     EXPECT_TRUE(model.isOnFallback());
 
     // The server comes back: the program's ports reappear by themselves within 2 s.
@@ -132,7 +121,7 @@ TEST(ModelOnJack, LosingTheServerFallsBackToTheDefaultAndTheShowGoesOn) {
         }
         return n;
     };
-    EXPECT_TRUE(pump([&] { return ourPorts() == 8; }, 4000ms));
+    EXPECT_TRUE(Wait::until([&] { return ourPorts() == 8; }, 4000));
     EXPECT_LT(std::chrono::steady_clock::now() - back, 2500ms);
     jack_client_close(watcher);
     EXPECT_EQ(model.audio().activeDevice(), "jack:system");
@@ -155,14 +144,14 @@ TEST(ModelOnJack, WaitingForAMissingDeviceRegistersNoClientWithTheServer) {
     model.start();
     EXPECT_EQ(model.audio().activeDevice(), "jack:system");
     ASSERT_TRUE(model.isOnFallback());
-    pump([] { return false; }, 1500ms); // the watch's client and our own port have registered
+    Wait::pump(1500); // the watch's client and our own port have registered
     const int settled = registered.count();
-    pump([] { return false; }, 3500ms);
+    Wait::pump(3500);
     // The output bar's list comes from the watch too.
     ASSERT_TRUE(model.jackDevices());
     const auto listed = AudioDeviceList::outputDevices(model.jackDevices());
     EXPECT_TRUE(std::ranges::any_of(listed, [](const auto& d) { return d.uid == "jack:system"; }));
-    pump([] { return false; }, 100ms);
+    Wait::pump(100);
     EXPECT_EQ(registered.count(), settled) << "clients announced while waiting";
     EXPECT_TRUE(model.isOnFallback());
 }
@@ -176,14 +165,16 @@ TEST(ModelOnJack, AnIdleShowTicksSlowlyAndAKeyBringsTheFullRateBack) {
     addToneKey(model);
     model.document().assignments[kA].fadeOut = 0.0;
     model.start();
-    ASSERT_TRUE(pump([&] { return model.tickInterval() == AppModel::kIdleTickInterval; }, 1000ms));
+    ASSERT_TRUE(
+        Wait::until([&] { return model.tickInterval() == AppModel::kIdleTickInterval; }, 1000));
     model.handleKey(kA, true, false, false);
     EXPECT_EQ(model.tickInterval(), AppModel::kTickInterval);
-    pump([] { return false; }, 300ms);
+    Wait::pump(300);
     EXPECT_EQ(model.tickInterval(), AppModel::kTickInterval); // playing: meters move
     EXPECT_GT(model.live().meters().at(2), 0.1f);
     model.handleKey(kA, true, false, false); // toggled off
-    EXPECT_TRUE(pump([&] { return model.tickInterval() == AppModel::kIdleTickInterval; }, 3000ms));
+    EXPECT_TRUE(
+        Wait::until([&] { return model.tickInterval() == AppModel::kIdleTickInterval; }, 3000));
     EXPECT_LT(model.live().meters().at(2), 1e-3f); // fallen to rest first
     model.setToneChannel(0);
     EXPECT_EQ(model.tickInterval(), AppModel::kTickInterval);
@@ -237,8 +228,7 @@ TEST(ModelTick, StartRunsTheTickThirtyTimesASecondWhileSomethingSounds) {
     model.start();
     model.setToneChannel(0);
     EXPECT_TRUE(model.audio().isRunning());
-    const auto started = std::chrono::steady_clock::now();
-    pump([&] { return std::chrono::steady_clock::now() - started > 1000ms; }, 2000ms);
+    Wait::pump(1000);
     // A timer is never early; on a busy machine it may be late.
     EXPECT_GE(ticks, 15);
     EXPECT_LE(ticks, 32);

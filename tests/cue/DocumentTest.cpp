@@ -15,6 +15,7 @@
 #include "MediaFixtures.h"
 #include "ScriptedInteraction.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "cue/AppModel.h"
 #include "model/DocumentError.h"
 #include "model/Prefs.h"
@@ -329,8 +330,7 @@ TEST_F(Document, OneFileOnThousandsOfKeysIsLoadedOnce) {
     model.open(folder + "/many.vorlin");
     // Every forced load of the same entry would cancel the one before: one load, not 3000.
     EXPECT_EQ(model.media().pending(), 1);
-    while (model.media().pending() > 0)
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    ASSERT_TRUE(Wait::until([&] { return model.media().pending() == 0; }, 20000));
     EXPECT_EQ(changes, 2); // started, finished
     ASSERT_EQ(model.media().table().size(), 1u);
     const MediaInfo* first = model.media().infoFor(model.document().assignments.at(0));
@@ -559,10 +559,7 @@ TEST_F(Document, TheRecoveryCopyFollowsUnsavedChangesAndRestoresAsTheShowItself)
     // Not flushed: an edit reaches the copy by itself, a short while later.
     model.open(show);
     editor.assign(intro, 4);
-    const QDateTime deadline = QDateTime::currentDateTime().addSecs(10);
-    while (!QFile::exists(copy) && QDateTime::currentDateTime() < deadline)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-    ASSERT_TRUE(QFile::exists(copy));
+    ASSERT_TRUE(Wait::until([&] { return QFile::exists(copy); }, 10000));
 
     Script declining;
     AppModel declined;

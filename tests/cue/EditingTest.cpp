@@ -1,4 +1,3 @@
-#include <chrono>
 #include <deque>
 #include <functional>
 #include <gtest/gtest.h>
@@ -13,12 +12,11 @@
 #include "MediaFixtures.h"
 #include "ScriptedInteraction.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "model/KeyboardLayout.h"
 #include "model/Prefs.h"
 
 namespace {
-
-using namespace std::chrono_literals;
 
 class Editing : public ::testing::Test {
 protected:
@@ -336,9 +334,8 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     EXPECT_TRUE(stage.model.media().table().at(tone).loading);
     stage.press(kA);
     EXPECT_EQ(stage.model.status().text(), "tone は読み込み中…");
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    const auto loaded = [&] { return stage.model.media().pending() == 0; };
+    Wait::until(loaded, 10000);
     const MediaInfo& info = stage.model.media().table().at(tone);
     ASSERT_FALSE(info.loading);
     ASSERT_TRUE(info.clip);
@@ -351,8 +348,7 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     notAPdf.close();
     editor().assign(file("deck.pdf"), kD);
     editor().assignList({tone, tone}, kF);
-    while (stage.model.media().pending() > 0 && std::chrono::steady_clock::now() < deadline)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    Wait::until(loaded, 10000);
     EXPECT_EQ(stage.model.media().table().at(file("gone.wav")).error,
               QString("ファイルが見つかりません"));
     EXPECT_EQ(stage.model.status().text(), "見つからないファイルがあります: gone.wav");
@@ -394,10 +390,7 @@ TEST_F(Editing, SoundsLoadWhileASlideFileIsStillConverting) {
     const QString tone = file("tone.wav");
     ASSERT_TRUE(MediaFixtures::write(tone.toStdString(), "pcm_s16le", {{1, 48000, 0.5}}));
     editor().assign(tone, kS);
-    const auto deadline = std::chrono::steady_clock::now() + 3s;
-    while (stage.model.media().table().at(tone).loading &&
-           std::chrono::steady_clock::now() < deadline)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    Wait::until([&] { return !stage.model.media().table().at(tone).loading; }, 3000);
     EXPECT_TRUE(stage.model.media().table().at(tone).clip);
     EXPECT_TRUE(stage.model.media().table().at(file("talk.ppt")).loading);
     EXPECT_EQ(stage.model.media().table().at(file("talk.ppt")).progressText,

@@ -3,10 +3,10 @@
 #include <unistd.h>
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 
 #include "CueStage.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "model/Prefs.h"
 #include "remote/MidiControl.h"
 
@@ -144,11 +144,7 @@ TEST_F(Midi, ARealSequencerClientPlaysAKeyThroughTheVorlinPort) {
     snd_seq_ev_set_direct(&event);
     snd_seq_ev_set_noteon(&event, 0, 64, 100);
     snd_seq_event_output_direct(sender, &event);
-    QElapsedTimer waited;
-    waited.start();
-    while (!stage.model.isRunning(kA) && waited.elapsed() < 2000)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    EXPECT_TRUE(stage.model.isRunning(kA));
+    EXPECT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }, 2000));
     snd_seq_close(sender);
 }
 

@@ -16,6 +16,7 @@
 #include <QtEndian>
 
 #include "CueStage.h"
+#include "Wait.h"
 #include "model/Prefs.h"
 #include "remote/RemoteControl.h"
 
@@ -30,15 +31,6 @@ int freePort() {
     QUdpSocket probe;
     probe.bind(QHostAddress::LocalHost, 0);
     return probe.localPort();
-}
-
-// Runs the event loop until `done` holds or `limit` ms pass.
-bool until(const std::function<bool()>& done, qint64 limit = 2000) {
-    QElapsedTimer waited;
-    waited.start();
-    while (!done() && waited.elapsed() < limit)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    return done();
 }
 
 // Lets the event loop run, idle, for `ms` milliseconds.
@@ -79,7 +71,7 @@ TEST_F(Remote, AKeyFiredByOscSoundsExactlyAsFromTheKeyboard) {
     stage.run(0.01);
     keyboard.press(kA);
     lo_send(target, "/vorlin/key", "ii", 0, 1);
-    ASSERT_TRUE(until([&] { return stage.model.isRunning(kA); }));
+    ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }));
     const auto byKeyboard = keyboard.run(0.5);
     const auto byOsc = stage.run(0.5);
     EXPECT_EQ(byOsc, byKeyboard);
@@ -88,34 +80,34 @@ TEST_F(Remote, AKeyFiredByOscSoundsExactlyAsFromTheKeyboard) {
     // By its label, and up again for a hold key.
     stage.doc().assignments[kS].mode = KeyMode::hold;
     lo_send(target, "/vorlin/key/S", "i", 1);
-    ASSERT_TRUE(until([&] { return stage.model.isRunning(kS); }));
+    ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kS); }));
     lo_send(target, "/vorlin/key/s", "i", 0);
-    EXPECT_TRUE(until([&] { return !stage.model.isRunning(kS); }));
+    EXPECT_TRUE(Wait::until([&] { return !stage.model.isRunning(kS); }));
 }
 
 TEST_F(Remote, PagesStopsPanicAndMasterAsTheWindowDoesThem) {
     stage.model.editor().newPage(false);
     stage.doc().pages[1].name = QStringLiteral("第 2 幕");
     lo_send(target, "/vorlin/page", "s", "第 2 幕");
-    EXPECT_TRUE(until([&] { return stage.doc().currentPage == 1; }));
+    EXPECT_TRUE(Wait::until([&] { return stage.doc().currentPage == 1; }));
     lo_send(target, "/vorlin/page", "i", 0);
-    EXPECT_TRUE(until([&] { return stage.doc().currentPage == 0; }));
+    EXPECT_TRUE(Wait::until([&] { return stage.doc().currentPage == 0; }));
     lo_send(target, "/vorlin/master", "f", 0.25f);
-    EXPECT_TRUE(until([&] { return stage.model.masterVolume() == 0.25; }));
+    EXPECT_TRUE(Wait::until([&] { return stage.model.masterVolume() == 0.25; }));
 
     stage.press(kA);
     stage.run(0.1);
     const std::int64_t id = stage.engine().cues().at(0)->id;
     lo_send(target, ("/vorlin/cue/" + std::to_string(id) + "/seek").c_str(), "f", 0.5f);
-    EXPECT_TRUE(until([&] {
+    EXPECT_TRUE(Wait::until([&] {
         stage.run(0.04);
         return stage.model.live().cues().at(0).position.value_or(0.0) > 0.45;
     }));
     lo_send(target, "/vorlin/stop", "");
-    EXPECT_TRUE(until([&] { return !stage.model.isRunning(kA); }));
+    EXPECT_TRUE(Wait::until([&] { return !stage.model.isRunning(kA); }));
     EXPECT_TRUE(stage.engine().cues().at(0)->stopping); // fading with the stop-all fade
     lo_send(target, "/vorlin/panic", "");
-    EXPECT_TRUE(until([&] {
+    EXPECT_TRUE(Wait::until([&] {
         stage.run(0.04);
         return stage.engine().cues().empty();
     }));
@@ -132,7 +124,7 @@ TEST_F(Remote, ASubscriberHearsTheStateUntilItUnsubscribes) {
         },
         &heard);
     auto listen = [&] {
-        until(
+        Wait::until(
             [&] {
                 while (lo_server_recv_noblock(client, 0) > 0) {
                 }
@@ -187,7 +179,7 @@ TEST_F(Remote, TheAllowedSendersListIsObeyedHoweverItIsStored) {
         EXPECT_EQ(said.has_value(), row.unreadable);
         const OscServer::Counts before = remote.osc().counts();
         lo_send(target, "/vorlin/stop", "");
-        ASSERT_TRUE(until([&] {
+        ASSERT_TRUE(Wait::until([&] {
             const OscServer::Counts& now = remote.osc().counts();
             return now.received + now.refused > before.received + before.refused;
         }));
@@ -214,7 +206,7 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
         nested = QByteArray("#bundle\0\0\0\0\0\0\0\0\1", 16) + size + nested;
     }
     raw.writeDatagram(nested, QHostAddress::LocalHost, port);
-    ASSERT_TRUE(until([&] { return remote.osc().counts().malformed == 5; }));
+    ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().malformed == 5; }));
     EXPECT_TRUE(stage.model.isRunning(kA));
     EXPECT_EQ(stage.model.masterVolume(), 1.0);
 }
@@ -246,7 +238,7 @@ TEST_F(Remote, AFloodIsShedAndTheNextCommandStillActsAtOnce) {
         ::close(out);
         sent = true;
     });
-    until([&] { return sent.load(); }, 60000);
+    Wait::until([&] { return sent.load(); }, 60000);
     desk.join();
     idle(200);
     EXPECT_GT(remote.osc().counts().received, 1000); // what the system did not drop first
@@ -256,7 +248,7 @@ TEST_F(Remote, AFloodIsShedAndTheNextCommandStillActsAtOnce) {
     acted.start();
     lo_send(target, "/vorlin/master", "f", 0.5f);
     lo_send(target, "/vorlin/key", "ii", 0, 1);
-    ASSERT_TRUE(until([&] { return stage.model.isRunning(kA); }));
+    ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }));
     EXPECT_LT(acted.elapsed(), 500); // the backlog was shed, not worked through
     EXPECT_EQ(stage.model.masterVolume(), 0.5);
 
@@ -282,11 +274,11 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
         gone.push_back(subscriber());
         gone.back()->writeDatagram(subscribe, QHostAddress::LocalHost, port);
     }
-    ASSERT_TRUE(until([&] { return remote.osc().counts().subscribersRefused == 12; }));
+    ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().subscribersRefused == 12; }));
     EXPECT_EQ(remote.osc().subscriberCount(), OscServer::kMaxSubscribers);
     gone.clear(); // their ports answer "unreachable" from now on
     stage.press(kA);
-    EXPECT_TRUE(until([&] {
+    EXPECT_TRUE(Wait::until([&] {
         stage.run(0.04);
         return remote.osc().subscriberCount() == 0;
     }));
@@ -300,11 +292,11 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
     }
     const auto client = subscriber();
     client->writeDatagram(bundle, QHostAddress::LocalHost, port);
-    ASSERT_TRUE(until([&] { return remote.osc().subscriberCount() == 1; }));
+    ASSERT_TRUE(Wait::until([&] { return remote.osc().subscriberCount() == 1; }));
     int bursts = 0, datagrams = 0;
     QElapsedTimer second;
     second.start();
-    until(
+    Wait::until(
         [&] {
             stage.run(0.01);
             while (client->hasPendingDatagrams()) {
@@ -326,8 +318,8 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
     renewed.start();
     const auto received = remote.osc().counts().received;
     client->writeDatagram(subscribe, QHostAddress::LocalHost, port);
-    ASSERT_TRUE(until([&] { return remote.osc().counts().received > received; }));
-    ASSERT_TRUE(until([&] { return remote.osc().subscriberCount() == 0; }, 3000));
+    ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().received > received; }));
+    ASSERT_TRUE(Wait::until([&] { return remote.osc().subscriberCount() == 0; }, 3000));
     EXPECT_GE(renewed.elapsed(), 200);
 }
 

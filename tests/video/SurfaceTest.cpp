@@ -1,10 +1,7 @@
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <gtest/gtest.h>
-#include <thread>
 
-#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QOffscreenSurface>
 #include <QOpenGLContext>
@@ -14,6 +11,7 @@
 
 #include "MediaFixtures.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "audio/HostTime.h"
 #include "video/CompositedVideoOutput.h"
 #include "video/MoviePlayer.h"
@@ -149,10 +147,7 @@ TEST(MovieColour, OnePictureOnTwoSurfacesAndTheMonitorAtOnce) {
     start.duration = 2.0;
     const auto cue = output.play(start);
     EXPECT_EQ(output.surfaceIds(), QStringList({"window", display}));
-    QElapsedTimer waited;
-    waited.start();
-    while (waited.elapsed() < 1200)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    Wait::pump(1200);
     ASSERT_TRUE(cue->started);
 
     const QColor expected = expectedRgb(kLevels, false, kBt709[0], kBt709[1]);
