@@ -22,7 +22,7 @@ QImage firstPicture(const QString& path) {
         if (!frame)
             return {};
         // Converted straight to the thumbnail's size.
-        const QSize upright = CompositorLayer{nullptr, &*frame}.size();
+        const QSize upright = Compositor::uprightSize(*frame);
         return Compositor::imageOf(
             *frame, upright.scaled(Deck::kThumbnailSize, Deck::kThumbnailSize, Qt::KeepAspectRatio),
             PictureDetail::reduced);

@@ -102,9 +102,7 @@ void CompositedVideoOutput::setAudioClock(AudioClock clock) {
 }
 
 std::shared_ptr<VideoCue> CompositedVideoOutput::play(MovieStart start) {
-    // Outputs already open stay as they are: a start opens them only when none are.
-    if (!m_showing || m_outputs.isEmpty())
-        show();
+    show();
     auto movie = std::make_shared<Movie>(m_clock, m_audioClock, std::max(start.duration, 0.0));
     // A file the loader found no picture in, or one gone since, fails as a player's would.
     movie->failed = !(start.duration >= 0.0) || !QFileInfo(start.path).isFile();
@@ -145,8 +143,7 @@ void CompositedVideoOutput::resetPrepared() {
 std::shared_ptr<ImageCue> CompositedVideoOutput::showImage(std::function<QImage()> load,
                                                            double fadeIn, double z,
                                                            const OutputSet& outputs) {
-    if (!m_showing || m_outputs.isEmpty())
-        show();
+    show();
     auto cue = std::make_shared<ImageCue>();
     cue->z = z;
     cue->outputs = outputs;
@@ -191,6 +188,9 @@ void CompositedVideoOutput::enableSurfaces(int instanceNumber) {
 }
 
 void CompositedVideoOutput::show() {
+    // Outputs already open stay as they are: a start asks for them each time.
+    if (m_showing && !m_outputs.isEmpty())
+        return;
     if (m_outputs.isEmpty())
         m_outputs = {QStringLiteral("window")};
     m_showing = true;

@@ -15,9 +15,7 @@ bool CompositorLayer::isEmpty() const {
 QSize CompositorLayer::size() const {
     if (!frame)
         return picture ? picture->size() : QSize();
-    const bool onItsSide = frame->rotation % 180 != 0;
-    return onItsSide ? QSize(frame->height(), frame->width())
-                     : QSize(frame->width(), frame->height());
+    return Compositor::uprightSize(*frame);
 }
 
 CompositorLook CompositorLook::fromPreferences() {
@@ -52,11 +50,15 @@ void sortByDepth(std::vector<CompositorLayer>& layers) {
         [](const CompositorLayer& a, const CompositorLayer& b) { return a.depth < b.depth; });
 }
 
+QSize uprightSize(const MovieFrame& frame) {
+    const QSize stored(frame.width(), frame.height());
+    return frame.rotation % 180 != 0 ? stored.transposed() : stored;
+}
+
 QImage imageOf(const MovieFrame& frame, const QSize& size, PictureDetail detail) {
-    const bool onItsSide = frame.rotation % 180 != 0;
     QSize converted(frame.width(), frame.height());
     if (detail == PictureDetail::reduced) {
-        const QSize wanted = onItsSide ? size.transposed() : size;
+        const QSize wanted = frame.rotation % 180 != 0 ? size.transposed() : size;
         converted = converted.boundedTo(wanted.expandedTo(QSize(1, 1)));
     }
     std::optional<RgbaPixels> rgba = frame.toRgba(converted.width(), converted.height());

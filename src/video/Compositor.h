@@ -50,6 +50,8 @@ void draw(QPainter& painter, const QRect& area, std::vector<CompositorLayer> lay
           const CompositorLook& look, PictureDetail detail = PictureDetail::exact);
 // The layers from the deepest up.
 void sortByDepth(std::vector<CompositorLayer>& layers);
+// The size a movie's picture shows at, turned upright.
+QSize uprightSize(const MovieFrame& frame);
 // A movie's picture as an upright image of (at most, reduced) `size`; null when it cannot be
 // converted.
 QImage imageOf(const MovieFrame& frame, const QSize& size, PictureDetail detail);
