@@ -49,6 +49,7 @@
 #include "app/DemoShow.h"
 #include "app/DetailPanel.h"
 #include "app/KeyCodeMap.h"
+#include "app/KeyInput.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
 #include "app/MeterPanel.h"
@@ -567,12 +568,20 @@ void checkOperator(AppModel& model, MainWindow& window, const QString& shot, con
     };
     const auto cell = [&](KeyCode code) { return keyboard->cellRect(code).center().toPoint(); };
 
+    fadeIn->setFocus(); // as a closing dialog may leave it: not clicked into
+    XInput::key("d");
+    log.check(model.isRunning(kD) && !fadeIn->hasFocus(),
+              "a field the focus came to without a click gives the keys to the show");
+    model.stopAll(true);
     XInput::key("s");
     log.check(model.isRunning(kS), "S pressed on the keyboard plays its loop");
     XInput::click(keyboard, cell(kS));
     XInput::click(fadeIn);
     grab();
     log.check(fadeIn->hasFocus(), "a click puts the focus into the fade-in field");
+    XInput::key("d");
+    log.check(!model.isRunning(kD) && model.status().text() == KeyInput::kFieldMessage,
+              "D typed into it starts nothing, and the status line says why");
     // With a key's details shown, on this laptop's screen and on the smaller ones the size
     // rules allow, every view keeps its labels and none is drawn over another.
     const QSize laptop = window.size();

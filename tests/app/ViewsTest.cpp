@@ -128,32 +128,6 @@ TEST_F(Views, DetailPanelEditsTheKeyAndThePlayingVoiceAtOnce) {
     }));
 }
 
-TEST_F(Views, NumberFieldsKeepTheKeysOnlyWhenClickedAndEnterGivesThemBack) {
-    KeyInput keys(stage.model);
-    qApp->installEventFilter(&keys);
-    stage.addKey(0, "a", 0.5f, "1"); // the A key, which is also the digit-free key typed below
-    select(0);
-    auto* fadeIn = field<QDoubleSpinBox>("fadeIn");
-    auto key = [&](QEvent::Type type, int qtKey, std::uint32_t evdev) {
-        QKeyEvent event(type, qtKey, {}, evdev + 8, 0, 0);
-        QApplication::sendEvent(
-            QApplication::focusWidget() ? QApplication::focusWidget() : window.get(), &event);
-    };
-    window->activateWindow();
-    fadeIn->setFocus();
-    click(fadeIn, QPoint(5, 5));
-    QApplication::processEvents();
-    key(QEvent::KeyPress, Qt::Key_A, KEY_A);
-    EXPECT_FALSE(stage.model.isRunning(0));
-    EXPECT_EQ(stage.model.status().text(), KeyInput::kFieldMessage);
-
-    key(QEvent::KeyPress, Qt::Key_Return, KEY_ENTER);
-    EXPECT_FALSE(fadeIn->hasFocus());
-    key(QEvent::KeyPress, Qt::Key_A, KEY_A);
-    EXPECT_TRUE(stage.model.isRunning(0));
-    qApp->removeEventFilter(&keys);
-}
-
 TEST_F(Views, MatrixClicksAndQuickChoicesRouteTheKey) {
     stage.addKey(3, "m", 0.5f, "1");
     select(3);

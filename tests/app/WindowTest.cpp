@@ -107,28 +107,6 @@ TEST_F(Window, KeysReachTheShowWithTheirCodeShiftAndRepeat) {
     EXPECT_EQ(model.document().selectedKey, 122);
 }
 
-TEST_F(Window, AClickedTextFieldKeepsItsKeysAndSaysWhyNothingPlays) {
-    auto* field = new QLineEdit(window->centralWidget());
-    field->show();
-    model.document().assignments[0] = KeyAssignment("/show/a.wav", 0);
-    // Focus that arrived without a click is taken away: the key plays.
-    field->setFocus();
-    send(QEvent::KeyPress, Qt::Key_A, KEY_A, {}, false, field);
-    EXPECT_FALSE(field->hasFocus());
-    EXPECT_EQ(model.document().selectedKey, 0);
-
-    // Clicked into on purpose: typing stays in the field, with the message.
-    model.document().selectedKey.reset();
-    field->setFocus();
-    QMouseEvent click(QEvent::MouseButtonPress, QPointF(5, 5), field->mapToGlobal(QPointF(5, 5)),
-                      Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
-    QApplication::sendEvent(field, &click);
-    QApplication::processEvents();
-    send(QEvent::KeyPress, Qt::Key_A, KEY_A, {}, false, field);
-    EXPECT_FALSE(model.document().selectedKey);
-    EXPECT_EQ(model.status().text(), KeyInput::kFieldMessage);
-}
-
 // Nothing in the window but a text field ever takes the keyboard: lists, buttons, choices and
 // sliders leave the keys to the show.
 TEST_F(Window, OnlyTextFieldsEverTakeTheKeyboard) {
@@ -402,14 +380,11 @@ TEST_F(Window, TheDetailsSayWhatAKeyHolds) {
     const auto shown = [&](KeyCode code) {
         model.document().selectedKey = code;
         emit model.assignmentsChanged();
-        // The first picture is made on a pool thread.
-        QElapsedTimer drawn;
-        drawn.start();
-        QImage grabbed;
-        do {
-            QApplication::processEvents(QEventLoop::AllEvents, 20);
+        QImage grabbed; // the first picture is made on a pool thread
+        Wait::until([&] {
             grabbed = waveform->grab().toImage();
-        } while (grabbed.pixelColor(grabbed.rect().center()).red() < 150 && drawn.elapsed() < 5000);
+            return grabbed.pixelColor(grabbed.rect().center()).red() >= 150;
+        });
         QStringList texts;
         for (QLabel* label : window->detail().findChildren<QLabel*>())
             texts << label->text();
@@ -450,12 +425,8 @@ TEST_F(Window, AMoviePlaysInTheMonitorView) {
         QApplication::processEvents();
         return qGray(monitor->grab().toImage().pixel(x, 90));
     };
-    int first = 0;
-    for (int i = 0; i < 100 && first < 9; ++i) { // picture 1 and later are not black
-        Wait::pump(20);
-        first = greyAt(160);
-    }
-    EXPECT_GE(first, 9);
+    int first = 0; // picture 1 and later are not black
+    EXPECT_TRUE(Wait::until([&] { return (first = greyAt(160)) >= 9; }, 2000));
     Wait::pump(400);
     EXPECT_GT(greyAt(160), first); // later pictures are lighter
     EXPECT_EQ(greyAt(20), 0);      // the bar beside a fitted 4:3 picture
