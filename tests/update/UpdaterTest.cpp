@@ -56,6 +56,8 @@ std::map<QString, QByteArray> snapshot(const QString& root) {
     return files;
 }
 
+const QString kFailed = QStringLiteral("アップデートできませんでした: ");
+
 int updateFolders() {
     return static_cast<int>(
         QDir::temp().entryList({QStringLiteral("vorlin-update-*")}, QDir::Dirs).size());
@@ -218,17 +220,25 @@ protected:
 
 Archives* UpdaterTest::archives = nullptr;
 
-TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
-    const auto release = [](const QString& version, int build) {
-        Release r;
-        r.version = version;
-        r.build = build;
-        return r;
+// A higher build is newer whatever the versions say; at the same build the versions are compared
+// part by part as numbers, to the longer of the two, a missing part reading as 0.
+TEST(Release, NewerByBuildThenByVersionPartsAsNumbers) {
+    const std::tuple<const char*, int, const char*, int, bool> rows[] = {
+        {"1.0", 8, "2.0", 7, true},    {"2.0", 6, "1.0", 7, false},  {"1.10", 7, "1.9", 7, true},
+        {"1.9", 7, "1.10", 7, false},  {"1.2.1", 7, "1.2", 7, true}, {"1.2", 7, "1.2.1", 7, false},
+        {"1.2.0", 7, "1.2", 7, false}, {"1.2", 7, "1.2", 7, false},  {"0.1", 7, "0.0.9", 7, true},
     };
-    EXPECT_TRUE(release("1.10", 7).isNewer("1.9", 7));
-    EXPECT_FALSE(release("1.9", 7).isNewer("1.10", 7));
-    EXPECT_TRUE(release("1.0", 8).isNewer("2.0", 7)); // the build decides first
+    for (const auto& [version, build, currentVersion, currentBuild, newer] : rows) {
+        Release release;
+        release.version = version;
+        release.build = build;
+        EXPECT_EQ(release.isNewer(currentVersion, currentBuild), newer)
+            << version << " (" << build << ") against " << currentVersion << " (" << currentBuild
+            << ")";
+    }
+}
 
+TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
     Updater updater(options(), ui);
     setFeed("0.1.0", 1, "/good.tar.zst");
     check(updater, false);
@@ -273,20 +283,11 @@ TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
 }
 
 TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
-    const QString wrapped =
-        "アップデートできませんでした: ダウンロードしたアプリの署名を確認できない"
-        "ため、入れ替えを中止しました（%1）";
+    // What each refusal names: the reason, and the entry or version at fault.
     const std::vector<std::pair<QString, QString>> cases{
-        {"other key", wrapped.arg("開発元がこのアプリと一致しません")},
-        {"tampered", wrapped.arg("署名が正しくありません")},
-        {"extra", wrapped.arg("署名が正しくありません")},
-        {"replayed",
-         wrapped.arg("ダウンロードした版（0.1.0、ビルド 1）が案内された版と一致しません")},
-        {"parent", "アップデートできませんでした: アーカイブを展開できません: 不正な項目 ../evil"},
-        {"link", "アップデートできませんでした: アーカイブを展開できません: 不正なリンク "
-                 "vorlin/share/etc"},
-        {"cut", "アップデートできませんでした: ダウンロードできませんでした（途中で切れました）"},
-        {"hangs", "アップデートできませんでした: アップデートを中止しました"},
+        {"other key", "開発元"},     {"tampered", "署名"},  {"extra", "署名"},
+        {"replayed", "0.1.0"},       {"parent", "../evil"}, {"link", "vorlin/share/etc"},
+        {"cut", "途中で切れました"}, {"hangs", "中止"},
     };
     const int folders = updateFolders();
     for (const auto& [name, message] : cases) {
@@ -306,7 +307,8 @@ TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
         Updater updater(options(), ui);
         check(updater, true);
         ASSERT_EQ(ui.alerts.size(), 1);
-        EXPECT_TRUE(ui.alerts[0].startsWith(message)) << ui.alerts[0].toStdString();
+        EXPECT_TRUE(ui.alerts[0].startsWith(kFailed) && ui.alerts[0].contains(message))
+            << ui.alerts[0].toStdString();
         EXPECT_FALSE(updater.isArmed());
         EXPECT_EQ(snapshot(root), installed);
         EXPECT_EQ(updateFolders(), folders); // the work folder went with the failure
@@ -319,37 +321,26 @@ TEST_F(UpdaterTest, FeedsAndArchivesAreBoundedInSizeAndTime) {
     rusage before{};
     getrusage(RUSAGE_SELF, &before);
     struct Row {
-        const char* name;
         TestServer::Route feed;
-        QString said;
+        const char* fact; // what the message names
     };
     const Row rows[] = {
-        {"endless",
-         {QByteArray(64 << 10, ' '), TestServer::Answer::endless},
-         "アップデートを確認できませんでした: アップデートを確認できませんでした\nサーバーの応答"
-         "が大きすぎます（1024 KB まで）"},
-        {"trickle",
-         {" ", TestServer::Answer::trickle},
-         "アップデートを確認できませんでした: アップデートを確認できませんでした\n2 秒以内に終わ"
-         "りませんでした"},
-        {"html",
-         {"<html>maintenance</html>"},
-         "アップデートを確認できませんでした: アップデートを確認できませんでした\nサーバーの応答"
-         "が JSON ではありません"},
-        {"other json",
-         {R"({"status": "ok"})"},
-         "アップデートを確認できませんでした: アップデートを確認できませんでした\nサーバーの応答"
-         "に版の情報がありません"},
+        {{QByteArray(64 << 10, ' '), TestServer::Answer::endless}, "1024 KB"},
+        {{" ", TestServer::Answer::trickle}, "2 秒"},
+        {{"<html>maintenance</html>"}, "JSON"},
+        {{R"({"status": "ok"})"}, "版の情報"},
     };
     Updater::Options bounded = options();
     bounded.feedTimeLimit = std::chrono::seconds(2);
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
         server.routes["/version.json"] = row.feed;
         ui.alerts.clear();
         Updater updater(bounded, ui);
         check(updater, true);
-        EXPECT_EQ(ui.alerts, QStringList{row.said}) << ui.alerts.join(" | ").toStdString();
+        ASSERT_EQ(ui.alerts.size(), 1);
+        EXPECT_TRUE(ui.alerts[0].startsWith("アップデートを確認できませんでした: ") &&
+                    ui.alerts[0].contains(row.fact))
+            << ui.alerts[0].toStdString();
     }
 
     // Notes of 900 KB: offered with the first kMaxNotes characters.
@@ -370,9 +361,8 @@ TEST_F(UpdaterTest, FeedsAndArchivesAreBoundedInSizeAndTime) {
     const int folders = updateFolders();
     Updater endless(bounded, ui);
     check(endless, true);
-    EXPECT_EQ(ui.alerts, QStringList{"アップデートできませんでした: ダウンロードできませんでした（"
-                                     "アーカイブが大きすぎます（案内された大きさか 16 MB を超えまし"
-                                     "た））"});
+    ASSERT_EQ(ui.alerts.size(), 1);
+    EXPECT_TRUE(ui.alerts[0].startsWith(kFailed) && ui.alerts[0].contains("16 MB"));
     EXPECT_EQ(updateFolders(), folders);
 
     // An archive whose server never sends a byte: the transfer gives up by itself.
@@ -383,9 +373,7 @@ TEST_F(UpdaterTest, FeedsAndArchivesAreBoundedInSizeAndTime) {
     Updater silent(bounded, ui);
     check(silent, true);
     ASSERT_EQ(ui.alerts.size(), 1);
-    EXPECT_TRUE(
-        ui.alerts[0].startsWith("アップデートできませんでした: ダウンロードできませんでした（"))
-        << ui.alerts[0].toStdString();
+    EXPECT_TRUE(ui.alerts[0].startsWith(kFailed)) << ui.alerts[0].toStdString();
     EXPECT_EQ(updateFolders(), folders);
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
@@ -400,10 +388,7 @@ TEST_F(UpdaterTest, AProgramWithoutAKeyOrOutsideAnInstalledTreeDoesNotReplaceIts
     Updater updater(unsigned_, ui);
     ui.answer = UpdaterUi::Choice::install;
     check(updater, true);
-    EXPECT_EQ(ui.alerts.value(0),
-              "アップデートできませんでした: ダウンロードしたアプリの署名を確認でき"
-              "ないため、入れ替えを中止しました（いま動いている Vorlin "
-              "に開発元の署名がありません）");
+    EXPECT_TRUE(ui.alerts.value(0).startsWith(kFailed) && ui.alerts.value(0).contains("署名"));
     EXPECT_FALSE(updater.isArmed());
 
     // Run from a build folder (no VERSION beside bin/): the download page instead.
@@ -411,10 +396,9 @@ TEST_F(UpdaterTest, AProgramWithoutAKeyOrOutsideAnInstalledTreeDoesNotReplaceIts
     Updater fromBuild(options(), ui);
     ui.wantsPage = true;
     check(fromBuild, true);
-    EXPECT_EQ(ui.refusals,
-              QStringList{"この場所の Vorlin は自動で入れ替えられません\n置かれているフォ"
-                          "ルダ（" +
-                          root + "）"});
+    ASSERT_EQ(ui.refusals.size(), 1);
+    EXPECT_TRUE(ui.refusals[0].startsWith("この場所の Vorlin は自動で入れ替えられません") &&
+                ui.refusals[0].contains(root));
     EXPECT_EQ(ui.pages, QList<QUrl>{QUrl(server.url("/download"))});
 }
 
