@@ -12,136 +12,169 @@ namespace {
 
 constexpr KeyCode kA = 0, kS = 1, kD = 2, kF = 3, kG = 5, kEsc = 53;
 
-TEST(KeyModes, ToggleStartsThenFadesOutWithItsOwnFade) {
-    CueStage stage;
-    stage.addKey(kA, "a", 0.5f, "1").fadeOut = 0.2;
-    stage.press(kA);
-    auto out = stage.run(0.1);
-    EXPECT_EQ(out[0].back(), 0.5f);
-    EXPECT_EQ(out[1].back(), 0.0f); // routed to output 1 only
-    EXPECT_TRUE(stage.model.isRunning(kA));
+// What a key event did to the key's first cue and to the show: how many cues it started, and
+// when that cue's sound ended after it, in seconds (-1: not within `horizon`).
+struct Outcome {
+    std::int64_t started;
+    double endedAfter;
+};
 
-    stage.press(kA);
-    EXPECT_FALSE(stage.model.isRunning(kA));
-    out = stage.run(0.3);
-    // Half way through the fade the envelope is ½, heard squared: a quarter of the level.
-    EXPECT_NEAR(out[0][4800], 0.125f, 0.01f);
-    EXPECT_TRUE(silentFrom(out[0], 9700));
-    EXPECT_TRUE(stage.engine().cues().empty());
+Outcome outcomeOf(CueStage& stage, const std::function<void()>& event, double horizon = 0.7) {
+    const auto& cues = stage.engine().cues();
+    const auto voice = cues.empty() ? std::nullopt : cues.front()->voiceID;
+    const auto ids = stage.engine().nextCueID();
+    event();
+    const auto started = stage.engine().nextCueID() - ids;
+    const double block = 256.0 / 48000.0;
+    for (double t = block; voice && t <= horizon; t += block) {
+        stage.run(block);
+        const auto status = stage.model.mixer().snapshot();
+        if (!status.count(*voice) || status.at(*voice).done)
+            return {started, t};
+    }
+    return {started, -1.0};
 }
 
-TEST(KeyModes, RetriggerCutsTheOldInstanceWithin30ms) {
-    CueStage stage;
-    stage.addKey(kS, "s", 0.25f, "2").mode = KeyMode::retrigger;
-    stage.doc().assignments[kS].fadeOut = 2.0;
-    stage.press(kS);
-    stage.run(0.1);
-    stage.press(kS);
-    const auto out = stage.run(0.1);
-    // While the old one fades both sound; from 30 ms on only the new one does.
-    EXPECT_GT(out[1][100], 0.25f);
-    for (std::size_t i = 1440 + 256; i < out[1].size(); ++i)
-        ASSERT_EQ(out[1][i], 0.25f) << "frame " << i;
-    EXPECT_EQ(stage.engine().cues().size(), 1u);
+// A stop's fade is seen in when the old sound ends: 5 ms at the least, within a 256-frame block
+// either way.
+void expectEndsAfter(const Outcome& outcome, double seconds) {
+    if (seconds < 0)
+        EXPECT_EQ(outcome.endedAfter, -1.0);
+    else
+        EXPECT_NEAR(outcome.endedAfter, std::max(seconds, 0.005), 0.011);
 }
 
-TEST(KeyModes, HoldPlaysWhileHeldAndShiftNeverStarts) {
-    CueStage stage;
-    KeyAssignment& hold = stage.addKey(kD, "d", 0.5f, "3");
-    hold.mode = KeyMode::hold;
-    hold.fadeOut = 0.0;
-    stage.press(kD);
-    stage.press(kD); // held down again: nothing new
-    auto out = stage.run(0.05);
-    EXPECT_EQ(out[2].back(), 0.5f);
-    EXPECT_EQ(stage.engine().cues().size(), 1u);
-    stage.release(kD);
-    out = stage.run(0.05);
-    EXPECT_TRUE(silentFrom(out[2], 240 + 256));
-
-    stage.addKey(kF, "f", 0.5f, "4");
-    stage.press(kF, true);
-    out = stage.run(0.05);
-    EXPECT_EQ(firstNonZero(out[3]), -1);
-    EXPECT_EQ(stage.doc().selectedKey, kF);
-
-    // Auto-repeats never act, and releases of toggle keys neither.
-    stage.model.handleKey(kF, true, false, true);
-    stage.release(kF);
-    EXPECT_FALSE(stage.model.isRunning(kF));
+// The mode table: toggle, retrigger and hold keys, stopped or running, pressed, released,
+// repeated or pressed with Shift.
+TEST(KeyModes, EachModeStartsAndStopsAsItsTableSays) {
+    enum Event { down, up, repeat, shiftDown };
+    struct Row {
+        KeyMode mode;
+        double fadeOut;
+        bool running;
+        Event event;
+        std::int64_t starts;
+        double endsAfter; // -1: the sound goes on
+    };
+    const auto toggle = KeyMode::toggle, retrigger = KeyMode::retrigger, hold = KeyMode::hold;
+    const Row rows[] = {
+        {toggle, 0.2, false, down, 1, -1},     {toggle, 0.2, true, down, 0, 0.2},
+        {toggle, 0.2, true, up, 0, -1},        {toggle, 0.2, true, repeat, 0, -1},
+        {toggle, 0.2, true, shiftDown, 0, 0},  {toggle, 0.2, false, shiftDown, 0, -1},
+        {retrigger, 2.0, true, down, 1, 0.03}, {retrigger, 0.01, true, down, 1, 0.01},
+        {retrigger, 2.0, true, repeat, 0, -1}, {retrigger, 2.0, true, shiftDown, 0, 0},
+        {hold, 0.2, false, down, 1, -1},       {hold, 0.2, true, down, 0, -1},
+        {hold, 0.2, true, up, 0, 0.2},         {hold, 0.2, false, up, 0, -1},
+        {hold, 0.2, true, shiftDown, 0, 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message()
+                     << "mode " << static_cast<int>(row.mode) << ", "
+                     << (row.running ? "running" : "stopped") << ", event " << row.event);
+        CueStage stage;
+        KeyAssignment& key = stage.addKey(kA, "a", 0.5f, "1");
+        key.mode = row.mode;
+        key.fadeOut = row.fadeOut;
+        stage.doc().selectedKey.reset();
+        if (row.running) {
+            stage.press(kA);
+            stage.run(0.05);
+        }
+        const Outcome outcome = outcomeOf(stage, [&] {
+            stage.model.handleKey(kA, row.event != up, row.event == shiftDown, row.event == repeat);
+        });
+        EXPECT_EQ(outcome.started, row.starts);
+        expectEndsAfter(outcome, row.endsAfter);
+        if (row.event == shiftDown || (row.event == down && !row.running)) {
+            EXPECT_EQ(stage.doc().selectedKey, kA);
+        }
+        const auto out = stage.run(0.05);
+        EXPECT_EQ(out[1].back(), 0.0f); // routed to output 1 only
+    }
 }
 
-TEST(KeyModes, EscapeStopsEverythingWithTheStopAllFadeShiftAtOnce) {
-    CueStage stage;
-    stage.addKey(kA, "a", 0.5f, "1");
-    stage.addKey(kS, "s", 0.5f, "2");
-    stage.addKey(kEsc, "never", 0.5f, "3");
-    stage.engine().setStopAllFade(0.5);
-    stage.press(kA);
-    stage.press(kS);
-    stage.run(0.05);
-    stage.model.handleKey(kEsc, false, false, false); // key up: nothing
-    stage.model.handleKey(kEsc, true, false, true);   // repeat: nothing
-    EXPECT_TRUE(stage.model.isRunning(kA));
-
-    stage.press(kEsc);
-    auto out = stage.run(0.1);
-    EXPECT_GT(out[0].back(), 0.2f); // still fading
-    EXPECT_EQ(firstNonZero(out[2]), -1);
-
-    stage.press(kEsc, true); // Shift+Escape cuts the fades short
-    out = stage.run(0.05);
-    EXPECT_TRUE(silentFrom(out[0], 240 + 256));
-    EXPECT_TRUE(silentFrom(out[1], 240 + 256));
+// Escape stops every cue with the stop-all fade, Shift+Escape at once; a cue already fading keeps
+// its own fade unless the stop is immediate. Its release and repeats do nothing, and a key
+// assigned to Escape never plays.
+TEST(KeyModes, EscapeStopsEverythingAndAFadingCueKeepsItsOwnFade) {
+    struct Row {
+        bool fading; // stopped with its own 2 s fade before
+        bool down, shift, repeat;
+        double endsAfter;
+    };
+    const Row rows[] = {
+        {false, true, false, false, 0.5}, {false, true, true, false, 0.0},
+        {true, true, false, false, -1},   {true, true, true, false, 0.0},
+        {false, false, false, false, -1}, {false, true, false, true, -1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message() << "fading " << row.fading << ", down " << row.down
+                                        << ", shift " << row.shift << ", repeat " << row.repeat);
+        CueStage stage;
+        stage.addKey(kA, "a", 0.5f, "1").fadeOut = 2.0;
+        stage.addKey(kEsc, "never", 0.5f, "3");
+        stage.engine().setStopAllFade(0.5);
+        stage.press(kA);
+        stage.run(0.05);
+        if (row.fading)
+            stage.press(kA);
+        const Outcome outcome =
+            outcomeOf(stage, [&] { stage.model.handleKey(kEsc, row.down, row.shift, row.repeat); });
+        EXPECT_EQ(outcome.started, 0);
+        expectEndsAfter(outcome, row.endsAfter);
+    }
 }
 
+// A start makes each other running cue do what that cue's own `onNext` says (keep, fade with its
+// own fade, cut) when the cue is of group 0 or of the starting key's group. It applies before
+// the start is built, also when the start then routes nowhere, but not when the key cannot
+// start at all (its media still loading or failed); a stopping cue is left to its own fade.
 TEST(NextMaterial, RunningCuesYieldByTheirOwnBehaviourAndGroup) {
-    CueStage stage;
-    KeyAssignment& bed = stage.addKey(kA, "bed", 0.5f, "1");
-    bed.onNext = NextBehavior::fade;
-    bed.fadeOut = 0.2;
-    KeyAssignment& band = stage.addKey(kS, "band", 0.5f, "2");
-    band.onNext = NextBehavior::cut;
-    band.group = 1;
-    stage.addKey(kD, "jingle", 0.5f, "3");           // group 0, keep
-    stage.addKey(kF, "group1", 0.5f, "4").group = 1; // group 1, keep
-
-    // The band (group 1) first: the bed's group-0 start leaves it alone.
-    stage.press(kS);
-    stage.press(kA);
-    auto both = stage.run(0.05);
-    EXPECT_EQ(both[0].back(), 0.5f);
-    EXPECT_EQ(both[1].back(), 0.5f);
-    // A group-1 start: the group-0 bed fades (group 0 yields to all), and the group-1 band is cut.
-    stage.press(kF);
-    auto out = stage.run(0.1);
-    EXPECT_TRUE(silentFrom(out[1], 240 + 256));
-    EXPECT_GT(out[0][1000], 0.1f);
-    EXPECT_LT(out[0].back(), 0.2f);
-
-    // A group-0 start leaves a running group-1 cue alone.
-    stage.press(kS);
-    stage.run(0.05);
-    stage.press(kD);
-    out = stage.run(0.05);
-    EXPECT_EQ(out[1].back(), 0.5f);
-}
-
-TEST(NextMaterial, AppliesBeforeAStartThatYieldsNothingAndConsumesACueID) {
-    CueStage stage;
-    KeyAssignment& bed = stage.addKey(kA, "bed", 0.5f, "1");
-    bed.onNext = NextBehavior::cut;
-    stage.addKey(kS, "nowhere", 0.5f, "").matrix = RoutingMatrix{}; // routes nowhere
-    stage.press(kA);
-    stage.run(0.05);
-    const auto before = stage.engine().nextCueID();
-    stage.press(kS);
-    EXPECT_EQ(stage.model.status().text(),
-              "nowhere: 出力先のチャンネルがありません（ルーティングを確認）");
-    EXPECT_EQ(stage.engine().nextCueID(), before + 1);
-    const auto out = stage.run(0.05);
-    EXPECT_TRUE(silentFrom(out[0], 240 + 256));
-    EXPECT_EQ(firstNonZero(out[1]), -1);
+    enum Next { ready, routedNowhere, loading, failed };
+    struct Row {
+        NextBehavior onNext;
+        int group, startGroup;
+        Next next;
+        double endsAfter;
+        bool stopping = false;
+    };
+    const auto keep = NextBehavior::keep, fade = NextBehavior::fade, cut = NextBehavior::cut;
+    const Row rows[] = {
+        {keep, 0, 0, ready, -1}, {fade, 0, 0, ready, 0.2},      {fade, 0, 2, ready, 0.2},
+        {cut, 0, 1, ready, 0},   {cut, 1, 0, ready, -1},        {cut, 1, 1, ready, 0},
+        {fade, 1, 2, ready, -1}, {cut, 0, 0, routedNowhere, 0}, {cut, 0, 0, loading, -1},
+        {cut, 0, 0, failed, -1}, {cut, 0, 0, ready, -1, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message()
+                     << "onNext " << static_cast<int>(row.onNext) << ", group " << row.group
+                     << ", a start of group " << row.startGroup << ", next " << row.next);
+        CueStage stage;
+        KeyAssignment& running = stage.addKey(kA, "bed", 0.5f, "1");
+        running.onNext = row.onNext;
+        running.group = row.group;
+        running.fadeOut = row.stopping ? 2.0 : 0.2;
+        KeyAssignment& next = stage.addKey(kS, "next", 0.5f, "2");
+        next.group = row.startGroup;
+        if (row.next == routedNowhere)
+            next.matrix = RoutingMatrix{};
+        stage.press(kA);
+        stage.run(0.05);
+        if (row.stopping)
+            stage.press(kA);
+        MediaInfo& media = stage.model.media().table()[next.mediaKey()];
+        media.loading = row.next == loading;
+        if (row.next == failed)
+            media.error = QStringLiteral("読み込みに失敗しました");
+        const Outcome outcome = outcomeOf(
+            stage, [&] { stage.press(kS); }, 0.3);
+        EXPECT_EQ(outcome.started, row.next == ready || row.next == routedNowhere ? 1 : 0);
+        expectEndsAfter(outcome, row.endsAfter);
+        if (row.next == routedNowhere) {
+            EXPECT_TRUE(stage.model.status().text().endsWith(
+                "出力先のチャンネルがありません（ルーティングを確認）"));
+        }
+    }
 }
 
 TEST(Pages, CuesOutliveAPageSwitchAndOnlyEscapeOrTheRuleReachThem) {

@@ -69,6 +69,16 @@ TEST(Tick, FinishedCuesAreRemovedAndTheListPublishedOnlyOnChange) {
     stage.run(0.5);
     EXPECT_EQ(cueLists, listsWhilePlaying);
     EXPECT_EQ(stage.model.mixer().voiceCount(), 0u); // reaped
+
+    // A page whose last cue is fading out no longer plays, while the cue is still listed.
+    stage.addKey(kA, "long", 0.5f, "1").fadeOut = 1.0;
+    stage.press(kA);
+    stage.run(0.1);
+    EXPECT_FALSE(stage.model.live().playingPages().empty());
+    stage.press(kA);
+    stage.run(0.1);
+    EXPECT_TRUE(stage.model.live().playingPages().empty());
+    EXPECT_EQ(stage.model.live().cues().size(), 1u);
 }
 
 TEST(Tick, ACueOfAnotherOrADeletedPageIsListedWithThatPage) {
