@@ -175,52 +175,52 @@ TEST_F(MixerTest, StopBeforeTheStartEndsTheVoiceSilently) {
     EXPECT_TRUE(statuses.at(waiting).done);
 }
 
-TEST_F(MixerTest, DeferredVoiceIsSilentUntilReleasedAtItsHostTime) {
-    OfflineRenderer device(mixer, 1, 240, kRate);
-    auto clip = distinctClip(5000);
-    const auto id = mixer.play(clip, {{0, 0}}, 1.0f, 0.0, false, true);
-    const auto before = device.render(2400);
-    EXPECT_EQ(countNonZero(before[0]), 0);
-    EXPECT_DOUBLE_EQ(mixer.snapshot().at(id).progress, 0.0);
-
-    // Released half a frame after frame 2400 + 339: the voice's first frame lands on frame 339
-    // of what follows, in the middle of the second block.
-    const double halfFrame = 0.5 / kRate;
-    mixer.setStart(id, device.hostTimeAtFrame(2400 + 339) + HostTime::secondsToTicks(halfFrame));
-    const auto out = device.render(1000);
-    EXPECT_EQ(firstNonZero(out[0]), 339);
-    for (std::int64_t i = 339; i < 1000; ++i)
-        ASSERT_EQ(out[0][i], clip->channels[0][i - 339]) << "frame " << i;
-}
-
-TEST_F(MixerTest, HostTimedStartSubtractsTheOutputLatency) {
-    OfflineRenderer device(mixer, 1, 240, kRate);
-    const double latency = 0.01; // 480 frames
-    mixer.setLatency(latency);
-    const auto id = mixer.play(constantClip(0.25f, 5000), {{0, 0}}, 1.0f, 0.0, false, true);
-    // Meant to be heard at frame 1000 (+ ½): it must enter the device 480 frames earlier.
-    mixer.setStart(id, device.hostTimeAtFrame(1000) + HostTime::secondsToTicks(0.5 / kRate));
-    const auto out = device.render(2400);
-    EXPECT_EQ(firstNonZero(out[0]), 1000 - 480);
-}
-
-TEST_F(MixerTest, LateOrUntimedStartBeginsAtTheBlockStartFromFrameZero) {
-    auto clip = distinctClip(2000);
-    OfflineRenderer device(mixer, 2, 256, kRate);
-    device.render(1024);
-    const auto late = mixer.play(clip, {{0, 0}}, 1.0f, 0.0, false, true);
-    mixer.setStart(late, device.hostTimeAtFrame(100)); // long past
-    const auto out = device.render(256);
-    EXPECT_EQ(out[0][0], clip->channels[0][0]); // not advanced to catch up
-    EXPECT_EQ(out[0][255], clip->channels[0][255]);
+// A voice armed for a host time starts on the frame that time falls on, less the output latency,
+// truncated; a time already past starts it at the next block's first frame from its own first
+// frame (never advanced to catch up); a voice not armed starts at once and one never released
+// stays silent. It is heard from its first frame, sample for sample.
+TEST_F(MixerTest, ATimedStartLandsOnItsFrameLessTheLatency) {
+    constexpr std::int64_t kBefore = 2400; // rendered before the start is set
+    struct Row {
+        bool deferred;
+        std::optional<double> at; // frames after kBefore; none: never released
+        double latency;
+        std::int64_t first; // the first frame heard after kBefore; -1: none
+    };
+    const Row rows[] = {
+        {false, {}, 0.0, 0},     {true, {}, 0.0, -1},        {true, 339.5, 0.0, 339},
+        {true, 480.0, 0.0, 480}, {true, 1000.25, 0.0, 1000}, {true, 1000.5, 0.01, 520},
+        {true, 479.5, 0.01, 0},  {true, -2000.0, 0.0, 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message()
+                     << "at " << row.at.value_or(-1) << ", latency " << row.latency);
+        Mixer m;
+        OfflineRenderer device(m, 1, 240, kRate);
+        m.setLatency(row.latency); // after the device, which sets its own
+        const auto clip = distinctClip(5000);
+        device.render(kBefore);
+        const auto id = m.play(clip, {{0, 0}}, 1.0f, 0.0, false, row.deferred);
+        if (row.at) {
+            const double whole = std::floor(*row.at);
+            m.setStart(id, device.hostTimeAtFrame(kBefore + static_cast<std::int64_t>(whole)) +
+                               HostTime::secondsToTicks((*row.at - whole) / kRate));
+        }
+        const auto out = device.render(2400)[0];
+        EXPECT_EQ(firstNonZero(out), row.first);
+        for (std::int64_t i = std::max<std::int64_t>(row.first, 0); row.first >= 0 && i < 2400; ++i)
+            ASSERT_EQ(out[i], clip->channels[0][i - row.first]) << "frame " << i;
+        EXPECT_DOUBLE_EQ(m.snapshot().at(id).progress,
+                         row.first < 0 ? 0.0 : static_cast<double>(2400 - row.first) / 5000.0);
+    }
 
     // A block whose host time is not valid starts a timed voice at its first frame.
-    Mixer untimed;
+    const auto clip = distinctClip(2000);
     std::vector<float> buffer(256);
     const AudioChannelBuffer list[1] = {{buffer.data(), buffer.size() * sizeof(float)}};
-    const auto id = untimed.play(clip, {{0, 0}}, 1.0f, 0.0, false, true);
-    untimed.setStart(id, HostTime::now() + 1'000'000'000ull);
-    untimed.render(256, AudioTimeStamp{0, false}, list);
+    const auto id = mixer.play(clip, {{0, 0}}, 1.0f, 0.0, false, true);
+    mixer.setStart(id, HostTime::now() + 1'000'000'000ull);
+    mixer.render(256, AudioTimeStamp{0, false}, list);
     EXPECT_EQ(buffer[0], clip->channels[0][0]);
 }
 
