@@ -24,9 +24,13 @@ TEST(Tick, OutputMetersAttackAtOnceAndReleaseBy086PerTick) {
     EXPECT_NEAR(stage.model.live().meters()[0], 0.2213, 1e-3);
     EXPECT_EQ(stage.model.live().meters()[1], 0.0f);
 
-    CueStage wide(80);
-    wide.model.tick();
-    EXPECT_EQ(wide.model.live().meters().size(), 64u);
+    // As many meters as outputs, from 8 up to 64.
+    for (const auto& [outputs, meters] :
+         {std::pair{1, 8u}, {8, 8u}, {9, 9u}, {64, 64u}, {65, 64u}}) {
+        CueStage device(outputs);
+        device.model.tick();
+        EXPECT_EQ(device.model.live().meters().size(), meters) << outputs << " outputs";
+    }
 }
 
 TEST(Tick, SourceMetersFollowTheKeysVoicesAndDropWhenTheyStop) {

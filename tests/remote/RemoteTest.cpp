@@ -17,6 +17,7 @@
 
 #include "CueStage.h"
 #include "Wait.h"
+#include "cue/RemoteCommand.h"
 #include "model/Prefs.h"
 #include "remote/RemoteControl.h"
 
@@ -55,6 +56,81 @@ protected:
     int port = 0;
     lo_address target = nullptr;
 };
+
+// The remote's address space: every address with the arguments it takes (an integer serving for
+// a float), and nothing else — unknown addresses, missing, extra or mistyped arguments and values
+// out of range are refused.
+TEST(RemoteCommands, EveryAddressWithItsArgumentsAndNothingElse) {
+    using A = std::vector<RemoteCommand::Argument>;
+    const auto I = [](std::int64_t v) { return RemoteCommand::Argument(v); };
+    const auto F = [](double v) { return RemoteCommand::Argument(v); };
+    const auto S = [](const char* v) { return RemoteCommand::Argument(QString::fromUtf8(v)); };
+    const std::tuple<const char*, A, const char*> rows[] = {
+        {"/vorlin/key", {I(0), I(1)}, "key 0 down"},
+        {"/vorlin/key", {I(49), I(0)}, "key 49 up"},
+        {"/vorlin/key", {I(65534), I(1)}, "key 65534 down"},
+        {"/vorlin/key", {I(65535), I(1)}, ""},
+        {"/vorlin/key", {I(-1), I(1)}, ""},
+        {"/vorlin/key", {I(0), I(2)}, ""},
+        {"/vorlin/key", {I(0)}, ""},
+        {"/vorlin/key", {S("A"), I(1)}, ""},
+        {"/vorlin/key", {F(0), I(1)}, ""},
+        {"/vorlin/key/A", {I(1)}, "keyLabel A down"},
+        {"/vorlin/key/F1", {I(0)}, "keyLabel F1 up"},
+        {"/vorlin/key/", {I(1)}, ""},
+        {"/vorlin/key/A", {I(1), I(1)}, ""},
+        {"/vorlin/page", {I(2)}, "page 2"},
+        {"/vorlin/page", {I(-1)}, ""},
+        {"/vorlin/page", {S("第 2 幕")}, "pageName 第 2 幕"},
+        {"/vorlin/page", {}, ""},
+        {"/vorlin/stop", {}, "stop"},
+        {"/vorlin/stop", {I(1)}, ""},
+        {"/vorlin/panic", {}, "panic"},
+        {"/vorlin/subscribe", {}, "subscribe"},
+        {"/vorlin/unsubscribe", {}, "unsubscribe"},
+        {"/vorlin/master", {F(0.5)}, "master 0.5"},
+        {"/vorlin/master", {I(1)}, "master 1"},
+        {"/vorlin/master", {F(0.0)}, "master 0"},
+        {"/vorlin/master", {F(1.0001)}, ""},
+        {"/vorlin/master", {F(-0.1)}, ""},
+        {"/vorlin/master", {F(std::nan(""))}, ""},
+        {"/vorlin/master", {S("1")}, ""},
+        {"/vorlin/cue/12/stop", {}, "stopCue 12"},
+        {"/vorlin/cue/12/stop", {I(1)}, ""},
+        {"/vorlin/cue/x/stop", {}, ""},
+        {"/vorlin/cue/12/seek", {F(0.5)}, "seekCue 12 0.5"},
+        {"/vorlin/cue/12/seek", {I(1)}, "seekCue 12 1"},
+        {"/vorlin/cue/12/seek", {F(1.5)}, ""},
+        {"/vorlin/cue/12/seek", {}, ""},
+        {"/vorlin/explode", {}, ""},
+        {"/other/stop", {}, ""},
+        {"vorlin/stop", {}, ""},
+    };
+    for (const auto& [address, arguments, made] : rows) {
+        const auto command = RemoteCommand::fromOsc(QString::fromUtf8(address), arguments);
+        QString said;
+        if (command) {
+            using K = RemoteCommand::Kind;
+            const char* kinds[] = {"key",     "keyLabel",  "page",       "pageName",
+                                   "stop",    "panic",     "master",     "stopCue",
+                                   "seekCue", "subscribe", "unsubscribe"};
+            QStringList parts{kinds[static_cast<int>(command->kind)]};
+            const K kind = command->kind;
+            if (kind == K::key)
+                parts << QString::number(command->code);
+            if (kind == K::keyLabel || kind == K::pageName)
+                parts << command->name;
+            if (kind == K::page || kind == K::stopCue || kind == K::seekCue)
+                parts << QString::number(command->number);
+            if (kind == K::master || kind == K::seekCue)
+                parts << QString::number(command->value);
+            if (kind == K::key || kind == K::keyLabel)
+                parts << (command->down ? "down" : "up");
+            said = parts.join(' ');
+        }
+        EXPECT_EQ(said, QString::fromUtf8(made)) << address << " with " << arguments.size();
+    }
+}
 
 TEST_F(Remote, AKeyFiredByOscSoundsExactlyAsFromTheKeyboard) {
     CueStage keyboard;
