@@ -15,6 +15,7 @@
 #include <QTimer>
 
 #include "CueStage.h"
+#include "Files.h"
 #include "ScriptedInteraction.h"
 #include "TempDir.h"
 #include "app/CueListView.h"
@@ -241,8 +242,7 @@ TEST_F(Views, KeyCellsShowTheirMediaState) {
     TempDir dir;
     const auto file = [&](const char* name) {
         const QString path = QString::fromStdString(dir.file(name));
-        QFile out(path);
-        EXPECT_TRUE(out.open(QIODevice::WriteOnly) && out.write("RIFF") == 4);
+        EXPECT_TRUE(Files::write(path, "RIFF"));
         return path;
     };
     const QString deleted = file("deleted.wav");

@@ -3,6 +3,7 @@
 
 #include <QFile>
 
+#include "Files.h"
 #include "MediaFixtures.h"
 #include "TempDir.h"
 #include "TypedCommand.h"
@@ -46,11 +47,7 @@ protected:
         model.save(show);
         events = folder + "/events.txt";
     }
-    void script(const QByteArray& text) {
-        QFile file(events);
-        file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        file.write(text);
-    }
+    void script(const QByteArray& text) { Files::write(events, text); }
 
     TempDir dir;
     QString folder, show, events;
@@ -105,10 +102,7 @@ TEST_F(Render, ScriptedShowMatchesTheSamplesComputedFromItsEvents) {
     // The same input gives the same file, bit for bit.
     const QString again = folder + "/again.wav";
     ASSERT_EQ(render({show, "--events", events, "--out", again, "--channels", "4"}).status, 0);
-    QFile first(wav), second(again);
-    first.open(QIODevice::ReadOnly);
-    second.open(QIODevice::ReadOnly);
-    EXPECT_EQ(first.readAll(), second.readAll());
+    EXPECT_EQ(Files::read(wav), Files::read(again));
 }
 
 // OSC commands in a script, by key code or by label, do what the keyboard does, sample for
@@ -205,17 +199,12 @@ TEST_F(Render, LengthsTimesAndGainsAreCheckedBeforeAnythingIsWritten) {
 // that is not running.
 TEST_F(Render, MediaThatCannotPlayIsNamedOnTheTerminal) {
     QFile::remove(folder + "/quarter.wav");
-    QFile broken(folder + "/eighth.wav");
-    broken.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    broken.write("RIFF and nothing more");
-    broken.close();
+    Files::write(folder + "/eighth.wav", "RIFF and nothing more");
     MediaFixtures::Video wide{16384, 16, 0.0, 0.2};
     wide.codec = "ffv1";
     ASSERT_TRUE(MediaFixtures::write((folder + "/wide.mkv").toStdString(), "pcm_s16le", {}, &wide));
-    QFile huge(folder + "/huge.png");
-    ASSERT_TRUE(huge.open(QIODevice::WriteOnly));
-    huge.write(QByteArray::fromStdString(MediaFixtures::pngClaiming(16384, 16384)));
-    huge.close();
+    ASSERT_TRUE(Files::write(folder + "/huge.png",
+                             QByteArray::fromStdString(MediaFixtures::pngClaiming(16384, 16384))));
     {
         AppModel model;
         model.setOffline(true);

@@ -12,6 +12,7 @@
 #include <QProcess>
 #include <QThread>
 
+#include "Files.h"
 #include "MediaFixtures.h"
 #include "ScriptedInteraction.h"
 #include "TempDir.h"
@@ -23,17 +24,8 @@
 
 namespace {
 
-QByteArray read(const QString& path) {
-    QFile f(path);
-    f.open(QIODevice::ReadOnly);
-    return f.readAll();
-}
-
-void write(const QString& path, const QByteArray& bytes) {
-    QFile f(path);
-    f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    f.write(bytes);
-}
+using Files::read;
+using Files::write;
 
 // The sample show: one page "ページ 1" with intro.wav on the A key.
 QByteArray sampleFile(const QString& folder) {

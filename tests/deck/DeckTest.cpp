@@ -9,6 +9,7 @@
 #include <QJsonDocument>
 #include <QProcess>
 
+#include "Files.h"
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
 #include "TempDir.h"
@@ -155,10 +156,7 @@ TEST_F(Decks, BadSlideFilesFailWithTheirMessageAndWriteNothingOutsideTheirFolder
         }
         return QString("built");
     };
-    QFile junk(file("junk.pdf"));
-    ASSERT_TRUE(junk.open(QIODevice::WriteOnly));
-    junk.write(QByteArray(5000, 'x'));
-    junk.close();
+    ASSERT_TRUE(Files::write(file("junk.pdf"), QByteArray(5000, 'x')));
     EXPECT_EQ(failure(file("junk.pdf")), "スライドを読み込めません");
 
     // Half a PDF: whatever of it Poppler can still read, or the same message; never a crash.
@@ -214,9 +212,7 @@ TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
     QImage picture(8, 8, QImage::Format_RGB32);
     picture.fill(Qt::cyan);
     ASSERT_TRUE(picture.save(file("cyan.png")));
-    QFile fake(file("fake.png"));
-    ASSERT_TRUE(fake.open(QIODevice::WriteOnly) && fake.write("no picture") > 0);
-    fake.close();
+    ASSERT_TRUE(Files::write(file("fake.png"), "no picture"));
     const QStringList files{file("tone.wav"), file("cyan.png"), file("movie.mp4"),
                             file("fake.png"), file("gone.wav"), file("tone.wav")};
 

@@ -8,6 +8,7 @@
 #include <QTcpServer>
 #include <QUrl>
 
+#include "Files.h"
 #include "MediaFixtures.h"
 #include "Presentations.h"
 #include "TempDir.h"
@@ -30,8 +31,7 @@ protected:
         return QString::fromStdString(dir.file(name.toStdString()));
     }
     bool write(const QString& name, const QByteArray& bytes) const {
-        QFile out(file(name));
-        return out.open(QIODevice::WriteOnly) && out.write(bytes) == bytes.size();
+        return Files::write(file(name), bytes);
     }
     // `what`'s message, or "built".
     static QString failure(const std::function<void()>& what) {

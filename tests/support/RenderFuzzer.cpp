@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QTextStream>
 
+#include "Files.h"
 #include "MediaFixtures.h"
 #include "audio/AudioClip.h"
 #include "audio/WavWriter.h"
@@ -46,15 +47,11 @@ const char* value(std::mt19937& random, const char* const (&good)[N], const char
 }
 
 QByteArray readAll(const std::string& path) {
-    QFile file(QString::fromStdString(path));
-    file.open(QIODevice::ReadOnly);
-    return file.readAll();
+    return Files::read(QString::fromStdString(path));
 }
 
 void writeAll(const std::string& path, const QByteArray& bytes) {
-    QFile file(QString::fromStdString(path));
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(bytes);
+    Files::write(QString::fromStdString(path), bytes);
 }
 
 } // namespace

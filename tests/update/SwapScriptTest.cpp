@@ -9,6 +9,7 @@
 #include <QProcess>
 #include <QThread>
 
+#include "Files.h"
 #include "TempDir.h"
 
 namespace {
@@ -32,15 +33,9 @@ protected:
         write(script, SwapScript::text().toUtf8());
     }
     static void write(const QString& path, const QByteArray& bytes) {
-        QDir().mkpath(QFileInfo(path).path());
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
+        ASSERT_TRUE(Files::write(path, bytes));
     }
-    static QByteArray read(const QString& path) {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    static QByteArray read(const QString& path) { return Files::read(path); }
     // Runs the script as the updater starts it, waiting for its end; its exit status.
     int swap(qint64 pid, const QString& from, const QStringList& more = {}) {
         QProcess process;

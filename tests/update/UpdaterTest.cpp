@@ -13,6 +13,7 @@
 #include <QProcess>
 #include <QTimer>
 
+#include "Files.h"
 #include "Sanitizer.h"
 #include "TempDir.h"
 #include "TestServer.h"
@@ -33,16 +34,10 @@ QByteArray run(const QString& program, const QStringList& args) {
     return process.readAllStandardOutput().trimmed();
 }
 
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
+using Files::read;
 
 void writeFile(const QString& path, const QByteArray& bytes) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
+    ASSERT_TRUE(Files::write(path, bytes));
 }
 
 // Every file of a tree with its bytes, to tell whether anything changed.
@@ -51,7 +46,7 @@ std::map<QString, QByteArray> snapshot(const QString& root) {
     QDirIterator walk(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (walk.hasNext()) {
         const QString path = walk.next();
-        files[QDir(root).relativeFilePath(path)] = readFile(path);
+        files[QDir(root).relativeFilePath(path)] = read(path);
     }
     return files;
 }
@@ -123,16 +118,16 @@ struct Archives {
         change(folder);
         const QString archive = folder + ".tar.zst";
         run("tar", QStringList{"-C", folder, "--zstd", "-cPf", archive} + paths);
-        return readFile(archive);
+        return read(archive);
     }
 
     Archives() {
         const QString trusted = key("trusted");
         trustedKey = Ed25519::publicKeyOfPem(run("openssl", {"pkey", "-in", trusted, "-pubout"}));
         QFile::copy(release(trusted, "0.2.0", 2), path("good.tar.zst"));
-        bytes["good"] = readFile(path("good.tar.zst"));
-        bytes["other key"] = readFile(release(key("other"), "0.2.0", 2));
-        bytes["replayed"] = readFile(release(trusted, "0.1.0", 1));
+        bytes["good"] = read(path("good.tar.zst"));
+        bytes["other key"] = read(release(key("other"), "0.2.0", 2));
+        bytes["replayed"] = read(release(trusted, "0.1.0", 1));
         bytes["tampered"] = repacked("tampered", [](const QString& folder) {
             QFile program(folder + "/vorlin/bin/vorlin");
             program.open(QIODevice::Append);
