@@ -31,6 +31,7 @@ run: build
 
 test: build
 	@cd $(BUILD_DIR) && $(TEST_ENV) ctest --output-on-failure -j $(JOBS)
+	@scripts/test-share
 
 install: build
 	@scripts/install $(BUILD_DIR) $(PREFIX)
