@@ -20,13 +20,22 @@ inline void constantWav(const QString& path, float level, double seconds) {
     ASSERT_TRUE(wav.finish());
 }
 
-// Channels of a float WAV, found by its chunks.
+// Channels of a float WAV, found by its chunks, whose header must tell the truth: its channels,
+// and sizes that match what the file holds.
 inline std::vector<std::vector<float>> readWav(const QString& path, int channels) {
     QFile file(path);
     file.open(QIODevice::ReadOnly);
     const QByteArray bytes = file.readAll();
     const qsizetype data = bytes.indexOf("data") + 8;
     const auto frames = (bytes.size() - data) / (4 * channels);
+    const auto field = [&](qsizetype at, int size) {
+        std::uint32_t value = 0;
+        std::memcpy(&value, bytes.constData() + at, static_cast<std::size_t>(size));
+        return static_cast<qsizetype>(value);
+    };
+    EXPECT_TRUE(data > 8 && field(4, 4) == bytes.size() - 8 && field(22, 2) == channels &&
+                field(data - 4, 4) == bytes.size() - data && field(data - 12, 4) == frames)
+        << path.toStdString() << ": its header does not say what it holds";
     std::vector<std::vector<float>> out(static_cast<std::size_t>(channels),
                                         std::vector<float>(static_cast<std::size_t>(frames)));
     for (qsizetype i = 0; i < frames; ++i)
