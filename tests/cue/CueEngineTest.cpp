@@ -279,42 +279,39 @@ TEST(CueList, StopCueAndTogglePlaybackFromTheViews) {
 }
 
 TEST(Seek, AudioMovesAtOnceNeverQuiteToTheEndAndNotWhileStopping) {
-    CueStage stage;
-    // Two seconds of a ramp: every sample tells where in the sound it is.
-    const KeyAssignment& a = stage.addKey(kA, "ramp", 0.0f, "1", 2.0);
-    std::vector<float> ramp(96000);
-    for (std::size_t i = 0; i < ramp.size(); ++i)
-        ramp[i] = static_cast<float>(i) / 96000.0f;
-    stage.model.media().table()[a.mediaKey()].clip =
-        std::make_shared<const AudioClip>(std::vector<std::vector<float>>{ramp}, 48000.0);
-    stage.press(kA);
-    stage.run(0.1);
-    ASSERT_EQ(stage.model.live().cues().size(), 1u);
-    EXPECT_EQ(stage.model.live().cues()[0].duration, 2.0);
-    const std::int64_t id = stage.engine().cues()[0]->id;
-
-    stage.model.seek(id, 0.5);
-    auto out = stage.run(0.1);
-    EXPECT_NEAR(out[0][0], 0.5f, 1e-4); // the very next block plays from 1 s
-    const CueRow row = stage.model.live().cues()[0];
-    ASSERT_TRUE(row.position);
-    EXPECT_NEAR(*row.position, 0.5 + 0.1 / 2.0, 0.02);
-
-    stage.model.seek(id, 7.0); // clamped to 99.9 %: 2 ms are left to play
-    out = stage.run(0.1);
-    EXPECT_NEAR(out[0][0], 0.999f, 1e-4);
-    EXPECT_EQ(out[0][200], 0.0f);
-    EXPECT_TRUE(stage.model.live().cues().empty());
-
-    // A cue fading out stays where it is.
-    stage.press(kA);
-    stage.run(0.5);
-    stage.press(kA); // toggle: fades out over 1 s
-    const std::int64_t fading = stage.engine().cues()[0]->id;
-    stage.model.seek(fading, 0.0);
-    stage.run(0.1);
-    ASSERT_EQ(stage.model.live().cues().size(), 1u);
-    EXPECT_GT(*stage.model.live().cues()[0].position, 0.25);
+    // Two seconds of a ramp: every sample tells where in the sound it is. A seek lands at its
+    // fraction of the length, 0 at the least and 99.9 % at the most, in the very next block;
+    // a cue that is stopping stays where it is.
+    const std::pair<double, double> rows[] = {{0.5, 0.5},  {0.25, 0.25},   {0.0, 0.0},
+                                              {-1.0, 0.0}, {0.999, 0.999}, {1.0, 0.999},
+                                              {7.0, 0.999}};
+    for (const auto& [fraction, lands] : rows) {
+        CueStage stage;
+        const KeyAssignment& a = stage.addKey(kA, "ramp", 0.0f, "1", 2.0);
+        std::vector<float> ramp(96000);
+        for (std::size_t i = 0; i < ramp.size(); ++i)
+            ramp[i] = static_cast<float>(i) / 96000.0f;
+        stage.model.media().table()[a.mediaKey()].clip =
+            std::make_shared<const AudioClip>(std::vector<std::vector<float>>{ramp}, 48000.0);
+        stage.press(kA);
+        stage.run(0.1);
+        ASSERT_EQ(stage.model.live().cues().size(), 1u);
+        EXPECT_EQ(stage.model.live().cues()[0].duration, 2.0);
+        stage.model.seek(stage.engine().cues()[0]->id, fraction);
+        const auto out = stage.run(0.1);
+        EXPECT_NEAR(out[0][0], lands, 1e-4) << fraction;
+        if (lands < 0.9) {
+            ASSERT_TRUE(stage.model.live().cues()[0].position) << fraction;
+            EXPECT_NEAR(*stage.model.live().cues()[0].position, lands + 0.1 / 2.0, 0.02);
+        } else { // 2 ms left: it ends
+            EXPECT_EQ(out[0][200], 0.0f) << fraction;
+            EXPECT_TRUE(stage.model.live().cues().empty()) << fraction;
+            continue;
+        }
+        stage.press(kA); // toggle: fades out over 1 s, and a seek leaves it alone
+        stage.model.seek(stage.engine().cues()[0]->id, 0.9);
+        EXPECT_NEAR(stage.run(0.1)[0][0], lands + 0.1 / 2.0, 1e-3) << fraction;
+    }
 }
 
 TEST(Seek, MovieAndItsSoundResumeTogetherATenthOfASecondLater) {
