@@ -183,6 +183,12 @@ TEST_F(Views, MuteSwitchesSilenceTheirOutputAndTheToneGoesWhereChosen) {
     tone->setCurrentIndex(0);
     emit tone->activated(0);
     EXPECT_EQ(peakOfTail(stage.run(0.1)[3]), 0.0f);
+    // A tone set elsewhere follows in the choice: the last output, or off past the outputs.
+    for (const auto& [channel, shown] : {std::pair{7, 8}, {8, 0}, {2, 3}}) {
+        stage.model.setToneChannel(channel);
+        EXPECT_EQ(tone->currentIndex(), shown) << channel;
+    }
+    stage.model.setToneChannel(std::nullopt);
 
     // The meter mode is remembered for the next window.
     EXPECT_FALSE(meters.showsSources());
@@ -340,6 +346,24 @@ TEST_F(Views, OutputBarListsDevicesAndChoosesOne) {
     auto* fade = bar.findChild<QDoubleSpinBox*>();
     fade->setValue(2.5);
     EXPECT_EQ(stage.model.stopAllFade(), 2.5);
+
+    // Silence is said in red: no operator has to guess at it.
+    stage.model.audio().start(std::string("null"));
+    bar.setDevices({});
+    QLabel* active = nullptr;
+    for (QLabel* label : bar.findChildren<QLabel*>())
+        active = label->text().startsWith("→") ? label : active;
+    ASSERT_NE(active, nullptr);
+    EXPECT_TRUE(active->text().startsWith("→ 出力なし")) << active->text().toStdString();
+    const QImage drawn = active->grab().toImage();
+    int red = 0;
+    for (int y = 0; y < drawn.height(); ++y)
+        for (int x = 0; x < drawn.width(); ++x) {
+            const QColor c = drawn.pixelColor(x, y);
+            red += c.red() > 150 && c.green() < 100 && c.blue() < 100;
+        }
+    EXPECT_GT(red, 20);
+    stage.model.audio().stop();
 }
 
 } // namespace
