@@ -29,6 +29,7 @@
 #include "app/PageListPanel.h"
 #include "app/RoutingMatrixView.h"
 #include "app/UpdaterDialogs.h"
+#include "app/WaveformView.h"
 #include "model/Prefs.h"
 
 namespace {
@@ -114,6 +115,15 @@ TEST_F(Views, DetailPanelEditsTheKeyAndThePlayingVoiceAtOnce) {
     auto* fadeOut = field<QDoubleSpinBox>("fadeOut");
     fadeOut->setValue(3.5);
     EXPECT_EQ(stage.doc().assignments[2].fadeOut, 3.5);
+
+    // The waveform fills its width whenever it changes.
+    auto* waveform = window->detail().findChild<WaveformView*>();
+    ASSERT_NE(waveform, nullptr);
+    for (const int width : {waveform->width() + 150, waveform->width() / 2}) {
+        waveform->resize(width, waveform->height());
+        const QImage drawn = waveform->grab().toImage();
+        EXPECT_EQ(drawn.pixelColor(width - 4, drawn.height() / 2), QColor(90, 170, 230)) << width;
+    }
 
     // Another key selected: the panel shows that one; an empty key says how to fill it.
     stage.addKey(3, "f", 0.5f, "1");
