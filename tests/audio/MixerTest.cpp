@@ -360,9 +360,14 @@ TEST_F(MixerTest, ChannelsAbove64AreZeroedAndNeverFed) {
         list.push_back({channel.data(), channel.size() * sizeof(float)});
     list[3].data = nullptr; // a channel the device leaves out is skipped
     mixer.play(constantClip(0.5f, 1000), {{0, 3}, {0, 63}, {0, 70}}, 1.0f, 0.0, false, false);
+    auto stream = std::make_shared<AudioStream>(1, 1000, kRate, 0, 1000); // and a stream voice
+    const std::vector<float> quarter(1000, 0.25f);
+    const float* from = quarter.data();
+    ASSERT_EQ(stream->write(&from, 1000), 1000);
+    mixer.playStream(stream, {{0, 3}, {0, 63}, {0, 70}}, 1.0f, 0.0, false);
     mixer.render(256, AudioTimeStamp{}, list);
     EXPECT_EQ(channels[3][0], 7.0f);
-    EXPECT_EQ(channels[63][0], 0.5f);
+    EXPECT_EQ(channels[63][0], 0.75f);
     for (int c = 64; c < 80; ++c)
         ASSERT_EQ(countNonZero(channels[c]), 0) << "channel " << c;
     EXPECT_EQ(mixer.takeMeters(64)[3], 0.0f);
