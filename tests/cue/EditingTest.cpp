@@ -66,7 +66,9 @@ TEST_F(Editing, DropPoliciesAskAppendReplaceOrCancel) {
 }
 
 TEST_F(Editing, SeveralFilesOnAnEmptyKeyBecomeAListOrSpreadOverFreeKeys) {
-    script.buttons = {0};
+    script.buttons = {2, 0}; // cancelled: nothing placed; then one list
+    editor().place({file("1.wav"), file("2.wav"), file("3.wav")}, kQ);
+    EXPECT_TRUE(keys().empty());
     editor().place({file("1.wav"), file("2.wav"), file("3.wav")}, kQ);
     EXPECT_EQ(script.asked[0], "3 個のファイルをどう入れますか？");
     EXPECT_EQ(script.asked[2], "Q キーにまとめる|後ろの空きキーに 1 つずつ|キャンセル");
@@ -348,7 +350,13 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     notAPdf.close();
     editor().assign(file("deck.pdf"), kD);
     editor().assignList({tone, tone}, kF);
+    const MediaFixtures::Video picture{64, 48, 0.0, 0.5};
+    ASSERT_TRUE(MediaFixtures::write(dir.file("silent.mp4"), "aac", {}, &picture));
+    editor().assign(file("silent.mp4"), 5);
     Wait::until(loaded, 10000);
+    const MediaInfo& silent = stage.model.media().table().at(file("silent.mp4"));
+    EXPECT_TRUE(silent.probe.hasVideo && !silent.clip && !silent.audioViaPlayer &&
+                !silent.error); // a movie without sound: pictures, nothing to hear
     EXPECT_EQ(stage.model.media().table().at(file("gone.wav")).error,
               QString("ファイルが見つかりません"));
     EXPECT_EQ(stage.model.status().text(), "見つからないファイルがあります: gone.wav");

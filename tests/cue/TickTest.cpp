@@ -47,6 +47,19 @@ TEST(Tick, SourceMetersFollowTheKeysVoicesAndDropWhenTheyStop) {
     stage.run(0.1);
     EXPECT_EQ(stage.model.live().sourceMeters().count(kA), 0u);
     EXPECT_EQ(stage.model.live().progress().count(kA), 0u);
+
+    // A voice that plays on in silence: its meter falls by 0.86 a tick.
+    std::vector<float> loudThenSilent(48000, 0.0f);
+    std::fill_n(loudThenSilent.begin(), 4800, 0.5f);
+    stage.model.media().table()[a.mediaKey()].clip = std::make_shared<const AudioClip>(
+        std::vector<std::vector<float>>{loudThenSilent}, 48000.0);
+    stage.press(kA);
+    stage.run(0.2);
+    const float before = stage.model.live().sourceMeters().at(kA)[0];
+    EXPECT_TRUE(before > 0.0f && before < 0.25f) << before;
+    for (int i = 0; i < 5 && stage.model.live().sourceMeters().at(kA)[0] == before; ++i)
+        stage.run(0.02); // a tick at the most in 20 ms
+    EXPECT_FLOAT_EQ(stage.model.live().sourceMeters().at(kA)[0], before * 0.86f);
 }
 
 TEST(Tick, FinishedCuesAreRemovedAndTheListPublishedOnlyOnChange) {
