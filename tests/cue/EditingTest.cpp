@@ -192,6 +192,13 @@ TEST_F(Editing, PagesAreAddedSteppedRenamedMovedAndDeleted) {
     stage.run(0.05);
     ASSERT_EQ(stage.model.live().cues().size(), 1u);
     EXPECT_EQ(stage.model.live().cues()[0].pageName, QString("削除したページ"));
+
+    // Deleting a page in front of the current one keeps what the current one just got.
+    editor().assign(file("s.wav"), kS);
+    script.buttons = {0};
+    editor().deletePage(0);
+    ASSERT_EQ(stage.doc().pages.size(), 1u);
+    EXPECT_EQ(keys().at(kS).path, file("s.wav"));
 }
 
 // Every edit is one step: undo gives back the document before it (all pages, the current page,
