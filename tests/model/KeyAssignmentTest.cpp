@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <QFile>
+#include <QSettings>
+
 #include "model/KeyPalette.h"
 #include "model/Prefs.h"
 #include "model/ShowDocument.h"
@@ -34,6 +37,19 @@ TEST_F(Preferences, FreshAccountReadsTheRegisteredDefaults) {
     // Unregistered keys fall back to what the reader gives.
     EXPECT_TRUE(Prefs::value(Prefs::kAutoCheckUpdates, true).toBool());
     EXPECT_EQ(Prefs::lastKeymapKey(2), "lastKeymap.instance2");
+
+    // Changes are in the file at once, for another instance or a command started now.
+    QFile file(QSettings(QStringLiteral("Vorlin"), QStringLiteral("Vorlin")).fileName());
+    const auto onDisk = [&] {
+        file.open(QIODevice::ReadOnly);
+        const bool found = file.readAll().contains("spread");
+        file.close();
+        return found;
+    };
+    Prefs::setValue(Prefs::kMultiDrop, "spread");
+    EXPECT_TRUE(onDisk());
+    Prefs::remove(Prefs::kMultiDrop);
+    EXPECT_FALSE(onDisk());
 }
 
 TEST_F(Preferences, NewAssignmentsReadTheDefaultsAtTheMomentOfTheCall) {
