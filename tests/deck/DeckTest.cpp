@@ -217,6 +217,9 @@ TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
                             file("fake.png"), file("gone.wav"), file("tone.wav")};
 
     const auto deck = DeckBuilder::buildList(files);
+    const DeckBuilder::CancelFlag cancelled{true};
+    EXPECT_THROW(DeckBuilder::loadMedia(*deck, 48000.0, &cancelled), DeckError);
+    EXPECT_TRUE(deck->clips.empty()); // cancelled: nothing decoded
     DeckBuilder::loadMedia(*deck, 48000.0);
     ASSERT_EQ(deck->manifest.items.size(), 6u);
     using Kind = DeckItem::Kind;
