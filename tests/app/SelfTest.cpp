@@ -40,9 +40,11 @@
 #include <QTimer>
 #include <QWindow>
 
+#include "Files.h"
 #include "MediaFixtures.h"
 #include "PdfFixture.h"
 #include "Wait.h"
+#include "Widgets.h"
 #include "XInput.h"
 #include "app/CueListView.h"
 #include "app/DeckPanel.h"
@@ -300,22 +302,6 @@ bool assignMovie(AppModel& model, const QString& folder, Log& log) {
     model.editor().assign(QString::fromStdString(movie), kMovieKey);
     waitForMedia(model);
     return true;
-}
-
-// The first of `items` whose text (a menu's title) begins with `text`.
-template <typename T> T* startingWith(const QList<T*>& items, const QString& text) {
-    for (T* item : items) {
-        QString shown;
-        if constexpr (std::is_base_of_v<QMenu, T>)
-            shown = item->title();
-        else if constexpr (std::is_base_of_v<QComboBox, T>)
-            shown = item->currentText();
-        else
-            shown = item->text();
-        if (shown.startsWith(text))
-            return item;
-    }
-    return nullptr;
 }
 
 // The output surface on screen that `is` picks, if there is one.
@@ -729,11 +715,8 @@ void checkDeckProgress(AppModel& model, MainWindow& window, const QString& folde
 
 // Whether the show file at `path` has something on `code` on its current page.
 bool savedHas(const QString& path, KeyCode code) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
     try {
-        const KeymapDocument doc = KeymapDocument::decode(file.readAll());
+        const KeymapDocument doc = KeymapDocument::decode(Files::read(path));
         const std::size_t current = static_cast<std::size_t>(doc.currentPage.value_or(0));
         return doc.pages && current < doc.pages->size() &&
                (*doc.pages)[current].keys.count(QString::number(code));

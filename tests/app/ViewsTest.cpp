@@ -18,6 +18,7 @@
 #include "Files.h"
 #include "ScriptedInteraction.h"
 #include "TempDir.h"
+#include "Widgets.h"
 #include "app/CueListView.h"
 #include "app/DeckPanel.h"
 #include "app/DetailPanel.h"
@@ -202,9 +203,9 @@ TEST_F(Views, MuteSwitchesSilenceTheirOutputAndTheToneGoesWhereChosen) {
 
     // The meter mode is remembered for the next window.
     EXPECT_FALSE(meters.showsSources());
-    for (QPushButton* button : meters.findChildren<QPushButton*>())
-        if (button->text() == "素材")
-            button->click();
+    QPushButton* sources = startingWith(meters.findChildren<QPushButton*>(), "素材");
+    ASSERT_NE(sources, nullptr);
+    sources->click();
     EXPECT_EQ(Prefs::value(Prefs::kMeterMode).toString(), "source");
     EXPECT_TRUE(MeterPanel(stage.model).showsSources());
 }
@@ -238,10 +239,7 @@ TEST_F(Views, PageListSwitchesReordersDeletesAndMarksPlayingPages) {
     EXPECT_TRUE(list.item(0)->text().contains("ページ 3"));
 
     // Delete asks first; "キャンセル" keeps the page, "削除" removes it.
-    QPushButton* remove = nullptr;
-    for (QPushButton* button : window->pageList().findChildren<QPushButton*>())
-        if (button->text() == "削除…")
-            remove = button;
+    QPushButton* remove = startingWith(window->pageList().findChildren<QPushButton*>(), "削除…");
     ASSERT_NE(remove, nullptr);
     script.buttons = {1};
     remove->click();

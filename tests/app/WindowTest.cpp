@@ -25,6 +25,7 @@
 #include "PdfFixture.h"
 #include "TempDir.h"
 #include "Wait.h"
+#include "Widgets.h"
 #include "app/KeyInput.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
@@ -435,10 +436,7 @@ TEST_F(Window, AMoviePlaysInTheMonitorView) {
 // 再生 › 映像の出力先 lists the window and every display (the main window's marked), chooses
 // them, and names a wanted display that is not attached.
 TEST_F(Window, TheOutputMenuListsTheWindowAndTheDisplays) {
-    QMenu* menu = nullptr;
-    for (QMenu* candidate : window->findChildren<QMenu*>())
-        if (candidate->title() == QStringLiteral("映像の出力先"))
-            menu = candidate;
+    QMenu* menu = startingWith(window->findChildren<QMenu*>(), "映像の出力先");
     ASSERT_NE(menu, nullptr);
     auto entries = [&] {
         emit menu->aboutToShow();
@@ -465,9 +463,9 @@ TEST_F(Window, TheOutputMenuListsTheWindowAndTheDisplays) {
     EXPECT_EQ(model.videoOutputs(), QStringList{"2: Projector（1024×768）"});
 
     // Identifying the displays: a number on each for 2.5 s.
-    for (QAction* action : window->findChildren<QAction*>())
-        if (action->text() == QStringLiteral("画面を識別（番号を表示）"))
-            action->trigger();
+    QAction* identify = startingWith(window->findChildren<QAction*>(), "画面を識別（番号を表示）");
+    ASSERT_NE(identify, nullptr);
+    identify->trigger();
     auto numbers = [] {
         int shown = 0;
         for (QWidget* top : QApplication::topLevelWidgets())

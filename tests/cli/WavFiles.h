@@ -5,9 +5,9 @@
 #include <vector>
 
 #include <QByteArray>
-#include <QFile>
 #include <QString>
 
+#include "Files.h"
 #include "audio/WavWriter.h"
 
 // A mono float WAV holding one constant level.
@@ -23,9 +23,7 @@ inline void constantWav(const QString& path, float level, double seconds) {
 // Channels of a float WAV, found by its chunks, whose header must tell the truth: its channels,
 // and sizes that match what the file holds.
 inline std::vector<std::vector<float>> readWav(const QString& path, int channels) {
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
-    const QByteArray bytes = file.readAll();
+    const QByteArray bytes = Files::read(path);
     const qsizetype data = bytes.indexOf("data") + 8;
     const auto frames = (bytes.size() - data) / (4 * channels);
     const auto field = [&](qsizetype at, int size) {
