@@ -175,10 +175,17 @@ TEST_F(Decks, BadSlideFilesFailWithTheirMessageAndWriteNothingOutsideTheirFolder
               0);
     EXPECT_EQ(failure(file("locked.pdf")), DeckError::kLocked);
 
+    // A page of no width has nothing to show.
+    ASSERT_TRUE(Files::write(file("flat.pdf"), "%PDF-1.4\n1 0 obj <</Type/Catalog/Pages 2 0 R>> "
+                                               "endobj 2 0 obj <</Type/Pages/Kids[3 0 R]/Count 1>> "
+                                               "endobj 3 0 obj <</Type/Page/Parent 2 0 R/MediaBox"
+                                               "[0 0 0 100]>> endobj trailer <</Root 1 0 R>>\n"));
+    EXPECT_EQ(failure(file("flat.pdf")), DeckError::kEmptyPage);
+
     const QStringList files = cacheFiles();
     for (const QString& written : files)
         EXPECT_TRUE(written.startsWith("cut-")) << written.toStdString();
-    EXPECT_EQ(QDir(file("")).entryList(QDir::Files).size(), 5); // the sources, untouched
+    EXPECT_EQ(QDir(file("")).entryList(QDir::Files).size(), 6); // the sources, untouched
 }
 
 // Clearing the key, closing the show or quitting cancels a build: it stops within a page or two
