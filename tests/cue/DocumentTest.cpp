@@ -1,4 +1,5 @@
 #include <csignal>
+#include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
 #include <random>
@@ -225,51 +226,48 @@ TEST_F(Document, ReadRulesForPagesCurrentPageAndKeyStrings) {
     EXPECT_EQ(model.document().currentPage, 0u);
 }
 
+// A file that cannot be read whole is not opened at all, and says why: not JSON, not an object,
+// a value no editor could set (naming its page and key when it is a key's), a file not there.
 TEST_F(Document, ABadFileFailsWholeAndLeavesTheModelUntouched) {
     AppModel model;
     model.document().assignments[0] = KeyAssignment("/show/keep.wav", 0);
     const QString path = folder + "/bad.vorlin";
-    QByteArray text = sampleFile(folder);
-    text.replace("\"mode\": \"toggle\"", "\"mode\": \"loop-forever\"");
-    write(path, text);
-    EXPECT_THROW(model.open(path), DocumentError);
-    EXPECT_EQ(model.document().assignments.at(0).path, "/show/keep.wav");
-    EXPECT_FALSE(model.session().documentPath());
-    write(path, "{ not json");
-    try {
-        model.open(path);
-        FAIL();
-    } catch (const DocumentError& error) {
-        EXPECT_TRUE(error.message().startsWith("JSON として読めません"));
-    }
-    EXPECT_THROW(model.open(folder + "/missing.vorlin"), DocumentError);
-
-    auto messageOf = [&](const QByteArray& bytes) {
-        write(path, bytes);
+    const QByteArray good = sampleFile(folder);
+    // The sample file with `from` replaced by `to`, in the page's copy of the key or in the
+    // top level's; "*" stands for the whole file.
+    const std::tuple<const char*, const char*, bool, const char*> rows[] = {
+        {"*", "{ not json", false, "JSON として読めません"},
+        {"*", "[]", false, "キーマップの形式ではありません（JSON のオブジェクトではありません）"},
+        {"\"mode\": \"toggle\"", "\"mode\": \"loop-forever\"", false,
+         "キー A（0）: 「mode」の値が正しくありません"},
+        {"\"volume\": 1", "\"volume\": 1e18", true,
+         "ページ「ページ 1」のキー A（0）: 「volume」の値が範囲外です（0〜3.98107）"},
+        {"\"fadeIn\": 0", "\"fadeIn\": -2", false,
+         "キー A（0）: 「fadeIn」の値が範囲外です（0〜60）"},
+        {"\"masterVolume\": 1", "\"masterVolume\": 1e39", false,
+         "「masterVolume」の値が範囲外です（0〜1）"},
+        {"\"mutedOutputs\": [", "\"mutedOutputs\": [65", false,
+         "「mutedOutputs」の値が範囲外です（1〜64）"},
+    };
+    for (const auto& [from, to, inPage, said] : rows) {
+        QByteArray text = to;
+        if (QByteArray(from) != "*") {
+            text = good;
+            text.replace(inPage ? text.lastIndexOf(from) : text.indexOf(from),
+                         static_cast<qsizetype>(std::strlen(from)), to);
+        }
+        write(path, text);
+        QString message = "opened";
         try {
             model.open(path);
         } catch (const DocumentError& error) {
-            return error.message();
+            message = error.message();
         }
-        return QString("opened");
-    };
-    EXPECT_EQ(messageOf("[]"),
-              "キーマップの形式ではありません（JSON のオブジェクトではありません）");
-    // A number no operator could have set names its page and key, and nothing is opened.
-    QByteArray loud = sampleFile(folder);
-    loud.replace(loud.lastIndexOf("\"volume\": 1"), 11, "\"volume\": 1e18");
-    EXPECT_EQ(messageOf(loud),
-              "ページ「ページ 1」のキー A（0）: 「volume」の値が範囲外です（0〜3.98107）");
-    QByteArray master = sampleFile(folder);
-    master.replace("\"masterVolume\": 1", "\"masterVolume\": 1e39");
-    EXPECT_EQ(messageOf(master), "「masterVolume」の値が範囲外です（0〜1）");
-    QByteArray fade = sampleFile(folder);
-    fade.replace(fade.indexOf("\"fadeIn\": 0"), 11, "\"fadeIn\": -2");
-    EXPECT_EQ(messageOf(fade), "キー A（0）: 「fadeIn」の値が範囲外です（0〜60）");
-    QByteArray muted = sampleFile(folder);
-    muted.replace("\"mutedOutputs\": [", "\"mutedOutputs\": [65");
-    EXPECT_EQ(messageOf(muted), "「mutedOutputs」の値が範囲外です（1〜64）");
-    EXPECT_EQ(model.document().assignments.at(0).path, "/show/keep.wav");
+        EXPECT_TRUE(message.startsWith(QString::fromUtf8(said))) << message.toStdString();
+        EXPECT_EQ(model.document().assignments.at(0).path, "/show/keep.wav") << said;
+        EXPECT_FALSE(model.session().documentPath()) << said;
+    }
+    EXPECT_THROW(model.open(folder + "/missing.vorlin"), DocumentError);
 }
 
 TEST_F(Document, SavingKeepsPermissionsFollowsLinksAndLeavesNoTemporaries) {
