@@ -127,7 +127,6 @@ TEST(Instances, RunningCopiesNumberThemselvesAndAFreedNumberIsReused) {
 
 } // namespace
 
-#include <QCoreApplication>
 #include <QFileInfo>
 
 #include "app/DemoShow.h"

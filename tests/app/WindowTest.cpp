@@ -6,14 +6,12 @@
 #include <QAbstractSlider>
 #include <QApplication>
 #include <QComboBox>
-#include <QElapsedTimer>
 #include <QImage>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMessageBox>
 #include <QMimeData>
-#include <QPushButton>
 #include <QRegularExpression>
 #include <QScrollBar>
 #include <QTabBar>

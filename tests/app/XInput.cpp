@@ -2,7 +2,6 @@
 
 // clang-format off
 // Qt first: Xlib's macros (Bool, Status, KeyPress …) break Qt's headers.
-#include <QCoreApplication>
 #include <QWidget>
 
 #include "Wait.h"

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <thread>
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QThread>

@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <QCoreApplication>
-
 #include "CueStage.h"
 #include "TempDir.h"
 #include "Wait.h"

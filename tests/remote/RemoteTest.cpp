@@ -7,11 +7,8 @@
 #include <thread>
 #include <unistd.h>
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QEventLoop>
 #include <QNetworkDatagram>
-#include <QTimer>
 #include <QUdpSocket>
 #include <QtEndian>
 
@@ -132,21 +129,12 @@ TEST(RemoteCommands, EveryAddressWithItsArgumentsAndNothingElse) {
     }
 }
 
-TEST_F(Remote, AKeyFiredByOscSoundsExactlyAsFromTheKeyboard) {
-    CueStage keyboard;
-    keyboard.addKey(kA, "a", 0.5f, "1").fadeIn = 0.05;
-    stage.doc().assignments[kA].fadeIn = 0.05;
-    keyboard.run(0.01);
-    stage.run(0.01);
-    keyboard.press(kA);
+// (That a key fired by OSC sounds sample for sample as from the keyboard is shown by the render
+// of a script of OSC lines.) By its number or its label, down and up again for a hold key.
+TEST_F(Remote, AKeyIsFiredByItsNumberOrLabel) {
     lo_send(target, "/vorlin/key", "ii", 0, 1);
     ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }));
-    const auto byKeyboard = keyboard.run(0.5);
-    const auto byOsc = stage.run(0.5);
-    EXPECT_EQ(byOsc, byKeyboard);
     EXPECT_EQ(remote.osc().counts().received, 1);
-
-    // By its label, and up again for a hold key.
     stage.doc().assignments[kS].mode = KeyMode::hold;
     lo_send(target, "/vorlin/key/S", "i", 1);
     ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kS); }));
