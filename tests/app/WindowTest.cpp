@@ -24,6 +24,7 @@
 #include "TempDir.h"
 #include "Wait.h"
 #include "Widgets.h"
+#include "app/BackgroundInput.h"
 #include "app/KeyInput.h"
 #include "app/KeyboardView.h"
 #include "app/MainWindow.h"
@@ -72,38 +73,84 @@ protected:
     KeyInput keys{model};
 };
 
-TEST_F(Window, KeysReachTheShowWithTheirCodeShiftAndRepeat) {
-    send(QEvent::KeyPress, Qt::Key_S, KEY_S);
+// A key from either input, the window's or the keyboard device's while another program is in
+// front, goes by one rule: Ctrl, Alt or Meta held make it a shortcut, never a show key; a repeat
+// does nothing; Shift only ever stops, on a stopped key it starts nothing.
+TEST_F(Window, KeysFromTheWindowAndFromTheBackgroundGoByOneRule) {
+    const Qt::KeyboardModifiers none;
+    const struct Row {
+        const char* what;
+        Qt::KeyboardModifiers held;
+        bool repeat, runningBefore, selected, runningAfter;
+    } rows[] = {
+        {"D", none, false, false, true, true},
+        {"D again (a toggle)", none, false, true, true, false},
+        {"a repeat", none, true, true, false, true},
+        {"Shift+D running", Qt::ShiftModifier, false, true, true, false},
+        {"Shift+D stopped", Qt::ShiftModifier, false, false, true, false},
+        {"Ctrl+D", Qt::ControlModifier, false, false, false, false},
+        {"Alt+D", Qt::AltModifier, false, false, false, false},
+        {"Meta+D", Qt::MetaModifier, false, false, false, false},
+        {"Ctrl+Shift+D running", Qt::ControlModifier | Qt::ShiftModifier, false, true, false, true},
+        {"D, Shift let go", none, false, false, true, true},
+    };
+    const std::pair<Qt::KeyboardModifier, std::uint32_t> devices[] = {
+        {Qt::ShiftModifier, KEY_RIGHTSHIFT},
+        {Qt::ControlModifier, KEY_LEFTCTRL},
+        {Qt::AltModifier, KEY_LEFTALT},
+        {Qt::MetaModifier, KEY_LEFTMETA}};
+    addToggleKeyD(model);
+    BackgroundInput background(model, [] { return false; });
+    for (const bool fromWindow : {true, false})
+        for (const Row& row : rows) {
+            SCOPED_TRACE(std::string(row.what) + (fromWindow ? " in the window" : " in front"));
+            model.stopAll(true);
+            if (row.runningBefore)
+                model.handleKey(2, true, false, false);
+            model.document().selectedKey = 1;
+            if (fromWindow) {
+                send(QEvent::KeyPress, Qt::Key_D, KEY_D, row.held, row.repeat);
+                send(QEvent::KeyRelease, Qt::Key_D, KEY_D, row.held);
+            } else {
+                for (const auto& [modifier, evdev] : devices)
+                    if (row.held & modifier)
+                        background.keyEvent(evdev, 1);
+                background.keyEvent(KEY_D, row.repeat ? 2 : 1);
+                background.keyEvent(KEY_D, 0);
+                for (const auto& [modifier, evdev] : devices)
+                    if (row.held & modifier)
+                        background.keyEvent(evdev, 0);
+            }
+            EXPECT_EQ(model.document().selectedKey == 2, row.selected);
+            EXPECT_EQ(model.isRunning(2), row.runningAfter);
+        }
+    // The background input leaves the keys to the window while the program is in front.
+    bool front = true;
+    BackgroundInput behind(model, [&] { return front; });
+    model.document().selectedKey = 5;
+    behind.keyEvent(KEY_S, 1);
+    EXPECT_EQ(model.document().selectedKey, 5);
+    front = false;
+    behind.keyEvent(KEY_S, 1);
     EXPECT_EQ(model.document().selectedKey, 1);
+}
+
+TEST_F(Window, KeysReachTheShowByTheirPlaceAndTheCueListKeepsItsRows) {
     send(QEvent::KeyPress, Qt::Key_Semicolon, KEY_SEMICOLON);
     EXPECT_EQ(model.document().selectedKey, 41);
-    // Ctrl, Alt and Meta keys are menu shortcuts, never show keys.
-    send(QEvent::KeyPress, Qt::Key_D, KEY_D, Qt::ControlModifier);
-    send(QEvent::KeyPress, Qt::Key_D, KEY_D, Qt::AltModifier);
-    EXPECT_EQ(model.document().selectedKey, 41);
+    // A platform without scan codes still works through the Qt key.
+    QKeyEvent plain(QEvent::KeyPress, Qt::Key_F1, Qt::NoModifier);
+    QApplication::sendEvent(window.get(), &plain);
+    EXPECT_EQ(model.document().selectedKey, 122);
 
-    // Through to the cue engine: Shift+key stops, a repeat is ignored, a toggle starts and stops.
     addToggleKeyD(model);
     send(QEvent::KeyPress, Qt::Key_D, KEY_D);
-    EXPECT_TRUE(model.isRunning(2));
     model.tick();
     ASSERT_EQ(window->cueList().rowCount(), 1);
     EXPECT_EQ(window->cueList().item(0, 0)->text(), "d");
     QWidget* stopButton = window->cueList().cellWidget(0, 4);
     model.tick(); // progress moves on; the row's button stays the same one
     EXPECT_EQ(window->cueList().cellWidget(0, 4), stopButton);
-    send(QEvent::KeyPress, Qt::Key_D, KEY_D, {}, true); // auto-repeat: nothing
-    EXPECT_TRUE(model.isRunning(2));
-    // Shift+key only ever stops: on a stopped key it starts nothing.
-    for (int press = 0; press < 2; ++press) {
-        send(QEvent::KeyRelease, Qt::Key_D, KEY_D);
-        send(QEvent::KeyPress, Qt::Key_D, KEY_D, Qt::ShiftModifier);
-        EXPECT_FALSE(model.isRunning(2));
-    }
-    // A platform without scan codes still works through the Qt key.
-    QKeyEvent plain(QEvent::KeyPress, Qt::Key_F1, Qt::NoModifier);
-    QApplication::sendEvent(window.get(), &plain);
-    EXPECT_EQ(model.document().selectedKey, 122);
 }
 
 // Nothing in the window but a text field ever takes the keyboard: lists, buttons, choices and
@@ -193,45 +240,9 @@ TEST_F(Window, FilesDroppedOnAKeyCellArePlacedOnIt) {
 
 #include <QFile>
 
-#include "app/BackgroundInput.h"
 #include "app/DetailPanel.h"
 
 namespace {
-
-TEST(BackgroundKeys, OnlyWhileAnotherProgramIsInFrontAndWithoutCtrlAltMeta) {
-    AppModel model;
-    model.setOffline(true);
-    bool active = false;
-    BackgroundInput input(model, [&] { return active; });
-
-    input.keyEvent(KEY_S, 1);
-    EXPECT_EQ(model.document().selectedKey, 1);
-    active = true; // Vorlin in front: the local input has the keys
-    input.keyEvent(KEY_D, 1);
-    EXPECT_EQ(model.document().selectedKey, 1);
-    active = false;
-    input.keyEvent(KEY_LEFTCTRL, 1);
-    input.keyEvent(KEY_D, 1);
-    EXPECT_EQ(model.document().selectedKey, 1);
-    input.keyEvent(KEY_LEFTCTRL, 0);
-
-    // Shift held on the device stops the key; a repeat is a repeat.
-    addToggleKeyD(model);
-    input.keyEvent(KEY_D, 1);
-    EXPECT_TRUE(model.isRunning(2));
-    input.keyEvent(KEY_D, 2);
-    EXPECT_TRUE(model.isRunning(2));
-    input.keyEvent(KEY_RIGHTSHIFT, 1);
-    for (int press = 0; press < 2; ++press) { // stops, then starts nothing
-        input.keyEvent(KEY_D, 0);
-        input.keyEvent(KEY_D, 1);
-        EXPECT_FALSE(model.isRunning(2));
-    }
-    input.keyEvent(KEY_RIGHTSHIFT, 0);
-    input.keyEvent(KEY_D, 0);
-    input.keyEvent(KEY_D, 1);
-    EXPECT_TRUE(model.isRunning(2)); // Shift let go is seen too
-}
 
 TEST(BackgroundKeys, NoReadableKeyboardSaysHowToGrantAccess) {
     TempDir dir;
