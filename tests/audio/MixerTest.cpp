@@ -253,6 +253,36 @@ TEST_F(MixerTest, SeekClampsToTheClipAndCanResynchroniseToAHostTime) {
     EXPECT_EQ(mixer.snapshot().at(id).progress, ended);
 }
 
+// The device's clock runs on from block to block by the frames the device played, so pictures
+// keep to its crystal; a block that comes a tenth of a second or more away from where the count
+// puts it (the device stopped, or another took over) begins where host time says. Before the
+// first block it is host time itself.
+TEST_F(MixerTest, TheDeviceClockRunsByTheFrameCountUnlessABlockIsATenthOfASecondOff) {
+    std::vector<float> samples(4800); // 0.1 s blocks
+    const AudioChannelBuffer buffer[] = {{samples.data(), sizeof(float) * samples.size()}};
+    const std::uint64_t first = 1'000'000'000'000;
+    EXPECT_DOUBLE_EQ(mixer.deviceSeconds(first + 7), static_cast<double>(first + 7) * 1e-9);
+    // Each row: when the next block comes after the one before (ns), and how far that moves the
+    // device's clock (s).
+    const std::pair<std::int64_t, double> rows[] = {
+        {0, 1000.0},                               // the first block: host time
+        {100'000'000, 0.1},  {190'000'000, 0.1},   // on time, 0.09 s late: by the count
+        {10'000'000, 0.1},                         // 0.09 s early: by the count
+        {200'000'000, 0.2},  {0, 0.0},             // exactly 0.1 s off either way: host time
+        {750'000'000, 0.75}, {-400'000'000, -0.4}, // far later, or earlier
+        {100'000'000, 0.1},                        // on time again
+    };
+    std::uint64_t host = first;
+    double expected = 0.0;
+    for (const auto& [after, moves] : rows) {
+        host += static_cast<std::uint64_t>(after);
+        expected += moves;
+        mixer.render(4800, AudioTimeStamp{host, true}, buffer);
+        EXPECT_NEAR(mixer.deviceSeconds(host), expected, 1e-6) << after;
+        EXPECT_NEAR(mixer.deviceSeconds(host + 25'000'000), expected + 0.025, 1e-6) << after;
+    }
+}
+
 TEST_F(MixerTest, RoutesAddUpAndOneSourceMayFeedSeveralOutputs) {
     auto stereo = makeClip({std::vector<float>(500, 0.25f), std::vector<float>(500, 0.5f)});
     OfflineRenderer device(mixer, 4, 256, kRate);
