@@ -5,6 +5,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QImage>
+#include <QProcess>
 #include <QTcpServer>
 #include <QUrl>
 
@@ -261,6 +262,24 @@ TEST_F(Presentation, AMissingOrHangingConverterFailsWithItsMessageInTime) {
               }),
               "LibreOffice が 2 秒たっても応答しないため、変換を中止しました");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+
+    // The office runs cut off from the network, where the system allows it: an office that
+    // tries to reach a server on this machine reaches nothing.
+    QProcess isolated;
+    isolated.start("unshare", {"--net", "--map-root-user", "--", "true"});
+    if (isolated.waitForFinished() && isolated.exitCode() == 0) {
+        QTcpServer web;
+        ASSERT_TRUE(web.listen(QHostAddress::LocalHost));
+        ASSERT_TRUE(write("reach.sh", QStringLiteral("#!/bin/bash\nexec 3<>/dev/tcp/127.0.0.1/%1\n")
+                                          .arg(web.serverPort())
+                                          .toUtf8()));
+        QFile(file("reach.sh")).setPermissions(QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+        SlideConverter::Options reaching;
+        reaching.program = file("reach.sh");
+        failure(
+            [&] { SlideConverter::convert(file("talk.ppt"), file(""), "pdf", nullptr, reaching); });
+        EXPECT_FALSE(web.waitForNewConnection(200));
+    }
 
     // A file the office cannot make slides of: whichever step finds out says so.
     if (SlideConverter::installedProgram().isEmpty())
