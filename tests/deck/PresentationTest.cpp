@@ -229,6 +229,21 @@ TEST_F(Presentation, HostileArchivesAreRefusedAndNothingLandsOutsideTheDeck) {
     ASSERT_EQ(read.size(), 2u);
     EXPECT_TRUE(read[1].media.isEmpty());
 
+    // A name in another encoding than UTF-8 (an old tool's Shift JIS) is no danger: read as
+    // it stands.
+    auto encoded = base;
+    encoded.push_back({"ppt/media/XX.wav", "RIFF"});
+    ASSERT_TRUE(Presentations::writeZip(file("encoded.pptx"), encoded));
+    QByteArray zip = Files::read(file("encoded.pptx"));
+    zip.replace("XX.wav", "\x83\x65.wav"); // テ, in the local header and the directory
+    ASSERT_TRUE(write("encoded.pptx", zip));
+    const auto parts =
+        SlideArchive::readParts(file("encoded.pptx"), [](const QString&) { return true; });
+    QStringList names;
+    for (const auto& [name, bytes] : parts)
+        names << name;
+    EXPECT_EQ(names.size(), 4) << names.join(",").toStdString();
+
     ASSERT_TRUE(write("notzip.pptx", QByteArray(3000, 'z')));
     EXPECT_EQ(failure([&] { SlideParts::pptxSlides(file("notzip.pptx")); }),
               "スライドを読み込めません");
