@@ -266,6 +266,14 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
     ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().malformed == 5; }));
     EXPECT_TRUE(stage.model.isRunning(kA));
     EXPECT_EQ(stage.model.masterVolume(), 1.0);
+    // A bundle cut inside an element's size is refused without reading past its end (in
+    // allocations of its exact size, which the sanitizer build watches).
+    for (const int extra : {1, 2, 3}) {
+        const auto cut = std::make_unique<char[]>(static_cast<std::size_t>(16 + extra));
+        std::memcpy(cut.get(), "#bundle\0\0\0\0\0\0\0\0\1\0\0",
+                    static_cast<std::size_t>(16 + extra));
+        EXPECT_FALSE(OscServer::decode(QByteArray::fromRawData(cut.get(), 16 + extra))) << extra;
+    }
 }
 
 // A fader's bursts, then a flood from another process: the socket is read on every wake-up
