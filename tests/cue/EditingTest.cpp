@@ -376,6 +376,11 @@ TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {
     editor().clear(kA);
     EXPECT_EQ(stage.model.media().table().count(tone), 0u);
     EXPECT_TRUE(clip.expired()); // the decoded audio itself is gone
+    // An assignment undone lets its file go too.
+    editor().assign(file("undone.wav"), kQ);
+    EXPECT_EQ(stage.model.media().table().count(file("undone.wav")), 1u);
+    stage.model.session().history().stack().undo();
+    EXPECT_EQ(stage.model.media().table().count(file("undone.wav")), 0u);
 }
 
 } // namespace
