@@ -128,6 +128,7 @@ struct Archives {
         bytes["good"] = read(path("good.tar.zst"));
         bytes["other key"] = read(release(key("other"), "0.2.0", 2));
         bytes["replayed"] = read(release(trusted, "0.1.0", 1));
+        bytes["other version"] = read(release(trusted, "0.2.1", 2)); // the build the feed names
         bytes["tampered"] = repacked("tampered", [](const QString& folder) {
             QFile program(folder + "/vorlin/bin/vorlin");
             program.open(QIODevice::Append);
@@ -257,11 +258,18 @@ TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
     setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", "13.1"}});
     check(updater, true);
     EXPECT_EQ(ui.alerts.last(), "アップデートを確認できませんでした: 13.1 以降が必要です");
+    // The program's own options know the system it runs on: any system meets a version 1.
+    Updater::Options own = options();
+    own.systemVersion = Updater::programOptions().systemVersion;
+    Updater onThisSystem(own, ui);
+    setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", "1"}});
+    check(onThisSystem, true);
+    EXPECT_EQ(ui.offers.size(), 3);
 
     server.routes.erase("/version.json");
     check(updater, true);
     EXPECT_TRUE(ui.alerts.last().contains("サーバーの応答: 404"));
-    EXPECT_EQ(ui.offers.size(), 2);
+    EXPECT_EQ(ui.offers.size(), 3);
 }
 
 TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
@@ -280,9 +288,9 @@ TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
 TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
     // What each refusal names: the reason, and the entry or version at fault.
     const std::vector<std::pair<QString, QString>> cases{
-        {"other key", "開発元"},     {"tampered", "署名"},  {"extra", "署名"},
-        {"replayed", "0.1.0"},       {"parent", "../evil"}, {"link", "vorlin/share/etc"},
-        {"cut", "途中で切れました"}, {"hangs", "中止"},
+        {"other key", "開発元"},      {"tampered", "署名"},        {"extra", "署名"},
+        {"replayed", "0.1.0"},        {"other version", "0.2.1"},  {"parent", "../evil"},
+        {"link", "vorlin/share/etc"}, {"cut", "途中で切れました"}, {"hangs", "中止"},
     };
     const int folders = updateFolders();
     for (const auto& [name, message] : cases) {
