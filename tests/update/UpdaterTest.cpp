@@ -1,5 +1,7 @@
 #include "update/Updater.h"
 
+#include <archive.h>
+#include <archive_entry.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -19,6 +21,8 @@
 #include "TestServer.h"
 #include "model/Prefs.h"
 #include "update/Ed25519.h"
+#include "update/ReleaseArchive.h"
+#include "update/UpdateError.h"
 
 namespace {
 
@@ -232,6 +236,35 @@ TEST(Release, NewerByBuildThenByVersionPartsAsNumbers) {
             << version << " (" << build << ") against " << currentVersion << " (" << currentBuild
             << ")";
     }
+}
+
+// An archive of more entries than any release holds is refused once it has them.
+TEST(ReleaseArchiveLimits, MoreEntriesThanAnyReleaseHoldsAreRefused) {
+    TempDir dir;
+    const std::string tar = dir.file("many.tar.zst");
+    archive* a = archive_write_new();
+    archive_write_add_filter_zstd(a);
+    archive_write_set_format_pax_restricted(a);
+    ASSERT_EQ(archive_write_open_filename(a, tar.c_str()), ARCHIVE_OK);
+    for (int n = 0; n <= ReleaseArchive::kMaxEntries; ++n) {
+        archive_entry* entry = archive_entry_new();
+        archive_entry_set_pathname(entry, ("vorlin/" + std::to_string(n)).c_str());
+        archive_entry_set_filetype(entry, AE_IFREG);
+        archive_entry_set_perm(entry, 0644);
+        archive_entry_set_size(entry, 0);
+        archive_write_header(a, entry);
+        archive_entry_free(entry);
+    }
+    archive_write_close(a);
+    archive_write_free(a);
+    QString refused;
+    try {
+        ReleaseArchive::unpack(QString::fromStdString(tar),
+                               QString::fromStdString(dir.file("out")));
+    } catch (const UpdateError& error) {
+        refused = error.message();
+    }
+    EXPECT_TRUE(refused.contains("項目が多すぎます")) << refused.toStdString();
 }
 
 TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
