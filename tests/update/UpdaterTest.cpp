@@ -238,6 +238,19 @@ TEST(Release, NewerByBuildThenByVersionPartsAsNumbers) {
     }
 }
 
+// A key or a signature of the wrong length is refused before anything reads it (in
+// allocations of their exact size, which the sanitizer build watches).
+TEST(Ed25519, KeysAndSignaturesOfTheWrongLengthAreRefused) {
+    for (const auto& [keyLength, signatureLength] :
+         {std::pair{31, 64}, {33, 64}, {32, 63}, {32, 65}, {0, 0}}) {
+        const auto key = std::make_unique<char[]>(static_cast<std::size_t>(keyLength));
+        const auto signature = std::make_unique<char[]>(static_cast<std::size_t>(signatureLength));
+        EXPECT_FALSE(Ed25519::verify(QByteArray::fromRawData(key.get(), keyLength), "message",
+                                     QByteArray::fromRawData(signature.get(), signatureLength)))
+            << keyLength << " " << signatureLength;
+    }
+}
+
 // An archive of more entries than any release holds is refused once it has them.
 TEST(ReleaseArchiveLimits, MoreEntriesThanAnyReleaseHoldsAreRefused) {
     TempDir dir;
