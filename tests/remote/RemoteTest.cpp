@@ -274,6 +274,13 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
                     static_cast<std::size_t>(16 + extra));
         EXPECT_FALSE(OscServer::decode(QByteArray::fromRawData(cut.get(), 16 + extra))) << extra;
     }
+    // An element that claims more than the datagram holds is refused, even where the bytes
+    // beyond its end would read as a whole message.
+    const QByteArray panic = OscServer::encode("/vorlin/panic", {});
+    QByteArray size(4, '\0');
+    qToBigEndian<quint32>(static_cast<quint32>(panic.size()), size.data());
+    const QByteArray longer = QByteArray("#bundle\0\0\0\0\0\0\0\0\1", 16) + size + panic;
+    EXPECT_FALSE(OscServer::decode(QByteArray::fromRawData(longer.constData(), 28)));
 }
 
 // A fader's bursts, then a flood from another process: the socket is read on every wake-up
