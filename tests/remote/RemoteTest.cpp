@@ -24,6 +24,17 @@ namespace {
 
 constexpr KeyCode kA = 0, kS = 1;
 
+// An OSC bundle ("#bundle", a time tag of "now") of `count` times `element`, each after its
+// size.
+QByteArray bundleOf(const QByteArray& element, int count = 1) {
+    QByteArray bundle("#bundle\0\0\0\0\0\0\0\0\1", 16);
+    QByteArray size(4, '\0');
+    qToBigEndian<quint32>(static_cast<quint32>(element.size()), size.data());
+    for (int n = 0; n < count; ++n)
+        bundle += size + element;
+    return bundle;
+}
+
 // A free UDP port on 127.0.0.1.
 int freePort() {
     QUdpSocket probe;
@@ -257,11 +268,8 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
     QByteArray lying("#bundle\0\0\0\0\0\0\0\0\1\x7f\xff\xff\xff", 20);
     raw.writeDatagram(lying + QByteArray(60000, 'x'), QHostAddress::LocalHost, port);
     QByteArray nested = OscServer::encode("/vorlin/panic", {});
-    for (int depth = 0; depth < 10; ++depth) {
-        QByteArray size(4, '\0');
-        qToBigEndian<quint32>(static_cast<quint32>(nested.size()), size.data());
-        nested = QByteArray("#bundle\0\0\0\0\0\0\0\0\1", 16) + size + nested;
-    }
+    for (int depth = 0; depth < 10; ++depth)
+        nested = bundleOf(nested);
     raw.writeDatagram(nested, QHostAddress::LocalHost, port);
     ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().malformed == 5; }));
     EXPECT_TRUE(stage.model.isRunning(kA));
@@ -276,10 +284,7 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
     }
     // An element that claims more than the datagram holds is refused, even where the bytes
     // beyond its end would read as a whole message.
-    const QByteArray panic = OscServer::encode("/vorlin/panic", {});
-    QByteArray size(4, '\0');
-    qToBigEndian<quint32>(static_cast<quint32>(panic.size()), size.data());
-    const QByteArray longer = QByteArray("#bundle\0\0\0\0\0\0\0\0\1", 16) + size + panic;
+    const QByteArray longer = bundleOf(OscServer::encode("/vorlin/panic", {}));
     EXPECT_FALSE(OscServer::decode(QByteArray::fromRawData(longer.constData(), 28)));
 }
 
@@ -357,14 +362,8 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
     }));
 
     // 2,300 subscriptions in one bundle: one subscriber, fed at most 30 bursts a second.
-    QByteArray bundle("#bundle\0\0\0\0\0\0\0\0\1", 16);
-    for (int i = 0; i < 2300; ++i) {
-        QByteArray size(4, '\0');
-        qToBigEndian<quint32>(static_cast<quint32>(subscribe.size()), size.data());
-        bundle += size + subscribe;
-    }
     const auto client = subscriber();
-    client->writeDatagram(bundle, QHostAddress::LocalHost, port);
+    client->writeDatagram(bundleOf(subscribe, 2300), QHostAddress::LocalHost, port);
     ASSERT_TRUE(Wait::until([&] { return remote.osc().subscriberCount() == 1; }));
     int bursts = 0, datagrams = 0;
     QElapsedTimer second;
