@@ -112,14 +112,15 @@ TEST_F(Window, KeysFromTheWindowAndFromTheBackgroundGoByOneRule) {
                 send(QEvent::KeyPress, Qt::Key_D, KEY_D, row.held, row.repeat);
                 send(QEvent::KeyRelease, Qt::Key_D, KEY_D, row.held);
             } else {
-                for (const auto& [modifier, evdev] : devices)
-                    if (row.held & modifier)
-                        background.keyEvent(evdev, 1);
+                const auto modifiers = [&](int value) { // 1 pressed, 0 let go
+                    for (const auto& [modifier, evdev] : devices)
+                        if (row.held & modifier)
+                            background.keyEvent(evdev, value);
+                };
+                modifiers(1);
                 background.keyEvent(KEY_D, row.repeat ? 2 : 1);
                 background.keyEvent(KEY_D, 0);
-                for (const auto& [modifier, evdev] : devices)
-                    if (row.held & modifier)
-                        background.keyEvent(evdev, 0);
+                modifiers(0);
             }
             EXPECT_EQ(model.document().selectedKey == 2, row.selected);
             EXPECT_EQ(model.isRunning(2), row.runningAfter);
