@@ -28,62 +28,9 @@ namespace {
 using Files::read;
 using Files::write;
 
-// The sample show: one page "ページ 1" with intro.wav on the A key.
+// The sample show, as the program writes it: one page "ページ 1" with intro.wav on the A key.
 QByteArray sampleFile(const QString& folder) {
-    const QByteArray a = R"(            "clickToTake": false,
-            "colorIndex": 0,
-            "fadeIn": 0,
-            "fadeOut": 1,
-            "group": 0,
-            "layer": 5,
-            "loop": false,
-            "mode": "toggle",
-            "onNext": "keep",
-            "outputMap": "",
-            "path": "FOLDER/intro.wav",
-            "relativePath": "intro.wav",
-            "showVideo": true,
-            "slideAuto": false,
-            "slideInterval": 5,
-            "slideLoop": false,
-            "slideTransition": 0.3,
-            "title": "",
-            "volume": 1
-)";
-    QByteArray inner = a;
-    inner.replace("FOLDER", folder.toUtf8());
-    QByteArray nested;
-    for (const QByteArray& line : inner.split('\n'))
-        if (!line.isEmpty())
-            nested += "        " + line + "\n";
-    return "{\n"
-           "    \"currentPage\": 0,\n"
-           "    \"format\": \"vorlin\",\n"
-           "    \"keys\": {\n"
-           "        \"0\": {\n" +
-           inner +
-           "        }\n"
-           "    },\n"
-           "    \"masterVolume\": 1,\n"
-           "    \"mutedOutputs\": [\n"
-           "    ],\n"
-           "    \"pages\": [\n"
-           "        {\n"
-           "            \"keys\": {\n"
-           "                \"0\": {\n" +
-           nested +
-           "                }\n"
-           "            },\n"
-           "            \"name\": \"ページ 1\"\n"
-           "        }\n"
-           "    ],\n"
-           "    \"stopAllFade\": 1,\n"
-           "    \"version\": 1,\n"
-           "    \"videoOutputs\": [\n"
-           "        \"window\"\n"
-           "    ],\n"
-           "    \"videoTarget\": \"window\"\n"
-           "}\n";
+    return read(QStringLiteral(SAMPLE_SHOW)).replace("FOLDER", folder.toUtf8());
 }
 
 class Document : public ::testing::Test {
@@ -135,18 +82,11 @@ TEST_F(Document, EveryFieldSurvivesARoundTrip) {
     a.slideInterval = 2.5;
     a.slideLoop = true;
     a.slideTransition = 0;
-    DeckItem item{"s1", DeckItem::Kind::video,    "s1-m1.mp4", 3, "映像", false, 4.0, std::nullopt,
-                  0.5,  DeckItem::EndAction::loop};
-    a.deckItems = std::vector<DeckItem>{item, DeckItem{"s2",
-                                                       DeckItem::Kind::image,
-                                                       "s002.png",
-                                                       2,
-                                                       "2",
-                                                       true,
-                                                       {},
-                                                       0.1,
-                                                       1.0,
-                                                       DeckItem::EndAction::hold}};
+    using Kind = DeckItem::Kind;
+    using End = DeckItem::EndAction;
+    a.deckItems = std::vector<DeckItem>{
+        {"s1", Kind::video, "s1-m1.mp4", 3, "映像", false, 4.0, std::nullopt, 0.5, End::loop},
+        {"s2", Kind::image, "s002.png", 2, "2", true, {}, 0.1, 1.0, End::hold}};
     a.sources = QStringList{folder + "/a.wav", "/elsewhere/b.wav"};
     a.clickToTake = true;
     a.screens = QStringList{"window", "2: Beamer（1920×1080）"};
