@@ -13,7 +13,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QUdpSocket>
-#include <QtEndian>
 
 #include "PipeWireRecorder.h"
 #include "PipeWireSession.h"
@@ -21,6 +20,7 @@
 #include "TempDir.h"
 #include "audio/WavWriter.h"
 #include "cue/AppModel.h"
+#include "remote/OscServer.h"
 
 namespace {
 
@@ -29,19 +29,6 @@ using namespace std::chrono_literals;
 constexpr int kChannels = 8;
 double toneOf(int channel) {
     return 300.0 + 200.0 * channel;
-}
-
-// An OSC message of one integer argument, as any desk sends it.
-QByteArray oscInt(const QByteArray& address, std::int32_t value) {
-    const auto padded = [](QByteArray text) {
-        text.append('\0');
-        while (text.size() % 4)
-            text.append('\0');
-        return text;
-    };
-    QByteArray argument(4, '\0');
-    qToBigEndian<std::int32_t>(value, argument.data());
-    return padded(address) + padded(",i") + argument;
 }
 
 // Power of `frequency` in `samples` (Goertzel), as a fraction of a full-scale sine's.
@@ -124,7 +111,8 @@ protected:
     }
     void press(const QByteArray& address, int value) {
         QUdpSocket desk;
-        desk.writeDatagram(oscInt(address, value), QHostAddress::LocalHost, port);
+        desk.writeDatagram(OscServer::encode(address, {std::int64_t{value}}),
+                           QHostAddress::LocalHost, port);
     }
     // Ctrl+C: stops and exits 0.
     void interrupt() {
