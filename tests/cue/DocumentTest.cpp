@@ -188,6 +188,12 @@ TEST_F(Document, ABadFileFailsWholeAndLeavesTheModelUntouched) {
          "「masterVolume」の値が範囲外です（0〜1）"},
         {"\"mutedOutputs\": [", "\"mutedOutputs\": [65", false,
          "「mutedOutputs」の値が範囲外です（1〜64）"},
+        {"\"mutedOutputs\": [", R"("midiBindings": [{"message": "note", "channel": 1,
+         "number": 128, "action": "stop"}], "mutedOutputs": [)",
+         false, "MIDI の割り当ての number は 0〜127 です"},
+        {"\"mutedOutputs\": [", R"("midiBindings": [{"message": "note", "channel": 0,
+         "number": 60, "action": "stop"}], "mutedOutputs": [)",
+         false, "MIDI の割り当ての channel は 1〜16 です"},
     };
     for (const auto& [from, to, inPage, said] : rows) {
         QByteArray text = to;

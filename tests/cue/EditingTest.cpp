@@ -161,7 +161,12 @@ TEST_F(Editing, AnEditReachesTheRunningVoiceAtOnce) {
 
 TEST_F(Editing, PagesAreAddedSteppedRenamedMovedAndDeleted) {
     editor().assign(file("a.wav"), kA);
+    editor().assignList({file("one.wav"), file("two.wav")}, kQ);
+    editor().openDeckTab(kQ);
+    editor().switchPage(0); // the page it is on already: its list's tab stays open
+    EXPECT_EQ(stage.doc().deckTabs, std::vector<KeyCode>{kQ});
     editor().newPage(true);
+    EXPECT_TRUE(stage.doc().deckTabs.empty()); // another page: the tabs of the last one close
     EXPECT_EQ(stage.doc().pages[1].name, "ページ 1 のコピー");
     EXPECT_EQ(keys().at(kA).path, file("a.wav"));
     editor().newPage(false);

@@ -244,6 +244,19 @@ TEST_F(Presentation, HostileArchivesAreRefusedAndNothingLandsOutsideTheDeck) {
         names << name;
     EXPECT_EQ(names.size(), 4) << names.join(",").toStdString();
 
+    // An ODP's own media are its slide's; a file linked from outside the package is not.
+    ASSERT_TRUE(Presentations::writeZip(
+        file("media.odp"),
+        {{"content.xml",
+          R"(<office:document-content xmlns:office="o" xmlns:draw="d" xmlns:xlink="x">
+<office:body><office:presentation><draw:page><draw:plugin xlink:href="./Media/clip.wav"/>
+<draw:plugin xlink:href="../outside.wav"/></draw:page></office:presentation></office:body>
+</office:document-content>)"},
+         {"Media/clip.wav", "RIFF"}}));
+    const auto odp = SlideParts::odpSlides(file("media.odp"));
+    ASSERT_EQ(odp.size(), 1u);
+    EXPECT_EQ(odp[0].media, QStringList{"Media/clip.wav"});
+
     ASSERT_TRUE(write("notzip.pptx", QByteArray(3000, 'z')));
     EXPECT_EQ(failure([&] { SlideParts::pptxSlides(file("notzip.pptx")); }),
               "スライドを読み込めません");

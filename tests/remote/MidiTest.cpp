@@ -68,6 +68,13 @@ TEST_F(Midi, LearnedNotesAndControllersPlayKeysAndAreSavedWithTheShow) {
     EXPECT_FALSE(stage.model.isRunning(kS));
     midi.handle(control(20, 100, 1)); // another channel
     EXPECT_FALSE(stage.model.isRunning(kS));
+    // A note on the hold key holds it until its note-off.
+    midi.learn(forKey(kS));
+    midi.handle(note(62, 100));
+    midi.handle(note(62, 90));
+    EXPECT_TRUE(stage.model.isRunning(kS));
+    midi.handle(note(62, 0));
+    EXPECT_FALSE(stage.model.isRunning(kS));
     // A fader rising through its upper half presses a toggle key once, not at every step.
     midi.learn(forKey(kA));
     midi.handle(control(21, 0));
@@ -80,7 +87,7 @@ TEST_F(Midi, LearnedNotesAndControllersPlayKeysAndAreSavedWithTheShow) {
     const QString path = QString::fromStdString(dir.file("midi.vorlin"));
     stage.model.save(path);
     const auto saved = stage.doc().midiBindings;
-    ASSERT_EQ(saved.size(), 3u);
+    ASSERT_EQ(saved.size(), 4u);
     EXPECT_EQ(saved[1].label(), "CC20/2");
     stage.model.newDocument();
     EXPECT_TRUE(stage.doc().midiBindings.empty());
@@ -150,6 +157,8 @@ TEST_F(Midi, ARealSequencerClientPlaysAKeyThroughTheVorlinPort) {
     snd_seq_event_output_direct(sender, &event);
     EXPECT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }, 2000));
     snd_seq_close(sender);
+    EXPECT_FALSE(midi.configure()); // switched off since: the port goes
+    EXPECT_FALSE(midi.input().isOpen());
 }
 
 } // namespace

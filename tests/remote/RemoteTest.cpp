@@ -7,6 +7,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QNetworkDatagram>
 #include <QUdpSocket>
@@ -142,6 +143,25 @@ TEST(RemoteCommands, EveryAddressWithItsArgumentsAndNothingElse) {
 
 // (That a key fired by OSC sounds sample for sample as from the keyboard is shown by the render
 // of a script of OSC lines.) By its number or its label, down and up again for a hold key.
+// A port another program holds: listening says so, leaves no socket open behind it, and a free
+// port listens afterwards.
+TEST(OscPort, ATakenPortSaysSoAndLeavesNoSocketBehind) {
+    QUdpSocket holder;
+    ASSERT_TRUE(holder.bind(QHostAddress::LocalHost, 0));
+    const auto openFiles = [] {
+        return QDir("/proc/self/fd").entryList(QDir::AllEntries | QDir::System).size();
+    };
+    OscServer server;
+    const auto before = openFiles();
+    const auto said = server.listen(QHostAddress::LocalHost, holder.localPort(), {});
+    ASSERT_TRUE(said);
+    EXPECT_TRUE(said->startsWith(QString("ポート %1 を開けません（").arg(holder.localPort())));
+    EXPECT_FALSE(server.isListening());
+    EXPECT_EQ(openFiles(), before);
+    EXPECT_FALSE(server.listen(QHostAddress::LocalHost, 0, {}));
+    EXPECT_GT(server.port(), 0);
+}
+
 TEST_F(Remote, AKeyIsFiredByItsNumberOrLabel) {
     lo_send(target, "/vorlin/key", "ii", 0, 1);
     ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }));
@@ -260,7 +280,8 @@ TEST_F(Remote, TheAllowedSendersListIsObeyedHoweverItIsStored) {
 
 TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
     stage.press(kA);
-    // Wrong types, an unknown address, a bundle that lies about its size, one nested too deep.
+    // Wrong types, an unknown address, a bundle that lies about its size, one nested too deep,
+    // and what is no OSC at all.
     lo_send(target, "/vorlin/key", "si", "A", 1);
     lo_send(target, "/vorlin/master", "f", 7.0f);
     lo_send(target, "/vorlin/explode", "");
@@ -271,7 +292,8 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
     for (int depth = 0; depth < 10; ++depth)
         nested = bundleOf(nested);
     raw.writeDatagram(nested, QHostAddress::LocalHost, port);
-    ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().malformed == 5; }));
+    raw.writeDatagram("no OSC at all", QHostAddress::LocalHost, port);
+    ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().malformed == 6; }));
     EXPECT_TRUE(stage.model.isRunning(kA));
     EXPECT_EQ(stage.model.masterVolume(), 1.0);
     // A bundle cut inside an element's size is refused without reading past its end (in

@@ -22,6 +22,7 @@
 #include "model/Prefs.h"
 #include "update/Ed25519.h"
 #include "update/ReleaseArchive.h"
+#include "update/ReleaseManifest.h"
 #include "update/UpdateError.h"
 
 namespace {
@@ -238,6 +239,45 @@ TEST(Release, NewerByBuildThenByVersionPartsAsNumbers) {
     }
 }
 
+// A manifest is read whole or not at all: each row changes one line of a good one.
+TEST(ReleaseManifestRules, AMalformedLineOrAPathLeavingTheTreeRefusesTheWholeList) {
+    const QByteArray sha(64, 'a'), key = QByteArray(32, 'k').toBase64();
+    const QByteArray good = "vorlin-release 1\nversion 0.2.0\nbuild 2\nkey " + key + "\n\nfile " +
+                            sha + " 3 755 vorlin/bin/my tool\n";
+    const std::pair<QByteArray, QByteArray> rows[] = {
+        {"", ""}, // (from, to) in the good text: this row leaves it good
+        {"vorlin-release 1", "vorlin-release 2"},
+        {"version 0.2.0", "versions 0.2.0"},
+        {"version 0.2.0\n", ""},
+        {"build 2", "build 0"},
+        {"build 2", "build two"},
+        {"key " + key, "key " + QByteArray(31, 'k').toBase64()},
+        {" 3 755 vorlin/bin/my tool", " 3 755 "},
+        {" 3 755 vorlin/bin/my tool", " 3 755"},
+        {" 3 755 vorlin/bin/my tool", ""},
+        {" 3 755 vorlin", " x 755 vorlin"},
+        {" 3 755 vorlin", " 3 9 vorlin"},
+        {"file " + sha, "file " + sha.left(63)},
+        {"vorlin/bin", "/vorlin/bin"},
+        {"vorlin/bin", "vorlin/../bin"},
+        {"\n\nfile", "\nfile " + sha + " 1 644 vorlin/bin/my tool\nfile"},
+    };
+    for (const auto& [from, to] : rows) {
+        QByteArray text = good;
+        text.replace(from, to);
+        const auto manifest = ReleaseManifest::parse(text);
+        EXPECT_EQ(manifest.has_value(), from.isEmpty()) << text.toStdString();
+        if (!manifest)
+            continue;
+        EXPECT_EQ(manifest->build, 2);
+        ASSERT_EQ(manifest->files.size(), 1u);
+        const auto& [path, entry] = *manifest->files.begin();
+        EXPECT_EQ(path, "vorlin/bin/my tool");
+        EXPECT_EQ(entry.size, 3);
+        EXPECT_EQ(entry.mode, 0755);
+    }
+}
+
 // A key or a signature of the wrong length is refused before anything reads it (in
 // allocations of their exact size, which the sanitizer build watches).
 TEST(Ed25519, KeysAndSignaturesOfTheWrongLengthAreRefused) {
@@ -251,33 +291,47 @@ TEST(Ed25519, KeysAndSignaturesOfTheWrongLengthAreRefused) {
     }
 }
 
-// An archive of more entries than any release holds is refused once it has them.
-TEST(ReleaseArchiveLimits, MoreEntriesThanAnyReleaseHoldsAreRefused) {
+// An archive of as many entries as a release may hold unpacks, one more is refused once it has
+// them; names packed from inside the folder ("./vorlin/…") land as those packed beside it. An
+// archive that cannot be opened is named.
+TEST(ReleaseArchiveLimits, EntriesUpToTheLimitUnpackInPlaceAndOneMoreIsRefused) {
     TempDir dir;
-    const std::string tar = dir.file("many.tar.zst");
-    archive* a = archive_write_new();
-    archive_write_add_filter_zstd(a);
-    archive_write_set_format_pax_restricted(a);
-    ASSERT_EQ(archive_write_open_filename(a, tar.c_str()), ARCHIVE_OK);
-    for (int n = 0; n <= ReleaseArchive::kMaxEntries; ++n) {
-        archive_entry* entry = archive_entry_new();
-        archive_entry_set_pathname(entry, ("vorlin/" + std::to_string(n)).c_str());
-        archive_entry_set_filetype(entry, AE_IFREG);
-        archive_entry_set_perm(entry, 0644);
-        archive_entry_set_size(entry, 0);
-        archive_write_header(a, entry);
-        archive_entry_free(entry);
+    const auto refusal = [&](const std::string& tar) { // unpacked beside it, into "<tar>.d"
+        try {
+            ReleaseArchive::unpack(QString::fromStdString(tar), QString::fromStdString(tar + ".d"));
+        } catch (const UpdateError& error) {
+            return error.message();
+        }
+        return QString();
+    };
+    EXPECT_TRUE(refusal(dir.file("missing.tar.zst")).contains("missing.tar.zst"));
+    for (const auto& [count, prefix] : {std::pair{ReleaseArchive::kMaxEntries, "./vorlin/"},
+                                        {ReleaseArchive::kMaxEntries + 1, "vorlin/"}}) {
+        const std::string tar = dir.file(std::to_string(count) + ".tar.zst");
+        archive* a = archive_write_new();
+        archive_write_add_filter_zstd(a);
+        archive_write_set_format_pax_restricted(a);
+        ASSERT_EQ(archive_write_open_filename(a, tar.c_str()), ARCHIVE_OK);
+        for (int n = 0; n < count; ++n) {
+            archive_entry* entry = archive_entry_new();
+            archive_entry_set_pathname(entry, (prefix + std::to_string(n)).c_str());
+            archive_entry_set_filetype(entry, AE_IFREG);
+            archive_entry_set_perm(entry, 0644);
+            archive_entry_set_size(entry, 0);
+            archive_write_header(a, entry);
+            archive_entry_free(entry);
+        }
+        archive_write_close(a);
+        archive_write_free(a);
+        const QString refused = refusal(tar);
+        if (count > ReleaseArchive::kMaxEntries) {
+            EXPECT_TRUE(refused.contains("項目が多すぎます")) << refused.toStdString();
+        } else {
+            EXPECT_EQ(refused, "");
+            EXPECT_TRUE(QFileInfo::exists(QString::fromStdString(tar) + ".d/vorlin/" +
+                                          QString::number(count - 1)));
+        }
     }
-    archive_write_close(a);
-    archive_write_free(a);
-    QString refused;
-    try {
-        ReleaseArchive::unpack(QString::fromStdString(tar),
-                               QString::fromStdString(dir.file("out")));
-    } catch (const UpdateError& error) {
-        refused = error.message();
-    }
-    EXPECT_TRUE(refused.contains("項目が多すぎます")) << refused.toStdString();
 }
 
 TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
