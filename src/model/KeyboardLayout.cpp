@@ -155,15 +155,17 @@ bool isJISLayoutName(const QString& xkbLayout) {
     return xkbLayout.section(QLatin1Char(','), 0, 0).trimmed().startsWith(QStringLiteral("jp"));
 }
 
+bool isJISFor(const QString& choice, const QString& xkbLayout) {
+    if (choice == QStringLiteral("us"))
+        return false;
+    if (choice == QStringLiteral("jis"))
+        return true;
+    return isJISLayoutName(xkbLayout);
+}
+
 bool isJIS() {
-    static const bool jis = [] {
-        const QString choice = Prefs::value(Prefs::kKeyboardLayout).toString();
-        if (choice == QStringLiteral("us"))
-            return false;
-        if (choice == QStringLiteral("jis"))
-            return true;
-        return isJISLayoutName(sessionLayoutName());
-    }();
+    static const bool jis =
+        isJISFor(Prefs::value(Prefs::kKeyboardLayout).toString(), sessionLayoutName());
     return jis;
 }
 

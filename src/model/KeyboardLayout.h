@@ -53,6 +53,8 @@ const std::vector<KeyRow>& jisRows();
 
 // pref.keyboardLayout "us"/"jis", else the session's keyboard ("jp" → JIS). Evaluated once.
 bool isJIS();
+// The same rule for a given choice and session keyboard.
+bool isJISFor(const QString& choice, const QString& xkbLayout);
 // Whether a keyboard layout name (XKB: "jp", "us", "de(nodeadkeys)" …) is a JIS keyboard.
 bool isJISLayoutName(const QString& xkbLayout);
 

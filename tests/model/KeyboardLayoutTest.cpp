@@ -88,10 +88,17 @@ TEST(KeyboardLayout, LabelsNameUndrawnKeysByCode) {
     EXPECT_EQ(label(0), "A");
     EXPECT_EQ(label(49), "SPACE");
     EXPECT_EQ(label(82), "#82"); // a keypad key: not drawn, still assignable
-    EXPECT_TRUE(isJISLayoutName("jp"));
-    EXPECT_TRUE(isJISLayoutName("jp(kana),us"));
-    EXPECT_FALSE(isJISLayoutName("us,jp"));
-    EXPECT_FALSE(isJISLayoutName(""));
+}
+
+// The chosen layout wins over the session's keyboard; "auto" follows the first of its layouts.
+TEST(KeyboardLayout, TheChoiceElseTheSessionsFirstLayoutMakesItJis) {
+    const std::tuple<const char*, const char*, bool> rows[] = {
+        {"us", "jp", false},   {"jis", "us", true},           {"auto", "jp", true},
+        {"auto", "us", false}, {"auto", "jp(kana),us", true}, {"auto", "us,jp", false},
+        {"auto", "", false},
+    };
+    for (const auto& [choice, session, jis] : rows)
+        EXPECT_EQ(isJISFor(choice, session), jis) << choice << " " << session;
 }
 
 } // namespace
