@@ -351,8 +351,10 @@ TEST_F(Document, DirtyTrackingNewDocumentAndReopeningTheLastShow) {
     EXPECT_EQ(next.masterVolume(), 0.9);
     EXPECT_FALSE(next.isDirty()); // applying a file marks nothing
 
+    next.editor().newPage(false); // on its second page
     next.newDocument();
     EXPECT_EQ(next.document().pages.size(), 1u);
+    EXPECT_EQ(next.document().currentPage, 0u);
     EXPECT_FALSE(next.session().documentPath());
     EXPECT_FALSE(Prefs::value(Prefs::lastKeymapKey(1)).isValid());
 

@@ -157,6 +157,8 @@ TEST_F(Editing, AnEditReachesTheRunningVoiceAtOnce) {
     quieter.volume = 0.5;
     editor().update(kD, quieter);
     EXPECT_EQ(stage.run(0.05)[0].back(), 0.25f);
+    editor().assignList({file("x.wav"), file("y.wav")}, kD); // other files: its sound goes
+    EXPECT_TRUE(silentFrom(stage.run(0.1)[0], 2400));
 }
 
 TEST_F(Editing, PagesAreAddedSteppedRenamedMovedAndDeleted) {

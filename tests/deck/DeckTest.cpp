@@ -240,6 +240,7 @@ TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
     EXPECT_TRUE(deck->clips.empty()); // cancelled: nothing decoded
     DeckBuilder::loadMedia(*deck, 48000.0);
     ASSERT_EQ(deck->manifest.items.size(), 6u);
+    EXPECT_EQ(deck->manifest.slideCount, 6); // as `vorlin deck` prints it
     using Kind = DeckItem::Kind;
     const std::vector<Kind> kinds{Kind::audio, Kind::image, Kind::video,
                                   Kind::image, Kind::audio, Kind::audio};
@@ -255,14 +256,15 @@ TEST_F(Decks, AListIsItsFilesInOrderWithTheirSoundDecodedOnce) {
     EXPECT_EQ(deck->failures.at(file("fake.png")), "画像として読めません");
     EXPECT_EQ(deck->missing, QStringList{file("gone.wav")});
     EXPECT_EQ(deck->picture(file("cyan.png")).pixel(4, 4), QColor(Qt::cyan).rgb());
-    // The six pictures used last are kept; the one used longest ago goes first.
+    // The six pictures used last are kept; the one used longest ago goes first, and a file that
+    // is no picture takes no place.
     QStringList pictures;
     for (int n = 0; n < 7; ++n) {
         pictures << file(QString("p%1.png").arg(n));
         ASSERT_TRUE(picture.save(pictures.back()));
     }
-    for (const int n : {0, 1, 2, 3, 4, 5, 0, 6})
-        deck->picture(pictures[n]);
+    for (const int n : {0, 1, 2, 3, 4, 5, 0, -1, 6})
+        EXPECT_EQ(deck->picture(n < 0 ? file("fake.png") : pictures[n]).isNull(), n < 0);
     for (int n = 0; n < 7; ++n)
         EXPECT_EQ(deck->cachedPicture(pictures[n]).isNull(), n == 1) << n;
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
 #include <QEventLoop>
@@ -84,12 +85,14 @@ struct ScriptedUi : UpdaterUi {
         return wantsPage;
     }
     void openPage(const QUrl& page) override { pages << page; }
+    bool progressShown = false;
     void showProgress(double) override {
+        progressShown = true;
         if (cancelsDownload && updater)
             QTimer::singleShot(300, updater, [this] { updater->cancelDownload(); });
         cancelsDownload = false;
     }
-    void hideProgress() override {}
+    void hideProgress() override { progressShown = false; }
 };
 
 // Release archives made once by scripts/make-release from this build's install tree: 0.2.0
@@ -145,6 +148,21 @@ struct Archives {
         bytes["parent"] = repacked(
             "parent/inner", [](const QString& folder) { writeFile(folder + "/../evil", "x"); },
             {"vorlin", "../evil"});
+        // The program changed and its line in the manifest made to match, not signed again.
+        bytes["edited"] = repacked("edited", [](const QString& folder) {
+            const QByteArray program = read(folder + "/vorlin/bin/vorlin") + "!";
+            writeFile(folder + "/vorlin/bin/vorlin", program);
+            QList<QByteArray> lines = read(folder + "/vorlin/MANIFEST").split('\n');
+            for (QByteArray& line : lines)
+                if (line.endsWith(" bin/vorlin")) {
+                    QList<QByteArray> parts = line.split(' ');
+                    parts[1] =
+                        QCryptographicHash::hash(program, QCryptographicHash::Sha256).toHex();
+                    parts[2] = QByteArray::number(program.size());
+                    line = parts.join(' ');
+                }
+            writeFile(folder + "/vorlin/MANIFEST", lines.join('\n'));
+        });
         bytes["link"] = repacked("link", [](const QString& folder) {
             QFile::link("/etc", folder + "/vorlin/share/etc");
         });
@@ -355,21 +373,29 @@ TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
     check(updater, true);
     EXPECT_EQ(ui.offers.size(), 2);
 
-    setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", "13.1"}});
-    check(updater, true);
-    EXPECT_EQ(ui.alerts.last(), "アップデートを確認できませんでした: 13.1 以降が必要です");
+    // The system (12 here) must be at least the version the release asks for.
+    for (const auto& [needed, offered] :
+         {std::pair{"13.1", false}, {"12.0.1", false}, {"12", true}}) {
+        const auto offers = ui.offers.size();
+        setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", needed}});
+        check(updater, true);
+        EXPECT_EQ(ui.offers.size(), offers + (offered ? 1 : 0)) << needed;
+        if (!offered)
+            EXPECT_EQ(ui.alerts.last(),
+                      QString("アップデートを確認できませんでした: %1 以降が必要です").arg(needed));
+    }
     // The program's own options know the system it runs on: any system meets a version 1.
     Updater::Options own = options();
     own.systemVersion = Updater::programOptions().systemVersion;
     Updater onThisSystem(own, ui);
     setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", "1"}});
     check(onThisSystem, true);
-    EXPECT_EQ(ui.offers.size(), 3);
+    EXPECT_EQ(ui.offers.size(), 4);
 
     server.routes.erase("/version.json");
     check(updater, true);
     EXPECT_TRUE(ui.alerts.last().contains("サーバーの応答: 404"));
-    EXPECT_EQ(ui.offers.size(), 3);
+    EXPECT_EQ(ui.offers.size(), 4);
 }
 
 TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
@@ -380,6 +406,7 @@ TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
     check(updater, true);
     EXPECT_TRUE(ui.alerts.isEmpty()) << ui.alerts.join('\n').toStdString();
     EXPECT_TRUE(updater.isArmed());
+    EXPECT_FALSE(ui.progressShown); // shown while it downloaded, closed when it ended
     EXPECT_TRUE(restart);
     EXPECT_EQ(snapshot(root), installed);
     EXPECT_EQ(updateFolders(), 1);
@@ -391,6 +418,7 @@ TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
         {"other key", "開発元"},      {"tampered", "署名"},        {"extra", "署名"},
         {"replayed", "0.1.0"},        {"other version", "0.2.1"},  {"parent", "../evil"},
         {"link", "vorlin/share/etc"}, {"cut", "途中で切れました"}, {"hangs", "中止"},
+        {"edited", "署名"},
     };
     const int folders = updateFolders();
     for (const auto& [name, message] : cases) {
