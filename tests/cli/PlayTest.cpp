@@ -111,8 +111,10 @@ protected:
     }
     void press(const QByteArray& address, int value) {
         QUdpSocket desk;
-        desk.writeDatagram(OscServer::encode(address, {std::int64_t{value}}),
-                           QHostAddress::LocalHost, port);
+        EXPECT_GT(desk.writeDatagram(OscServer::encode(address, {std::int64_t{value}}),
+                                     QHostAddress::LocalHost, port),
+                  0)
+            << desk.errorString().toStdString();
     }
     // Ctrl+C: stops and exits 0.
     void interrupt() {
@@ -154,7 +156,9 @@ protected:
         while (!wanted(tones = heard(recorder)) && waited.elapsed() < ms) {
             if (!again && waited.elapsed() > 3000 &&
                 std::ranges::all_of(tones, [](int tone) { return tone < 0; })) {
-                std::printf("nothing heard for 3 s: A pressed again\n");
+                err += QString::fromUtf8(player.readAllStandardError());
+                std::printf("nothing heard for 3 s: A pressed again; the player had said:\n%s\n",
+                            err.toStdString().c_str());
                 press("/vorlin/key/A", 1);
                 again = true;
             }
