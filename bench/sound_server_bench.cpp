@@ -75,7 +75,7 @@ public:
         const QString program = command.takeFirst();
         m_process.start(program, command);
         const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!m_err.contains("OSC: 127.0.0.1") && std::chrono::steady_clock::now() < deadline) {
+        while (!listening() && std::chrono::steady_clock::now() < deadline) {
             m_process.waitForReadyRead(100);
             m_err += QString::fromUtf8(m_process.readAllStandardError());
         }
@@ -87,7 +87,10 @@ public:
     }
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
-    bool listening() const { return m_err.contains("OSC: 127.0.0.1"); }
+    // Listening, and the show's file loaded.
+    bool listening() const {
+        return m_err.contains("OSC: 127.0.0.1") && m_err.contains("準備ができました");
+    }
     // The A key down, then everything stopped at once, as a desk sends them.
     void pressA() { lo_send(m_desk, "/vorlin/key/A", "i", 1); }
     void panic() { lo_send(m_desk, "/vorlin/panic", ""); }

@@ -23,6 +23,8 @@ const QString kUsage = QStringLiteral(
     "使い方: vorlin play SHOW.vorlin [--device UID] [--osc ポート]\n"
     "  ウィンドウなしでキーマップを出力デバイスで再生します（Ctrl+C で停止して終了）\n");
 
+const QString kReady = QStringLiteral("準備ができました（キーマップの素材をすべて読み込みました）");
+
 // Written by the signal handler, read on the main thread: the only thing a handler may do.
 int g_signalled = -1;
 
@@ -102,6 +104,18 @@ int runPlay(int& argc, char** argv, const QStringList& args) {
         }
         err << "OSC: 127.0.0.1:" << oscPort << Qt::endl;
     }
+    // A desk (or the script that started us) may fire as soon as we listen, but a key whose
+    // file is still loading only says so: say once when every file of the show is in.
+    bool ready = false;
+    const auto announceReady = [&model, &err, &ready] {
+        if (ready || model.media().pending() > 0)
+            return;
+        ready = true;
+        err << kReady << Qt::endl;
+    };
+    QObject readiness; // ends the connection before `ready` goes, the model's teardown aside
+    QObject::connect(&model.media(), &MediaLoader::mediaChanged, &readiness, announceReady);
+    announceReady();
     // No window is ever in front: background keys always count when they are switched on.
     BackgroundInput background(model, [] { return false; });
     if (Prefs::value(Prefs::kBackgroundInput, false).toBool())
