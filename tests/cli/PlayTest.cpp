@@ -96,6 +96,7 @@ protected:
         if (!wrapper.isEmpty())
             command.prepend(wrapper);
         const QString program = command.takeFirst();
+        player.setReadChannel(QProcess::StandardError); // said() wakes on each line
         player.start(program, command + more);
         return said("OSC: 127.0.0.1") && said("準備ができました");
     }
