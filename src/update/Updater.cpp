@@ -256,10 +256,10 @@ void Updater::install(const Release& release) {
             fail(kInstallFailed, kDownloadFailed.arg(*why));
         else if (cut)
             fail(kInstallFailed, kDownloadFailed.arg(kCut));
+        else if (status >= 400) // named as the feed's answer is, not in the network's words
+            fail(kInstallFailed, kDownloadFailed.arg(kServerAnswer.arg(status)));
         else if (reply->error() != QNetworkReply::NoError)
             fail(kInstallFailed, kDownloadFailed.arg(reply->errorString()));
-        else if (status >= 400)
-            fail(kInstallFailed, kDownloadFailed.arg(kServerAnswer.arg(status)));
         else
             downloaded(release);
     });

@@ -8,14 +8,16 @@
 #include <QTimer>
 
 // A small HTTP/1.1 server on 127.0.0.1 for the updater's tests: each path answers with its
-// bytes, or only half of them before the connection closes (a cut download), or never, or
-// without end (its bytes again and again, with no length), or a byte every half second.
+// bytes (and a status of its own), or only half of them before the connection closes (a cut
+// download), or never, or without end (its bytes again and again, with no length), or a byte every
+// half second.
 class TestServer {
 public:
     enum class Answer { whole, cut, never, endless, trickle };
     struct Route {
         QByteArray body;
         Answer answer = Answer::whole;
+        int status = 200; // of a whole answer
     };
 
     TestServer() {
@@ -63,8 +65,9 @@ private:
             }
             return;
         }
-        socket->write("HTTP/1.1 200 OK\r\nContent-Length: " +
-                      QByteArray::number(route.body.size()) + "\r\nConnection: close\r\n\r\n");
+        socket->write("HTTP/1.1 " + QByteArray::number(route.status) +
+                      " Answer\r\nContent-Length: " + QByteArray::number(route.body.size()) +
+                      "\r\nConnection: close\r\n\r\n");
         socket->write(route.answer == Answer::cut ? route.body.left(route.body.size() / 2)
                                                   : route.body);
         socket->disconnectFromHost();

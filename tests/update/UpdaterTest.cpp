@@ -257,6 +257,22 @@ TEST(Release, NewerByBuildThenByVersionPartsAsNumbers) {
     }
 }
 
+// A feed's release needs a version, a whole build number and an archive.
+TEST(Release, AFeedWithoutAVersionAWholeBuildOrAnArchiveOffersNothing) {
+    const std::pair<const char*, bool> rows[] = {
+        {R"({"version": "1.2", "build": 7, "zip": "/a.tar.zst"})", true},
+        {R"({"version": "1.2", "build": 7.0, "zip": "/a.tar.zst", "notes": ["x"]})", true},
+        {R"({"build": 7, "zip": "/a.tar.zst"})", false},
+        {R"({"version": "", "build": 7, "zip": "/a.tar.zst"})", false},
+        {R"({"version": "1.2", "build": 7})", false},
+        {R"({"version": "1.2", "build": "7", "zip": "/a.tar.zst"})", false},
+        {R"({"version": "1.2", "build": 7.5, "zip": "/a.tar.zst"})", false},
+        {R"([{"version": "1.2", "build": 7, "zip": "/a.tar.zst"}])", false},
+    };
+    for (const auto& [json, read] : rows)
+        EXPECT_EQ(Release::fromJson(json).has_value(), read) << json;
+}
+
 // A manifest is read whole or not at all: each row changes one line of a good one.
 TEST(ReleaseManifestRules, AMalformedLineOrAPathLeavingTheTreeRefusesTheWholeList) {
     const QByteArray sha(64, 'a'), key = QByteArray(32, 'k').toBase64();
@@ -380,9 +396,10 @@ TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
         setFeed("0.2.0", 2, "/good.tar.zst", {{"minimumSystemVersion", needed}});
         check(updater, true);
         EXPECT_EQ(ui.offers.size(), offers + (offered ? 1 : 0)) << needed;
-        if (!offered)
+        if (!offered) {
             EXPECT_EQ(ui.alerts.last(),
                       QString("アップデートを確認できませんでした: %1 以降が必要です").arg(needed));
+        }
     }
     // The program's own options know the system it runs on: any system meets a version 1.
     Updater::Options own = options();
@@ -415,10 +432,17 @@ TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
 TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
     // What each refusal names: the reason, and the entry or version at fault.
     const std::vector<std::pair<QString, QString>> cases{
-        {"other key", "開発元"},      {"tampered", "署名"},        {"extra", "署名"},
-        {"replayed", "0.1.0"},        {"other version", "0.2.1"},  {"parent", "../evil"},
-        {"link", "vorlin/share/etc"}, {"cut", "途中で切れました"}, {"hangs", "中止"},
+        {"other key", "開発元"},
+        {"tampered", "署名"},
+        {"extra", "署名"},
+        {"replayed", "0.1.0"},
+        {"other version", "0.2.1"},
+        {"parent", "../evil"},
+        {"link", "vorlin/share/etc"},
+        {"cut", "途中で切れました"},
+        {"hangs", "中止"},
         {"edited", "署名"},
+        {"refused", "サーバーの応答: 400"},
     };
     const int folders = updateFolders();
     for (const auto& [name, message] : cases) {
@@ -427,6 +451,8 @@ TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
                                                             : archives->bytes.at("good")};
         if (name == "cut")
             route.answer = TestServer::Answer::cut;
+        if (name == "refused")
+            route.status = 400;
         if (name == "hangs") {
             route.answer = TestServer::Answer::never;
             ui.cancelsDownload = true;
