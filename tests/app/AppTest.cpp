@@ -50,21 +50,25 @@ TEST(KeyCodeMap, PhysicalPositionsIncludingTheJisKeys) {
     EXPECT_FALSE(KeyCodeMap::fromXkb(3));
     // A key event without a scan code is placed by its Qt key where the physical key is.
     const std::pair<int, int> same[] = {
-        {Qt::Key_Backspace, KEY_BACKSPACE},
-        {Qt::Key_Return, KEY_ENTER},
-        {Qt::Key_Enter, KEY_ENTER},
-        {Qt::Key_Tab, KEY_TAB},
-        {Qt::Key_Space, KEY_SPACE},
-        {Qt::Key_Escape, KEY_ESC},
-        {Qt::Key_QuoteLeft, KEY_GRAVE},
-        {Qt::Key_A, KEY_A},
-        {Qt::Key_F5, KEY_F5},
-        {Qt::Key_F12, KEY_F12},
-        {Qt::Key_yen, KEY_YEN},
+        {Qt::Key_Backspace, KEY_BACKSPACE}, {Qt::Key_Return, KEY_ENTER},
+        {Qt::Key_Enter, KEY_ENTER},         {Qt::Key_Tab, KEY_TAB},
+        {Qt::Key_Space, KEY_SPACE},         {Qt::Key_Escape, KEY_ESC},
+        {Qt::Key_QuoteLeft, KEY_GRAVE},     {Qt::Key_yen, KEY_YEN},
         {Qt::Key_Slash, KEY_SLASH},
     };
     for (const auto& [qt, evdev] : same)
         EXPECT_EQ(KeyCodeMap::fromQtKey(qt), KeyCodeMap::fromEvdev(evdev)) << qt;
+    // Every digit, letter and function key, row by row as the keys lie.
+    const std::pair<const char*, int> rows[] = {
+        {"1234567890", KEY_1}, {"QWERTYUIOP", KEY_Q}, {"ASDFGHJKL", KEY_A}, {"ZXCVBNM", KEY_Z}};
+    for (const auto& [keys, first] : rows)
+        for (int i = 0; keys[i]; ++i)
+            EXPECT_EQ(KeyCodeMap::fromQtKey(keys[i]), KeyCodeMap::fromEvdev(first + i)) << keys[i];
+    const int functions[] = {KEY_F1, KEY_F2, KEY_F3, KEY_F4,  KEY_F5,  KEY_F6,
+                             KEY_F7, KEY_F8, KEY_F9, KEY_F10, KEY_F11, KEY_F12};
+    for (int i = 0; i < 12; ++i)
+        EXPECT_EQ(KeyCodeMap::fromQtKey(Qt::Key_F1 + i), KeyCodeMap::fromEvdev(functions[i]))
+            << "F" << i + 1;
 }
 
 // A copy of the probe program holding an instance number.

@@ -200,6 +200,22 @@ TEST_F(Views, MuteSwitchesSilenceTheirOutputAndTheToneGoesWhereChosen) {
     }
     stage.model.setToneChannel(std::nullopt);
 
+    // More outputs than room for every number: every fourth output and the muted ones say theirs.
+    CueStage wide(24);
+    wide.run(0.05);
+    wide.model.setMutedOutputs({2});
+    MeterPanel panel(wide.model);
+    panel.resize(220, 200);
+    const QImage drawn = panel.grab().toImage();
+    for (int c = 0; c < 24; ++c) {
+        const QRect cell = panel.muteRect(c);
+        bool written = false;
+        for (int y = cell.top(); y <= cell.bottom(); ++y)
+            for (int x = cell.left(); x <= cell.right(); ++x)
+                written = written || qGray(drawn.pixel(x, y)) > 150;
+        EXPECT_EQ(written, c % 4 == 0 || c == 2) << "output " << c + 1;
+    }
+
     // The meter mode is remembered for the next window.
     EXPECT_FALSE(meters.showsSources());
     QPushButton* sources = startingWith(meters.findChildren<QPushButton*>(), "素材");

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <gtest/gtest.h>
+#include <map>
 #include <vector>
 
 #include <QByteArray>
@@ -20,19 +21,28 @@ inline void constantWav(const QString& path, float level, double seconds) {
     ASSERT_TRUE(wav.finish());
 }
 
-// Channels of a float WAV, found by its chunks, whose header must tell the truth: its channels,
-// and sizes that match what the file holds.
+// Channels of a float WAV whose header must tell the truth: RIFF/WAVE with the file's size, then
+// exactly the chunks "fmt " (IEEE float, its channels), "fact" (its frames) and "data", walked by
+// their sizes to the file's end.
 inline std::vector<std::vector<float>> readWav(const QString& path, int channels) {
     const QByteArray bytes = Files::read(path);
-    const qsizetype data = bytes.indexOf("data") + 8;
-    const auto frames = (bytes.size() - data) / (4 * channels);
     const auto field = [&](qsizetype at, int size) {
         std::uint32_t value = 0;
-        std::memcpy(&value, bytes.constData() + at, static_cast<std::size_t>(size));
+        if (at >= 0 && at + size <= bytes.size())
+            std::memcpy(&value, bytes.constData() + at, static_cast<std::size_t>(size));
         return static_cast<qsizetype>(value);
     };
-    EXPECT_TRUE(data > 8 && field(4, 4) == bytes.size() - 8 && field(22, 2) == channels &&
-                field(data - 4, 4) == bytes.size() - data && field(data - 12, 4) == frames)
+    std::map<QByteArray, qsizetype> body; // a chunk's id → where its content starts
+    qsizetype at = 12;
+    for (; at + 8 <= bytes.size(); at += 8 + field(at + 4, 4))
+        body[bytes.mid(at, 4)] = at + 8;
+    const bool chunks = bytes.startsWith("RIFF") && bytes.mid(8, 4) == "WAVE" &&
+                        field(4, 4) == bytes.size() - 8 && at == bytes.size() && body.size() == 3 &&
+                        body.count("fmt ") && body.count("fact") && body.count("data");
+    const qsizetype data = chunks ? body["data"] : bytes.size();
+    const auto frames = (bytes.size() - data) / (4 * channels);
+    EXPECT_TRUE(chunks && field(body["fmt "], 2) == 3 && field(body["fmt "] + 2, 2) == channels &&
+                field(body["fact"], 4) == frames)
         << path.toStdString() << ": its header does not say what it holds";
     std::vector<std::vector<float>> out(static_cast<std::size_t>(channels),
                                         std::vector<float>(static_cast<std::size_t>(frames)));

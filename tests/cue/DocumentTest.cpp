@@ -194,6 +194,12 @@ TEST_F(Document, ABadFileFailsWholeAndLeavesTheModelUntouched) {
         {"\"mutedOutputs\": [", R"("midiBindings": [{"message": "note", "channel": 0,
          "number": 60, "action": "stop"}], "mutedOutputs": [)",
          false, "MIDI の割り当ての channel は 1〜16 です"},
+        {"\"mutedOutputs\": [", R"("midiBindings": [{"message": "note", "channel": 16,
+         "number": 127, "action": "key", "key": 65535}], "mutedOutputs": [)",
+         false, "MIDI の割り当ての key は 0〜65534 です"},
+        {"\"mutedOutputs\": [", R"("midiBindings": [{"message": "control", "channel": 1,
+         "number": 0, "action": "page", "page": 10000}], "mutedOutputs": [)",
+         false, "MIDI の割り当ての page は 0〜9999 です"},
     };
     for (const auto& [from, to, inPage, said] : rows) {
         QByteArray text = to;
@@ -221,15 +227,20 @@ TEST_F(Document, SavingKeepsPermissionsFollowsLinksAndLeavesNoTemporaries) {
     model.document().assignments[0] = KeyAssignment(folder + "/intro.wav", 0);
     const QString real = folder + "/private.vorlin";
     model.save(real);
-    ASSERT_TRUE(QFile::setPermissions(real, QFile::ReadOwner | QFile::WriteOwner));
     const QString link = folder + "/current.vorlin";
     ASSERT_TRUE(QFile::link(real, link));
-    model.document().assignments[1] = KeyAssignment(folder + "/second.wav", 1);
-    model.save(link);
-    EXPECT_TRUE(QFileInfo(link).isSymLink());
-    EXPECT_TRUE(read(real).contains("second.wav"));
-    EXPECT_EQ(QFile::permissions(real),
-              QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser | QFile::WriteUser);
+    // Private, and shared with the group (not what a new temporary file gets).
+    for (const QFileDevice::Permissions kept :
+         {QFile::ReadOwner | QFile::WriteOwner,
+          QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther}) {
+        ASSERT_TRUE(QFile::setPermissions(real, kept));
+        model.document().assignments[1] = KeyAssignment(folder + "/second.wav", 1);
+        model.save(link);
+        EXPECT_TRUE(QFileInfo(link).isSymLink());
+        EXPECT_TRUE(read(real).contains("second.wav"));
+        const QFileDevice::Permissions user = QFile::ReadUser | QFile::WriteUser | QFile::ExeUser;
+        EXPECT_EQ(QFile::permissions(real) & ~user, kept);
+    }
 
     // A save killed between writing and renaming leaves its temporary; opening cleans it up
     // once it is old enough not to be another instance's save under way.
@@ -529,6 +540,16 @@ TEST_F(Document, TheRecoveryCopyFollowsUnsavedChangesAndRestoresAsTheShowItself)
     AppModel reopened;
     reopened.open(show);
     EXPECT_EQ(reopened.document().assignments.size(), 4u);
+
+    // A copy that cannot be written is said, when the next edit is kept.
+    AppModel blocked;
+    blocked.session().enableRecovery(intro + "/Recovery"); // a file where its folder should be
+    blocked.editor().assign(intro, 0);
+    blocked.session().flushRecovery();
+    blocked.editor().assign(intro, 1);
+    blocked.session().flushRecovery();
+    EXPECT_TRUE(blocked.status().text().startsWith("復元用のコピーを書けません: "))
+        << blocked.status().text().toStdString();
 }
 
 // Killed at random moments while it writes, the writer never touches the show's own file and

@@ -340,6 +340,17 @@ TEST_F(Editing, EveryEditIsOneStepThatUndoesAndRedoesExactly) {
     EXPECT_FALSE(keys().count(kS));
     stage.model.newDocument();
     EXPECT_FALSE(history.stack().canRedo());
+
+    // Undone on its own page, a list keeps its open tab while its key still holds a list; the
+    // tab closes when the key goes back to one file.
+    editor().assign(file("s.wav"), kS);
+    editor().assignList({file("s.wav"), file("t.wav")}, kS);
+    editor().openDeckTab(kS);
+    editor().assign(file("f.wav"), kF);
+    history.stack().undo();
+    EXPECT_EQ(stage.doc().deckTabs, std::vector<KeyCode>{kS});
+    history.stack().undo();
+    EXPECT_TRUE(stage.doc().deckTabs.empty());
 }
 
 TEST_F(Editing, MediaLoadsOffTheMainThreadAndIsFreedWhenNoKeyUsesIt) {

@@ -256,6 +256,19 @@ TEST_F(Presentation, HostileArchivesAreRefusedAndNothingLandsOutsideTheDeck) {
     const auto odp = SlideParts::odpSlides(file("media.odp"));
     ASSERT_EQ(odp.size(), 1u);
     EXPECT_EQ(odp[0].media, QStringList{"Media/clip.wav"});
+    // A PowerPoint file's targets may also be written from the package's root.
+    ASSERT_TRUE(Presentations::writeZip(
+        file("rooted.pptx"),
+        {{"ppt/presentation.xml", presentation},
+         {"ppt/_rels/presentation.xml.rels",
+          R"(<Relationships><Relationship Id="rId2" Type="t/slide" Target="/ppt/slides/slide1.xml"/></Relationships>)"},
+         {"ppt/slides/slide1.xml", "<p:sld xmlns:p=\"p\"/>"},
+         {"ppt/slides/_rels/slide1.xml.rels",
+          R"(<Relationships><Relationship Id="rId3" Type="t/audio" Target="/ppt/media/chime.wav"/></Relationships>)"},
+         {"ppt/media/chime.wav", "RIFF"}}));
+    const auto rooted = SlideParts::pptxSlides(file("rooted.pptx"));
+    ASSERT_EQ(rooted.size(), 1u);
+    EXPECT_EQ(rooted[0].media, QStringList{"ppt/media/chime.wav"});
 
     ASSERT_TRUE(write("notzip.pptx", QByteArray(3000, 'z')));
     EXPECT_EQ(failure([&] { SlideParts::pptxSlides(file("notzip.pptx")); }),

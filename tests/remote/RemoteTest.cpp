@@ -141,8 +141,6 @@ TEST(RemoteCommands, EveryAddressWithItsArgumentsAndNothingElse) {
     }
 }
 
-// (That a key fired by OSC sounds sample for sample as from the keyboard is shown by the render
-// of a script of OSC lines.) By its number or its label, down and up again for a hold key.
 // A port another program holds: listening says so, leaves no socket open behind it, and a free
 // port listens afterwards.
 TEST(OscPort, ATakenPortSaysSoAndLeavesNoSocketBehind) {
@@ -162,6 +160,28 @@ TEST(OscPort, ATakenPortSaysSoAndLeavesNoSocketBehind) {
     EXPECT_GT(server.port(), 0);
 }
 
+// Started with its standard input closed (a start script's `<&-`), the socket is descriptor 0,
+// and it serves its subscribers all the same.
+TEST(OscPort, ASocketOnDescriptorZeroStillFeedsItsSubscribers) {
+    const int input = ::dup(0);
+    ::close(0);
+    {
+        OscServer server;
+        ASSERT_FALSE(server.listen(QHostAddress::LocalHost, 0, {}));
+        QUdpSocket desk;
+        ASSERT_TRUE(desk.bind(QHostAddress::LocalHost, 0));
+        desk.writeDatagram(OscServer::encode("/vorlin/subscribe", {}), QHostAddress::LocalHost,
+                           server.port());
+        ASSERT_TRUE(Wait::until([&] { return server.subscriberCount() == 1; }));
+        server.sendToSubscribers("/vorlin/state/master", {1.0});
+        EXPECT_TRUE(Wait::until([&] { return desk.hasPendingDatagrams(); }));
+    }
+    ::dup2(input, 0);
+    ::close(input);
+}
+
+// (That a key fired by OSC sounds sample for sample as from the keyboard is shown by the render
+// of a script of OSC lines.) By its number or its label, down and up again for a hold key.
 TEST_F(Remote, AKeyIsFiredByItsNumberOrLabel) {
     lo_send(target, "/vorlin/key", "ii", 0, 1);
     ASSERT_TRUE(Wait::until([&] { return stage.model.isRunning(kA); }));
@@ -418,8 +438,9 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
     const auto received = remote.osc().counts().received;
     client->writeDatagram(subscribe, QHostAddress::LocalHost, port);
     ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().received > received; }));
-    if (renewed.elapsed() < 150) // (unless the machine stalled past it already)
+    if (renewed.elapsed() < 150) { // (unless the machine stalled past it already)
         EXPECT_EQ(remote.osc().subscriberCount(), 1u);
+    }
     QElapsedTimer heard; // the renewal was taken by now: it runs out within 200 ms of this
     heard.start();
     Wait::until([&] { return heard.elapsed() > 250; }, 3000);
