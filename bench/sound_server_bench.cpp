@@ -75,7 +75,7 @@ public:
         const QString program = command.takeFirst();
         m_process.start(program, command);
         const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!listening() && std::chrono::steady_clock::now() < deadline) {
+        while (!ready() && std::chrono::steady_clock::now() < deadline) {
             m_process.waitForReadyRead(100);
             m_err += QString::fromUtf8(m_process.readAllStandardError());
         }
@@ -88,7 +88,7 @@ public:
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
     // Listening, and the show's file loaded.
-    bool listening() const {
+    bool ready() const {
         return m_err.contains("OSC: 127.0.0.1") && m_err.contains("準備ができました");
     }
     // The A key down, then everything stopped at once, as a desk sends them.
@@ -208,13 +208,13 @@ void BM_KeyToSink(benchmark::State& state) {
     // into the default (stereo) one.
     PipeWireRecorder eight("vorlin-test-8ch", 8), stereo("vorlin-test-stereo", 2);
     Player nativePlayer(show, "pipewire:vorlin-test-8ch", 53281, {});
-    if (!nativePlayer.listening())
+    if (!nativePlayer.ready())
         return state.SkipWithError("the native player did not start");
     Path native{&nativePlayer, &eight, 0.0, {}}, jack, alsa;
     for (auto _ : state) {
         {
             Player player(show, "jack:", 53282, "pw-jack");
-            if (!player.listening())
+            if (!player.ready())
                 return state.SkipWithError("the pw-jack player did not start");
             std::this_thread::sleep_for(1s); // linked and running
             native.lag = monitorLag("vorlin-test-8ch", eight);
@@ -224,7 +224,7 @@ void BM_KeyToSink(benchmark::State& state) {
             alternate(native, jack, 40);
         }
         Player player(show, "alsa:vorlin_pipewire_stereo", 53283, {});
-        if (!player.listening())
+        if (!player.ready())
             return state.SkipWithError("the ALSA player did not start");
         std::this_thread::sleep_for(1s);
         alsa = {&player, &stereo, monitorLag("vorlin-test-stereo", stereo), {}};
