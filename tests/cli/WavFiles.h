@@ -22,8 +22,8 @@ inline void constantWav(const QString& path, float level, double seconds) {
 }
 
 // Channels of a float WAV whose header must tell the truth: RIFF/WAVE with the file's size, then
-// exactly the chunks "fmt " (IEEE float, its channels), "fact" (its frames) and "data", walked by
-// their sizes to the file's end.
+// exactly the chunks "fmt " (32-bit IEEE float, its channels, byte rate and frame size that agree),
+// "fact" (its frames) and "data", walked by their sizes to the file's end.
 inline std::vector<std::vector<float>> readWav(const QString& path, int channels) {
     const QByteArray bytes = Files::read(path);
     const auto field = [&](qsizetype at, int size) {
@@ -41,7 +41,10 @@ inline std::vector<std::vector<float>> readWav(const QString& path, int channels
                         body.count("fmt ") && body.count("fact") && body.count("data");
     const qsizetype data = chunks ? body["data"] : bytes.size();
     const auto frames = (bytes.size() - data) / (4 * channels);
-    EXPECT_TRUE(chunks && field(body["fmt "], 2) == 3 && field(body["fmt "] + 2, 2) == channels &&
+    const qsizetype format = chunks ? body["fmt "] : 0;
+    EXPECT_TRUE(chunks && field(format, 2) == 3 && field(format + 2, 2) == channels &&
+                field(format + 8, 4) == field(format + 4, 4) * channels * 4 &&
+                field(format + 12, 2) == channels * 4 && field(format + 14, 2) == 32 &&
                 field(body["fact"], 4) == frames)
         << path.toStdString() << ": its header does not say what it holds";
     std::vector<std::vector<float>> out(static_cast<std::size_t>(channels),

@@ -327,6 +327,12 @@ TEST_F(Remote, WhatItShouldNotActOnIsCountedAndTheShowGoesOn) {
                     static_cast<std::size_t>(16 + extra));
         EXPECT_FALSE(OscServer::decode(QByteArray::fromRawData(cut.get(), 16 + extra))) << extra;
     }
+    // Bundles nest as deep as the limit, and no deeper.
+    QByteArray deepest = OscServer::encode("/vorlin/panic", {});
+    for (int depth = 0; depth < OscServer::kMaxBundleDepth; ++depth)
+        deepest = bundleOf(deepest);
+    EXPECT_TRUE(OscServer::decode(deepest));
+    EXPECT_FALSE(OscServer::decode(bundleOf(deepest)));
     // An element that claims more than the datagram holds is refused, even where the bytes
     // beyond its end would read as a whole message.
     const QByteArray longer = bundleOf(OscServer::encode("/vorlin/panic", {}));
@@ -398,6 +404,8 @@ TEST_F(Remote, SubscribersAreBoundedAndGoAway) {
         gone.back()->writeDatagram(subscribe, QHostAddress::LocalHost, port);
     }
     ASSERT_TRUE(Wait::until([&] { return remote.osc().counts().subscribersRefused == 12; }));
+    EXPECT_TRUE(stage.model.status().text().contains("購読できるのは 8 か所までです"))
+        << stage.model.status().text().toStdString();
     EXPECT_EQ(remote.osc().subscriberCount(), OscServer::kMaxSubscribers);
     gone.clear(); // their ports answer "unreachable" from now on
     stage.press(kA);

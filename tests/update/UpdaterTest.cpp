@@ -413,6 +413,19 @@ TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
     check(updater, true);
     EXPECT_TRUE(ui.alerts.last().contains("サーバーの応答: 404"));
     EXPECT_EQ(ui.offers.size(), 4);
+
+    // A feed of exactly the largest size allowed is read; one byte less allowed, it is not.
+    setFeed("0.2.0", 2, "/good.tar.zst");
+    const qint64 size = server.routes["/version.json"].body.size();
+    ui.answer = UpdaterUi::Choice::skip;
+    for (const auto& [largest, offered] : {std::pair{size, true}, {size - 1, false}}) {
+        Updater::Options bounded = options();
+        bounded.maxFeedBytes = largest;
+        Updater sized(bounded, ui);
+        const auto offers = ui.offers.size();
+        check(sized, true);
+        EXPECT_EQ(ui.offers.size(), offers + (offered ? 1 : 0)) << largest;
+    }
 }
 
 TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
