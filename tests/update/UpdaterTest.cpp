@@ -24,6 +24,7 @@
 #include "update/Ed25519.h"
 #include "update/ReleaseArchive.h"
 #include "update/ReleaseManifest.h"
+#include "update/ReleaseVerifier.h"
 #include "update/UpdateError.h"
 
 namespace {
@@ -558,7 +559,9 @@ TEST_F(UpdaterTest, AProgramWithoutAKeyOrOutsideAnInstalledTreeDoesNotReplaceIts
     Updater updater(unsigned_, ui);
     ui.answer = UpdaterUi::Choice::install;
     check(updater, true);
-    EXPECT_TRUE(ui.alerts.value(0).startsWith(kFailed) && ui.alerts.value(0).contains("署名"));
+    EXPECT_TRUE(ui.alerts.value(0).startsWith(kFailed) &&
+                ui.alerts.value(0).contains(ReleaseVerifier::kUnsignedProgram))
+        << ui.alerts.value(0).toStdString();
     EXPECT_FALSE(updater.isArmed());
 
     // Run from a build folder (no VERSION beside bin/): the download page instead.
