@@ -82,24 +82,6 @@ std::vector<RowSpec> jisLayout() {
               key(123, "◀"), key(125, "▼"), key(124, "▶")}}};
 }
 
-// The session's keyboard without a display connection: what Wayland compositors and the
-// console are told (XKB_DEFAULT_LAYOUT), else the system's keyboard configuration. The
-// application may refine this from the X server's own XKB names.
-QString sessionLayoutName() {
-    const QString fromEnvironment = qEnvironmentVariable("XKB_DEFAULT_LAYOUT");
-    if (!fromEnvironment.isEmpty())
-        return fromEnvironment;
-    QFile file(QStringLiteral("/etc/default/keyboard"));
-    if (file.open(QIODevice::ReadOnly)) {
-        static const QRegularExpression line(QStringLiteral("^XKBLAYOUT=\"?([^\"\\n]*)\"?"),
-                                             QRegularExpression::MultilineOption);
-        const auto match = line.match(QString::fromUtf8(file.readAll()));
-        if (match.hasMatch())
-            return match.captured(1);
-    }
-    return {};
-}
-
 } // namespace
 
 std::vector<KeyRow> build(const std::vector<RowSpec>& layout) {
@@ -150,6 +132,21 @@ const std::vector<KeyRow>& jisRows() {
     return rows;
 }
 
+QString sessionLayoutName(const QString& keyboardFile) {
+    const QString fromEnvironment = qEnvironmentVariable("XKB_DEFAULT_LAYOUT");
+    if (!fromEnvironment.isEmpty())
+        return fromEnvironment;
+    QFile file(keyboardFile);
+    if (file.open(QIODevice::ReadOnly)) {
+        static const QRegularExpression line(QStringLiteral("^XKBLAYOUT=\"?([^\"\\n]*)\"?"),
+                                             QRegularExpression::MultilineOption);
+        const auto match = line.match(QString::fromUtf8(file.readAll()));
+        if (match.hasMatch())
+            return match.captured(1);
+    }
+    return {};
+}
+
 bool isJISLayoutName(const QString& xkbLayout) {
     // "jp", "jp(kana)", or the first of several layouts ("jp,us").
     return xkbLayout.section(QLatin1Char(','), 0, 0).trimmed().startsWith(QStringLiteral("jp"));
@@ -164,8 +161,8 @@ bool isJISFor(const QString& choice, const QString& xkbLayout) {
 }
 
 bool isJIS() {
-    static const bool jis =
-        isJISFor(Prefs::value(Prefs::kKeyboardLayout).toString(), sessionLayoutName());
+    static const bool jis = isJISFor(Prefs::value(Prefs::kKeyboardLayout).toString(),
+                                     sessionLayoutName(QStringLiteral("/etc/default/keyboard")));
     return jis;
 }
 

@@ -55,6 +55,11 @@ const std::vector<KeyRow>& jisRows();
 bool isJIS();
 // The same rule for a given choice and session keyboard.
 bool isJISFor(const QString& choice, const QString& xkbLayout);
+// The session's keyboard without a display connection: what Wayland compositors and the
+// console are told (XKB_DEFAULT_LAYOUT), else the XKBLAYOUT line of the system's keyboard
+// configuration (`keyboardFile`, /etc/default/keyboard); "" when neither says. The application
+// may refine this from the X server's own XKB names.
+QString sessionLayoutName(const QString& keyboardFile);
 // Whether a keyboard layout name (XKB: "jp", "us", "de(nodeadkeys)" …) is a JIS keyboard.
 bool isJISLayoutName(const QString& xkbLayout);
 
