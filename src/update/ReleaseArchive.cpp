@@ -49,7 +49,9 @@ void unpack(const QString& archivePath, const QString& folder) {
         const int status = archive_read_next_header(a.get(), &entry);
         if (status == ARCHIVE_EOF)
             return;
-        if (status < ARCHIVE_WARN)
+        // A warning (an unreadable pax attribute, say) leaves the entry whole; anything else
+        // (a damaged header the reader would skip) leaves no entry to trust.
+        if (status != ARCHIVE_OK && status != ARCHIVE_WARN)
             refuse(QString::fromUtf8(archive_error_string(a.get())));
         if (++entries > kMaxEntries)
             refuse(QStringLiteral("項目が多すぎます"));
