@@ -1,4 +1,5 @@
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -68,6 +69,9 @@ TEST(MixerRealtime, RenderThreadNeverAllocatesWhileVoicesComeAndGo) {
 
     std::mt19937 random(42);
     std::vector<std::int64_t> ids;
+    // Nor may the control thread allocate while it holds the lock the render thread waits on.
+    const std::uint64_t underLockBefore = AllocationCounter::underPriorityLock();
+    const std::uint64_t locksBefore = AllocationCounter::priorityLocksTaken();
     // Streams written by this thread while the render thread plays them, some run dry.
     std::vector<AudioStreamPtr> streams;
     const std::vector<float> feed(2048, 0.25f);
@@ -121,9 +125,11 @@ TEST(MixerRealtime, RenderThreadNeverAllocatesWhileVoicesComeAndGo) {
     EXPECT_GE(operations, 1000);
     EXPECT_GT(soundingBlocks.load(), 200);
     EXPECT_EQ(allocationsAfter - allocationsBefore, 0u);
+    EXPECT_EQ(AllocationCounter::underPriorityLock() - underLockBefore, 0u);
+    EXPECT_GT(AllocationCounter::priorityLocksTaken() - locksBefore, 10000u);
 }
 
-TEST(MixerRealtime, CounterSeesAllocationsOnACountingThread) {
+TEST(MixerRealtime, CountersSeeAllocationsOnACountingThreadAndUnderTheLock) {
     if (kSanitized)
         GTEST_SKIP() << "the sanitizer's allocator replaces the one this test counts";
     // Guards the test above against a counter that counts nothing.
@@ -133,6 +139,18 @@ TEST(MixerRealtime, CounterSeesAllocationsOnACountingThread) {
     delete p;
     AllocationCounter::countOnThisThread(false);
     EXPECT_GE(AllocationCounter::count() - before, 2u);
+    const auto underLock = AllocationCounter::underPriorityLock();
+    PriorityMutex mutex;
+    const auto allocateAndFree = [] { // volatile: neither call may be left out
+        void* volatile block = std::malloc(64);
+        std::free(block);
+    };
+    {
+        std::lock_guard guard(mutex);
+        allocateAndFree();
+    }
+    allocateAndFree();
+    EXPECT_EQ(AllocationCounter::underPriorityLock() - underLock, 2u);
 }
 
 // A real-time thread waiting for the lock lifts the holder to its own priority: what keeps a

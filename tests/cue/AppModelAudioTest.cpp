@@ -2,6 +2,9 @@
 #include <cmath>
 #include <gtest/gtest.h>
 
+#include <QSemaphore>
+#include <QThreadPool>
+
 #include "JackRegistrations.h"
 #include "JackServer.h"
 #include "Wait.h"
@@ -86,6 +89,23 @@ TEST(ModelDevices, AStoredDeviceThatIsGoneFallsBackWithAMessage) {
         "オーディオ出力を開始できません: 出力デバイスを設定できません（ALSA: "));
     EXPECT_TRUE(model.audio().isRunning());
     EXPECT_GE(model.cueEngine().outputChannelCount(), 1);
+
+    // Closed while it looks for the device again: the answer that comes afterwards finds no
+    // model and does nothing. The pool's threads are held so the look cannot end before.
+    QSemaphore hold;
+    QThreadPool* pool = QThreadPool::globalInstance();
+    const int threads = pool->maxThreadCount();
+    for (int t = 0; t < threads; ++t)
+        pool->start([&] { hold.acquire(); });
+    {
+        AppModel closing;
+        closing.setOutputDeviceUID(QString("alsa:vorlin_unplugged_card"));
+        ASSERT_TRUE(closing.isOnFallback());
+        Wait::pump(1500); // it looks every second: one look is queued
+    }
+    hold.release(threads);
+    pool->waitForDone();
+    Wait::pump(100);
 }
 
 } // namespace

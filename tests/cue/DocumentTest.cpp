@@ -164,6 +164,14 @@ TEST_F(Document, ReadRulesForPagesCurrentPageAndKeyStrings) {
     write(path, withTop(three, "-1"));
     model.open(path);
     EXPECT_EQ(model.document().currentPage, 0u);
+
+    // A file with one picture output only, as older files have it.
+    QByteArray oneTarget = base;
+    oneTarget.replace("\"videoOutputs\": [\n        \"window\"\n    ],\n", "");
+    oneTarget.replace("\"videoTarget\": \"window\"", "\"videoTarget\": \"display:2: Beamer\"");
+    write(path, oneTarget);
+    model.open(path);
+    EXPECT_EQ(model.videoOutputs(), QStringList{"2: Beamer"});
 }
 
 // A file that cannot be read whole is not opened at all, and says why: not JSON, not an object,

@@ -131,6 +131,12 @@ TEST(ShowDocument, AllAssignmentsTakeTheCurrentPageFromTheWorkingCopy) {
     EXPECT_EQ(doc.pages[0].keys.at(0).path, "/a.wav");
     EXPECT_EQ(doc.pageName(doc.pages[1].id), "2");
     EXPECT_FALSE(doc.pageName(QUuid::createUuid()));
+    // A page that is not there is not loaded: the working copy stays on page 2.
+    for (const std::size_t missing : {std::size_t{2}, std::size_t{7}}) {
+        doc.loadPage(missing);
+        EXPECT_EQ(doc.currentPage, 1u) << missing;
+        EXPECT_EQ(doc.assignments.begin()->second.path, "/b.wav") << missing;
+    }
 }
 
 } // namespace

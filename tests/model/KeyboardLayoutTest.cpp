@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <QFile>
+
+#include "Files.h"
+#include "TempDir.h"
+
 namespace {
 
 using namespace KeyboardLayout;
@@ -99,6 +104,26 @@ TEST(KeyboardLayout, TheChoiceElseTheSessionsFirstLayoutMakesItJis) {
     };
     for (const auto& [choice, session, jis] : rows)
         EXPECT_EQ(isJISFor(choice, session), jis) << choice << " " << session;
+
+    // The session's keyboard: the environment's, else the system file's XKBLAYOUT line.
+    TempDir dir;
+    const QByteArray own = qgetenv("XKB_DEFAULT_LAYOUT");
+    const QString file = QString::fromStdString(dir.file("keyboard"));
+    const std::tuple<const char*, const char*, const char*> sessions[] = {
+        {"jp", "XKBLAYOUT=\"us\"\n", "jp"},
+        {"", "XKBMODEL=\"jp106\"\nXKBLAYOUT=\"jp\"\nXKBVARIANT=\"\"\n", "jp"},
+        {"", "XKBLAYOUT=us,jp\n", "us,jp"},
+        {"", "# XKBLAYOUT=\"jp\"\nXKBMODEL=\"pc105\"\n", ""},
+        {"", nullptr, ""},
+    };
+    for (const auto& [environment, text, name] : sessions) {
+        QFile::remove(file);
+        if (text)
+            Files::write(file, text);
+        qputenv("XKB_DEFAULT_LAYOUT", environment);
+        EXPECT_EQ(sessionLayoutName(file), name) << environment << " " << (text ? text : "-");
+    }
+    qputenv("XKB_DEFAULT_LAYOUT", own);
 }
 
 } // namespace

@@ -202,6 +202,20 @@ TEST_F(Remote, PagesStopsPanicAndMasterAsTheWindowDoesThem) {
     EXPECT_TRUE(Wait::until([&] { return stage.doc().currentPage == 0; }));
     lo_send(target, "/vorlin/master", "f", 0.25f);
     EXPECT_TRUE(Wait::until([&] { return stage.model.masterVolume() == 0.25; }));
+    // What is not there is said, by its name, else its number.
+    for (const auto& [address, argument, said] : {std::tuple{"/vorlin/page", "第 9 幕", "第 9 幕"},
+                                                  {"/vorlin/key/XYZ", "", "XYZ"},
+                                                  {"/vorlin/cue/99/stop", "", "キュー 99"}}) {
+        if (*argument)
+            lo_send(target, address, "s", argument);
+        else if (QByteArray(address).startsWith("/vorlin/key"))
+            lo_send(target, address, "i", 1);
+        else
+            lo_send(target, address, "");
+        EXPECT_TRUE(Wait::until([&, said = QString::fromUtf8(said)] {
+            return stage.model.status().text() == "リモート入力: " + said + " はありません";
+        })) << address;
+    }
 
     stage.press(kA);
     stage.run(0.1);
@@ -253,6 +267,15 @@ TEST_F(Remote, ASubscriberHearsTheStateUntilItUnsubscribes) {
     listen();
     EXPECT_NE(std::find(heard.begin(), heard.end(), "/vorlin/state/cue"), heard.end());
     EXPECT_NE(std::find(heard.begin(), heard.end(), "/vorlin/state/key"), heard.end());
+    // On another page the cue plays on, listed, with no key of this page to show it: still
+    // heard as it moves.
+    stage.model.editor().newPage(false);
+    stage.run(0.1);
+    listen();
+    heard.clear();
+    stage.run(0.3);
+    listen();
+    EXPECT_NE(std::find(heard.begin(), heard.end(), "/vorlin/state/cue"), heard.end());
 
     lo_send_from(target, client, LO_TT_IMMEDIATE, "/vorlin/unsubscribe", "");
     listen();

@@ -374,6 +374,33 @@ TEST(ReleaseArchiveLimits, EntriesUpToTheLimitUnpackInPlaceAndOneMoreIsRefused) 
                                           QString::number(count - 1)));
         }
     }
+
+    // An attribute the reader cannot parse only warns, and the entry under it unpacks; a header
+    // that fails its checksum refuses the archive.
+    const std::string warned = dir.file("warned.tar"), damaged = dir.file("damaged.tar");
+    archive* a = archive_write_new();
+    archive_write_set_format_pax(a);
+    ASSERT_EQ(archive_write_open_filename(a, warned.c_str()), ARCHIVE_OK);
+    archive_entry* entry = archive_entry_new();
+    archive_entry_set_pathname(entry, "vorlin/vorlin");
+    archive_entry_set_filetype(entry, AE_IFREG);
+    archive_entry_set_perm(entry, 0755);
+    archive_entry_set_size(entry, 2);
+    archive_entry_xattr_add_entry(entry, "user.note", "a", 1);
+    archive_write_header(a, entry);
+    archive_write_data(a, "#!", 2);
+    archive_entry_free(entry);
+    archive_write_close(a);
+    archive_write_free(a);
+    QByteArray tar = Files::read(QString::fromStdString(warned));
+    ASSERT_TRUE(tar.contains("xattr.user.note="));
+    tar.replace("xattr.user.note=", "xattr.user.note_"); // a record without its "="
+    Files::write(QString::fromStdString(warned), tar);
+    EXPECT_EQ(refusal(warned), "");
+    EXPECT_EQ(Files::read(QString::fromStdString(warned) + ".d/vorlin/vorlin"), "#!");
+    tar[1024 + 5] = 'X'; // the file's own header, after the attributes' header and block
+    Files::write(QString::fromStdString(damaged), tar);
+    EXPECT_NE(refusal(damaged), "");
 }
 
 TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
