@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <numeric>
 
+#include "AllocationCounter.h"
 #include "MixerTestSupport.h"
+#include "Sanitizer.h"
 #include "SignalMeasure.h"
 #include "audio/HostTime.h"
 #include "audio/OfflineRenderer.h"
@@ -462,12 +464,22 @@ TEST_F(MixerTest, LargeBlocksMixExactlyLikeSmallOnes) {
     EXPECT_EQ(countNonZero({small[0].begin() + 12800 + 961, small[0].end()}), 0);
 }
 
+// More voices than the mixer keeps room for play, and end together, without the control
+// thread ever allocating while it holds the lock the render thread waits on.
 TEST_F(MixerTest, MoreVoicesThanReservedStillPlay) {
+    const auto underLock = AllocationCounter::underPriorityLock();
     OfflineRenderer device(mixer, 1, 256, kRate);
     auto clip = constantClip(0.001f, 10000);
-    for (int i = 0; i < 600; ++i)
+    for (std::size_t i = 0; i < Mixer::kReservedVoices + 88; ++i)
         mixer.play(clip, {{0, 0}}, 1.0f, 0.0, false, false);
     EXPECT_NEAR(device.render(256)[0][0], 0.6f, 1e-4);
+    device.render(10000);
+    mixer.snapshot();
+    mixer.removeDone();
+    EXPECT_EQ(mixer.voiceCount(), 0u);
+    if (!kSanitized) {
+        EXPECT_EQ(AllocationCounter::underPriorityLock() - underLock, 0u);
+    }
 }
 
 TEST_F(MixerTest, RoutesOutsideTheClipOrTheDeviceAreDropped) {
