@@ -373,7 +373,13 @@ void OscServer::sendToSubscribers(const QByteArray& address,
     for (const Subscriber& subscriber : m_subscribers) {
         sockaddr_storage to;
         const socklen_t toLength = socketAddress(subscriber.host, subscriber.port, m_family, to);
-        ::sendto(m_fd, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_DONTWAIT,
-                 reinterpret_cast<const sockaddr*>(&to), toLength);
+        // The "unreachable" answer to a send before this one is pending on the socket, and a
+        // send reports it instead of sending: once it is taken, the send goes out.
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (::sendto(m_fd, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_DONTWAIT,
+                         reinterpret_cast<const sockaddr*>(&to), toLength) >= 0 ||
+                (errno != ECONNREFUSED && errno != EHOSTUNREACH && errno != ENETUNREACH))
+                break;
+        }
     }
 }
