@@ -374,7 +374,8 @@ std::int64_t findRun(const std::vector<float>& out, const float* expected, std::
 
 // A movie whose sound is too long to decode into memory is heard streamed: sample for sample
 // what a clip of it would hold, from its first picture on; a seek resumes it with the picture
-// exactly at the sample sought; a looping key goes round; a file gone says so.
+// exactly at the sample sought; a looping key goes round; without its picture it plays alone;
+// a file gone says so.
 TEST(Seek, AStreamedMovieSoundIsTheFilesSoundOnTimeAfterASeekAndRoundTheLoop) {
     TempDir dir;
     CueStage stage(1);
@@ -431,10 +432,16 @@ TEST(Seek, AStreamedMovieSoundIsTheFilesSoundOnTimeAfterASeekAndRoundTheLoop) {
     out = stage.run(0.5);
     EXPECT_GE(findRun(out[0], sound + 48000, 12000, 4798, 4), 4798);
 
-    // The sound alone of a movie whose file went away after loading.
+    // The sound alone, the picture switched off: it starts after the decoder's first fill.
     stage.model.stopAll(true);
     stage.run(0.1);
     stage.doc().assignments[kS].showVideo = false;
+    stage.press(kS);
+    EXPECT_GE(findRun(stage.run(0.5)[0], sound, 12000, 0, 12000), 0);
+
+    // The sound alone of a movie whose file went away after loading.
+    stage.model.stopAll(true);
+    stage.run(0.1);
     std::remove(path.c_str());
     stage.press(kS);
     stage.run(0.1);

@@ -51,8 +51,8 @@ TEST(Tick, SourceMetersFollowTheKeysVoicesAndDropWhenTheyStop) {
     // A voice that plays on in silence: its meter falls by 0.86 a tick.
     std::vector<float> loudThenSilent(48000, 0.0f);
     std::fill_n(loudThenSilent.begin(), 4800, 0.5f);
-    stage.model.media().table()[a.mediaKey()].clip = std::make_shared<const AudioClip>(
-        std::vector<std::vector<float>>{loudThenSilent}, 48000.0);
+    stage.model.media().table()[a.mediaKey()].clip =
+        std::make_shared<const AudioClip>(std::vector<std::vector<float>>{loudThenSilent}, 48000.0);
     stage.press(kA);
     stage.run(0.2);
     const float before = stage.model.live().sourceMeters().at(kA)[0];
@@ -60,6 +60,17 @@ TEST(Tick, SourceMetersFollowTheKeysVoicesAndDropWhenTheyStop) {
     for (int i = 0; i < 5 && stage.model.live().sourceMeters().at(kA)[0] == before; ++i)
         stage.run(0.02); // a tick at the most in 20 ms
     EXPECT_FLOAT_EQ(stage.model.live().sourceMeters().at(kA)[0], before * 0.86f);
+
+    // Retriggered with a stereo file, then a mono one: a meter a channel, as many as it plays
+    // now (the falling ones of the channel that went are not kept).
+    a.mode = KeyMode::retrigger;
+    for (const std::size_t channels : {2u, 1u}) {
+        stage.model.media().table()[a.mediaKey()].clip = std::make_shared<const AudioClip>(
+            std::vector<std::vector<float>>(channels, std::vector<float>(48000, 0.5f)), 48000.0);
+        stage.press(kA);
+        stage.run(0.2);
+        EXPECT_EQ(stage.model.live().sourceMeters().at(kA).size(), channels);
+    }
 }
 
 TEST(Tick, FinishedCuesAreRemovedAndTheListPublishedOnlyOnChange) {

@@ -1,3 +1,5 @@
+#include "deck/Deck.h"
+
 #include <gtest/gtest.h>
 
 #include <QCryptographicHash>
@@ -60,6 +62,25 @@ TEST(DeckItemRecord, MergeKeepsTheSavedSettingsInTheFreshOrderAndDropsWhatIsGone
     EXPECT_EQ(merged[0], item("s1"));
     EXPECT_EQ(merged[1], hidden);
     EXPECT_EQ(merged[2], item("s3"));
+
+    // A list's items are its files in their order, played as the key's saved items at the same
+    // places say; a file added since plays as it is.
+    DeckManifest list;
+    list.engine = Deck::kListEngine;
+    list.items = {item("a"), item("b"), item("c")};
+    DeckItem saved = item("x", false);
+    saved.advanceAfter = 4.0;
+    saved.transition = 0.0;
+    saved.volume = 0.5;
+    saved.endAction = DeckItem::EndAction::hold;
+    KeyAssignment key("/show/a.png", 0);
+    key.deckItems = std::vector<DeckItem>{saved, item("y")};
+    DeckItem first = saved, second = item("b");
+    first.id = "a";
+    first.file = "a.png";
+    second.title = "y";
+    EXPECT_EQ(Deck(QString(), list).itemsFor(key),
+              (std::vector<DeckItem>{first, second, item("c")}));
 }
 
 class Decks : public ::testing::Test {

@@ -57,8 +57,8 @@ TEST_F(Presentation, PowerPointThroughLibreOfficeKeepsItsHiddenSlideInPlaceAndBr
         GTEST_SKIP() << "LibreOffice is not installed (scripts/setup installs it)";
     const QString made = fourSlides("pptx");
     ASSERT_FALSE(made.isEmpty());
-    // PowerPoint's way of holding a movie on slide 2 (linked as video and as media) and a sound
-    // on slide 4 beside a link to a file outside the deck.
+    // PowerPoint's way of holding a movie on slides 2 and 3 (linked as video and as media) and a
+    // sound on slide 4 beside a link to a file outside the deck.
     auto entries = SlideArchive::readParts(made, [](const QString&) { return true; });
     Presentations::Entries zip(entries.begin(), entries.end());
     const MediaFixtures::Video video{160, 90, 0.0, 0.5};
@@ -97,7 +97,8 @@ TEST_F(Presentation, PowerPointThroughLibreOfficeKeepsItsHiddenSlideInPlaceAndBr
                     .arg(web.serverPort())
                     .arg(QUrl::fromLocalFile(file("outside.png")).toString())
                     .toUtf8();
-        if (name == "ppt/slides/_rels/slide2.xml.rels")
+        if (name == "ppt/slides/_rels/slide2.xml.rels" ||
+            name == "ppt/slides/_rels/slide3.xml.rels")
             bytes =
                 rels + layout +
                 R"(<Relationship Id="rId7" Type="http://schemas.openxmlformats.org/officeDocument/2006/relationships/video" Target="../media/intro.mp4"/><Relationship Id="rId8" Type="http://schemas.microsoft.com/office/2007/relationships/media" Target="../media/intro.mp4"/></Relationships>)";
@@ -121,11 +122,13 @@ TEST_F(Presentation, PowerPointThroughLibreOfficeKeepsItsHiddenSlideInPlaceAndBr
         ids << item.id + (item.enabled ? "" : " off");
         files << item.file;
     }
-    EXPECT_EQ(ids, (QStringList{"s1", "s2", "s2-m1", "s3 off", "s4", "s4-m1"}));
+    // The movie again on the hidden slide: copied once, and off with its slide.
+    EXPECT_EQ(ids, (QStringList{"s1", "s2", "s2-m1", "s3 off", "s3-m1 off", "s4", "s4-m1"}));
+    EXPECT_EQ(files[4], "s2-m1.mp4");
     EXPECT_EQ(deck->manifest.items[2].kind, DeckItem::Kind::video);
     EXPECT_EQ(deck->manifest.items[2].title, "スライド 2 の 映像（intro）");
-    EXPECT_EQ(deck->manifest.items[5].kind, DeckItem::Kind::audio);
-    EXPECT_EQ(deck->manifest.items[5].title, "スライド 4 の 音声（chime）");
+    EXPECT_EQ(deck->manifest.items[6].kind, DeckItem::Kind::audio);
+    EXPECT_EQ(deck->manifest.items[6].title, "スライド 4 の 音声（chime）");
     EXPECT_TRUE(deck->missing.isEmpty()) << deck->missing.join(",").toStdString();
     QFile copied(deck->pathOf("s2-m1.mp4"));
     ASSERT_TRUE(copied.open(QIODevice::ReadOnly));

@@ -34,7 +34,6 @@ public:
     void kill();
     // Starts server and session manager again; whether the sinks are back.
     bool restart();
-    pid_t serverPid() const { return m_pipewire; }
 
 private:
     pid_t spawn(const std::vector<std::string>& args) const;

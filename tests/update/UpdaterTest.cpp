@@ -2,6 +2,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -333,12 +334,48 @@ TEST(Ed25519, KeysAndSignaturesOfTheWrongLengthAreRefused) {
     }
 }
 
-// An archive of as many entries as a release may hold unpacks, one more is refused once it has
-// them; names packed from inside the folder ("./vorlin/…") land as those packed beside it. An
-// archive that cannot be opened is named.
+// What an archive may hold and how much: as many entries as a release may hold unpack, one more
+// is refused once it has them; names packed from inside the folder ("./vorlin/…") land as those
+// packed beside it; an entry over a link or that is neither a file, a folder nor a link is
+// refused; an attribute the reader cannot parse only warns. An archive that cannot be opened, or
+// whose header fails its checksum, is named or refused.
 TEST(ReleaseArchiveLimits, EntriesUpToTheLimitUnpackInPlaceAndOneMoreIsRefused) {
     TempDir dir;
-    const auto refusal = [&](const std::string& tar) { // unpacked beside it, into "<tar>.d"
+    struct Entry {
+        std::string name;
+        unsigned type = AE_IFREG;
+        const char* link = nullptr;
+    };
+    // Writes `entries` (none: no file at all; each file holding "#!"), edited as bytes, and gives
+    // back what unpacking it beside itself, into "<tar>.d", was refused with ("" if nothing).
+    const auto unpack = [&](const std::string& tar, const std::vector<Entry>& entries,
+                            const std::function<void(QByteArray&)>& edit = {}) {
+        if (!entries.empty()) {
+            archive* a = archive_write_new();
+            archive_write_set_format_pax(a);
+            archive_write_open_filename(a, tar.c_str());
+            for (const Entry& e : entries) {
+                archive_entry* entry = archive_entry_new();
+                archive_entry_set_pathname(entry, e.name.c_str());
+                archive_entry_set_filetype(entry, e.type);
+                archive_entry_set_perm(entry, 0755);
+                archive_entry_set_size(entry, e.type == AE_IFREG ? 2 : 0);
+                if (e.link)
+                    archive_entry_set_symlink(entry, e.link);
+                if (edit)
+                    archive_entry_xattr_add_entry(entry, "user.note", "a", 1);
+                archive_write_header(a, entry);
+                archive_write_data(a, "#!", e.type == AE_IFREG ? 2 : 0);
+                archive_entry_free(entry);
+            }
+            archive_write_close(a);
+            archive_write_free(a);
+        }
+        if (edit) {
+            QByteArray bytes = Files::read(QString::fromStdString(tar));
+            edit(bytes);
+            Files::write(QString::fromStdString(tar), bytes);
+        }
         try {
             ReleaseArchive::unpack(QString::fromStdString(tar), QString::fromStdString(tar + ".d"));
         } catch (const UpdateError& error) {
@@ -346,61 +383,39 @@ TEST(ReleaseArchiveLimits, EntriesUpToTheLimitUnpackInPlaceAndOneMoreIsRefused) 
         }
         return QString();
     };
-    EXPECT_TRUE(refusal(dir.file("missing.tar.zst")).contains("missing.tar.zst"));
+    EXPECT_TRUE(unpack(dir.file("missing.tar.zst"), {}).contains("missing.tar.zst"));
     for (const auto& [count, prefix] : {std::pair{ReleaseArchive::kMaxEntries, "./vorlin/"},
                                         {ReleaseArchive::kMaxEntries + 1, "vorlin/"}}) {
-        const std::string tar = dir.file(std::to_string(count) + ".tar.zst");
-        archive* a = archive_write_new();
-        archive_write_add_filter_zstd(a);
-        archive_write_set_format_pax_restricted(a);
-        ASSERT_EQ(archive_write_open_filename(a, tar.c_str()), ARCHIVE_OK);
-        for (int n = 0; n < count; ++n) {
-            archive_entry* entry = archive_entry_new();
-            archive_entry_set_pathname(entry, (prefix + std::to_string(n)).c_str());
-            archive_entry_set_filetype(entry, AE_IFREG);
-            archive_entry_set_perm(entry, 0644);
-            archive_entry_set_size(entry, 0);
-            archive_write_header(a, entry);
-            archive_entry_free(entry);
-        }
-        archive_write_close(a);
-        archive_write_free(a);
-        const QString refused = refusal(tar);
+        std::vector<Entry> entries(static_cast<std::size_t>(count));
+        for (int n = 0; n < count; ++n)
+            entries[static_cast<std::size_t>(n)].name = prefix + std::to_string(n);
+        const std::string tar = dir.file(std::to_string(count) + ".tar");
+        const QString refused = unpack(tar, entries);
         if (count > ReleaseArchive::kMaxEntries) {
             EXPECT_TRUE(refused.contains("項目が多すぎます")) << refused.toStdString();
         } else {
             EXPECT_EQ(refused, "");
-            EXPECT_TRUE(QFileInfo::exists(QString::fromStdString(tar) + ".d/vorlin/" +
-                                          QString::number(count - 1)));
+            EXPECT_EQ(Files::read(QString::fromStdString(tar) + ".d/vorlin/" +
+                                  QString::number(count - 1)),
+                      "#!");
         }
     }
-
-    // An attribute the reader cannot parse only warns, and the entry under it unpacks; a header
-    // that fails its checksum refuses the archive.
-    const std::string warned = dir.file("warned.tar"), damaged = dir.file("damaged.tar");
-    archive* a = archive_write_new();
-    archive_write_set_format_pax(a);
-    ASSERT_EQ(archive_write_open_filename(a, warned.c_str()), ARCHIVE_OK);
-    archive_entry* entry = archive_entry_new();
-    archive_entry_set_pathname(entry, "vorlin/vorlin");
-    archive_entry_set_filetype(entry, AE_IFREG);
-    archive_entry_set_perm(entry, 0755);
-    archive_entry_set_size(entry, 2);
-    archive_entry_xattr_add_entry(entry, "user.note", "a", 1);
-    archive_write_header(a, entry);
-    archive_write_data(a, "#!", 2);
-    archive_entry_free(entry);
-    archive_write_close(a);
-    archive_write_free(a);
-    QByteArray tar = Files::read(QString::fromStdString(warned));
-    ASSERT_TRUE(tar.contains("xattr.user.note="));
-    tar.replace("xattr.user.note=", "xattr.user.note_"); // a record without its "="
-    Files::write(QString::fromStdString(warned), tar);
-    EXPECT_EQ(refusal(warned), "");
+    EXPECT_EQ(unpack(dir.file("over.tar"), {{"vorlin/lib", AE_IFLNK, "bin"}, {"vorlin/lib"}}),
+              "アーカイブを展開できません: 不正な項目 vorlin/lib");
+    EXPECT_EQ(unpack(dir.file("fifo.tar"), {{"vorlin/pipe", AE_IFIFO}}),
+              "アーカイブを展開できません: 不正な項目 vorlin/pipe");
+    const std::string warned = dir.file("warned.tar");
+    EXPECT_EQ(unpack(warned, {{"vorlin/vorlin"}},
+                     [&](QByteArray& tar) {
+                         ASSERT_TRUE(tar.contains("xattr.user.note="));
+                         tar.replace("xattr.user.note=", "xattr.user.note_"); // no "=" in it
+                     }),
+              "");
     EXPECT_EQ(Files::read(QString::fromStdString(warned) + ".d/vorlin/vorlin"), "#!");
-    tar[1024 + 5] = 'X'; // the file's own header, after the attributes' header and block
-    Files::write(QString::fromStdString(damaged), tar);
-    EXPECT_NE(refusal(damaged), "");
+    // The file's own header, after the attributes' header and block.
+    EXPECT_NE(unpack(dir.file("damaged.tar"), {{"vorlin/vorlin"}},
+                     [](QByteArray& tar) { tar[1024 + 5] = 'X'; }),
+              "");
 }
 
 TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
