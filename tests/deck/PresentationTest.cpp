@@ -1,5 +1,7 @@
+#include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <thread>
 
 #include <QDir>
 #include <QDirIterator>
@@ -13,6 +15,7 @@
 #include "MediaFixtures.h"
 #include "Presentations.h"
 #include "TempDir.h"
+#include "Wait.h"
 #include "deck/DeckBuilder.h"
 #include "deck/DeckCache.h"
 #include "deck/DeckError.h"
@@ -294,9 +297,22 @@ TEST_F(Presentation, AMissingOrHangingConverterFailsWithItsMessageInTime) {
               }),
               "LibreOffice が見つかりません（スライドの変換に必要です）");
 
-    // An office that never answers, and a child of it that would outlive a plain kill.
-    ASSERT_TRUE(write("hang.sh", "#!/bin/sh\nsleep 600 &\nsleep 600\n"));
+    // An office that never answers, and a child of it that would outlive a plain kill: both end
+    // at the time limit, and when the build is cancelled. (It writes both their numbers first.)
+    ASSERT_TRUE(write("hang.sh", "#!/bin/sh\necho $$ >\"$0.pids\"\nsleep 600 &\n"
+                                 "echo $! >>\"$0.pids\"\nsleep 600\n"));
     QFile(file("hang.sh")).setPermissions(QFileDevice::ReadOwner | QFileDevice::ExeOwner);
+    const auto started = [&] { return Files::read(file("hang.sh.pids")).count('\n') == 2; };
+    const auto ended = [&] { // gone, or only waiting to be reaped
+        return Wait::until([&] {
+            for (const QByteArray& pid : Files::read(file("hang.sh.pids")).trimmed().split('\n')) {
+                const QByteArray stat = Files::read("/proc/" + pid + "/stat");
+                if (!stat.isEmpty() && !stat.contains(") Z "))
+                    return false;
+            }
+            return true;
+        });
+    };
     SlideConverter::Options hanging;
     hanging.program = file("hang.sh");
     hanging.timeLimit = 2s;
@@ -306,6 +322,20 @@ TEST_F(Presentation, AMissingOrHangingConverterFailsWithItsMessageInTime) {
               }),
               "LibreOffice が 2 秒たっても応答しないため、変換を中止しました");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    EXPECT_TRUE(ended());
+    QFile::remove(file("hang.sh.pids"));
+    std::atomic<bool> cancel{false};
+    std::thread operatorCancels([&] { // once the office has started its child
+        for (int polls = 0; polls < 1000 && !started(); ++polls)
+            std::this_thread::sleep_for(10ms);
+        cancel = true;
+    });
+    EXPECT_EQ(failure([&] {
+                  SlideConverter::convert(file("talk.ppt"), file(""), "pdf", &cancel, hanging);
+              }),
+              DeckError::kCancelled);
+    operatorCancels.join();
+    EXPECT_TRUE(ended());
 
     // The office runs cut off from the network, where the system allows it: an office that
     // tries to reach a server on this machine reaches nothing.

@@ -35,17 +35,20 @@ protected:
         ASSERT_TRUE(Files::write(path, bytes));
     }
     static QByteArray read(const QString& path) { return Files::read(path); }
-    // Runs the script as the updater starts it, waiting for its end; its exit status.
+    // Runs the script as the updater starts it, waiting for its end; its exit status (and in
+    // `said`, what it wrote on the terminal).
     int swap(qint64 pid, const QString& from, const QStringList& more = {}) {
         QProcess process;
         process.start("/bin/sh",
                       QStringList{script, QString::number(pid), from, target, work} + more);
         EXPECT_TRUE(process.waitForFinished(30000));
+        said = process.readAllStandardError();
         return process.exitCode();
     }
 
     TempDir dir;
     QString target, work, fresh, marker, script;
+    QByteArray said;
 };
 
 TEST_F(SwapScriptTest, PutsTheNewTreeInPlaceOnceTheProgramHasQuitAndStartsIt) {
@@ -57,6 +60,7 @@ TEST_F(SwapScriptTest, PutsTheNewTreeInPlaceOnceTheProgramHasQuitAndStartsIt) {
     waited.start();
     EXPECT_EQ(swap(program.processId(), fresh), 0);
     EXPECT_GE(waited.elapsed(), 300); // it waited for the program
+    EXPECT_EQ(said, "");              // nothing on the terminal the program was started from
     EXPECT_EQ(read(target + "/VERSION"), "new");
     for (int i = 0; i < 100 && !QFileInfo::exists(marker); ++i)
         QThread::msleep(50);
@@ -77,6 +81,7 @@ TEST_F(SwapScriptTest, KeepsTheOldTreeWhenTheProgramNeverQuitsOrTheNewOneCannotM
 
     // The process is gone; the new tree is not where it should be: the old one comes back.
     EXPECT_EQ(swap(pid, work + "/missing"), 1);
+    EXPECT_TRUE(said.startsWith("mv: ")) << said.toStdString(); // only the failed move is said
     EXPECT_EQ(read(target + "/VERSION"), "old");
     EXPECT_EQ(read(target + "/bin/vorlin"), "#!/bin/sh\n");
     EXPECT_FALSE(QFileInfo::exists(marker));
