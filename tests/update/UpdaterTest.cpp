@@ -346,8 +346,10 @@ TEST(ReleaseArchiveLimits, EntriesUpToTheLimitUnpackInPlaceAndOneMoreIsRefused) 
         unsigned type = AE_IFREG;
         const char* link = nullptr;
     };
-    // Writes `entries` (none: no file at all; each file holding "#!"), edited as bytes, and gives
-    // back what unpacking it beside itself, into "<tar>.d", was refused with ("" if nothing).
+    // Writes `entries` (none: no file at all; each file holding "#!") and gives back what
+    // unpacking it beside itself, into "<tar>.d", was refused with ("" if nothing). An archive
+    // to be edited as bytes gives each entry an attribute record first, so the first file's own
+    // header starts at byte 1024 (after the record's header and its block).
     const auto unpack = [&](const std::string& tar, const std::vector<Entry>& entries,
                             const std::function<void(QByteArray&)>& edit = {}) {
         if (!entries.empty()) {
@@ -412,7 +414,6 @@ TEST(ReleaseArchiveLimits, EntriesUpToTheLimitUnpackInPlaceAndOneMoreIsRefused) 
                      }),
               "");
     EXPECT_EQ(Files::read(QString::fromStdString(warned) + ".d/vorlin/vorlin"), "#!");
-    // The file's own header, after the attributes' header and block.
     EXPECT_NE(unpack(dir.file("damaged.tar"), {{"vorlin/vorlin"}},
                      [](QByteArray& tar) { tar[1024 + 5] = 'X'; }),
               "");
