@@ -76,6 +76,8 @@ TEST(KeyModes, EachModeStartsAndStopsAsItsTableSays) {
         key.mode = row.mode;
         key.fadeOut = row.fadeOut;
         stage.doc().selectedKey.reset();
+        int announced = 0; // selections the views hear of
+        QObject::connect(&stage.engine(), &CueEngine::selectedKeyChanged, [&] { ++announced; });
         if (row.running) {
             stage.press(kA);
             stage.run(0.05);
@@ -88,6 +90,7 @@ TEST(KeyModes, EachModeStartsAndStopsAsItsTableSays) {
         if (row.event == shiftDown || (row.event == down && !row.running)) {
             EXPECT_EQ(stage.doc().selectedKey, kA);
         }
+        EXPECT_EQ(announced, stage.doc().selectedKey ? 1 : 0); // pressed again, not announced
         const auto out = stage.run(0.05);
         EXPECT_EQ(out[1].back(), 0.0f); // routed to output 1 only
     }
@@ -169,6 +172,10 @@ TEST(NextMaterial, RunningCuesYieldByTheirOwnBehaviourAndGroup) {
         const Outcome outcome = outcomeOf(
             stage, [&] { stage.press(kS); }, 0.3);
         EXPECT_EQ(outcome.started, row.next == ready || row.next == routedNowhere ? 1 : 0);
+        const auto& cues = stage.engine().cues();
+        EXPECT_EQ(
+            std::count_if(cues.begin(), cues.end(), [](const auto& c) { return c->key == kS; }),
+            row.next == ready ? 1 : 0); // routed nowhere, nothing plays
         expectEndsAfter(outcome, row.endsAfter);
         if (row.next == routedNowhere) {
             EXPECT_TRUE(stage.model.status().text().endsWith(
