@@ -177,8 +177,9 @@ TEST_F(Presentation, OpenDocumentSlidesAreReadFromTheFileItself) {
 }
 
 TEST_F(Presentation, HostileArchivesAreRefusedAndNothingLandsOutsideTheDeck) {
+    // The slide's relationship before its number: another tool's order of the two.
     const QByteArray presentation = R"(<?xml version="1.0"?>
-<p:presentation xmlns:p="p" xmlns:r="r"><p:sldIdLst><p:sldId id="256" r:id="rId2"/></p:sldIdLst></p:presentation>)";
+<p:presentation xmlns:p="p" xmlns:r="r"><p:sldIdLst><p:sldId r:id="rId2" id="256"/></p:sldIdLst></p:presentation>)";
     const QByteArray rels =
         R"(<Relationships><Relationship Id="rId2" Type="t/slide" Target="slides/slide1.xml"/></Relationships>)";
     const Presentations::Entries base{
