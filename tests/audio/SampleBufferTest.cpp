@@ -7,8 +7,8 @@
 namespace {
 
 // One block of samples through the steps of a decode: appends that grow it, padding that never
-// shortens, dropping from the front, trimming (to nothing, then used again), a reserve that
-// cannot be had leaving it as it was, and moves.
+// shortens (nor fails at the length it has), dropping from the front, trimming (to nothing, then
+// used again), a reserve that cannot be had leaving it as it was, and moves.
 TEST(SampleBuffer, EachStepLeavesExactlyTheSamplesItShould) {
     SampleBuffer buffer;
     const float three[] = {1, 2, 3};
@@ -31,6 +31,7 @@ TEST(SampleBuffer, EachStepLeavesExactlyTheSamplesItShould) {
         {"trim to nothing",
          [&] { return buffer.shrinkToFit(), !buffer.data() && buffer.capacity() == 0; },
          {}},
+        {"pad to its own length, nothing", [&] { return buffer.padTo(0); }, {}},
         {"used again", [&] { return buffer.append(three + 2, 1); }, {3}},
         {"moved out and back",
          [&] {
