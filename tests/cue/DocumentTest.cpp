@@ -98,7 +98,7 @@ TEST_F(Document, EveryFieldSurvivesARoundTrip) {
     model.setMasterVolume(0.5);
     model.setStopAllFade(3);
     model.setMutedOutputs({7, 2});
-    model.setVideoOutputs({"1: Main（1512×982）"});
+    model.setVideoOutputs({"1: Main（1512×982）", "window"});
     model.setOutputDeviceUID(QString("null"));
     const QString path = folder + "/all.vorlin";
     model.save(path);
@@ -115,7 +115,7 @@ TEST_F(Document, EveryFieldSurvivesARoundTrip) {
     EXPECT_EQ(reopened.masterVolume(), 0.5);
     EXPECT_EQ(reopened.cueEngine().stopAllFade(), 3.0);
     EXPECT_EQ(reopened.mutedOutputs(), (std::set<std::int64_t>{2, 7}));
-    EXPECT_EQ(reopened.videoOutputs(), QStringList{"1: Main（1512×982）"});
+    EXPECT_EQ(reopened.videoOutputs(), (QStringList{"1: Main（1512×982）", "window"}));
     EXPECT_EQ(reopened.outputDeviceUID(), QString("null"));
     EXPECT_TRUE(read(path).contains("\"videoTarget\": \"display:1: Main（1512×982）\""));
     EXPECT_FALSE(reopened.isDirty());
