@@ -110,12 +110,15 @@ TEST_F(Decks, TheFolderIsNamedByTheStampAndATouchedSourceGetsANewOne) {
     const QString digest =
         QCryptographicHash::hash(stamp.toUtf8(), QCryptographicHash::Sha256).toHex().left(12);
     EXPECT_EQ(DeckCache::folderFor(pdf, stamp), DeckCache::root() + "/talk.v2-" + digest);
-    // A long name is cut at a character's end to 200 bytes of UTF-8 ("あ" is 3).
-    const QString a(QChar(0x3042));
+    // A long name is cut at a character's end to 200 bytes of UTF-8 ("é" is 2, "あ" 3, "🎵" 4
+    // in two UTF-16 units).
+    const QString e(QChar(0xe9)), a(QChar(0x3042)), note = QString::fromUtf8("🎵");
     for (const auto& [name, kept] : {std::pair{QString(200, 'x'), 200},
                                      {QString(201, 'x'), 200},
+                                     {e.repeated(101), 100},
                                      {a.repeated(67), 66},
-                                     {a.repeated(66) + "xy", 68}})
+                                     {a.repeated(66) + "xy", 68},
+                                     {note.repeated(51), 100}})
         EXPECT_EQ(QFileInfo(DeckCache::folderFor(name + ".pdf", stamp)).fileName().size(),
                   kept + 13)
             << name.size();
