@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
@@ -14,6 +15,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkReply>
 #include <QProcess>
 #include <QTimer>
 
@@ -21,6 +23,7 @@
 #include "Sanitizer.h"
 #include "TempDir.h"
 #include "TestServer.h"
+#include "Wait.h"
 #include "model/Prefs.h"
 #include "update/Ed25519.h"
 #include "update/ReleaseArchive.h"
@@ -462,6 +465,10 @@ TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
     check(updater, true);
     EXPECT_TRUE(ui.alerts.last().contains("サーバーの応答: 404"));
     EXPECT_EQ(ui.offers.size(), 4);
+    // No reply outlives its check: a show open for weeks may be checked by hand any number of
+    // times.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_TRUE(updater.findChildren<QNetworkReply*>().isEmpty());
 
     // A feed of exactly the largest size allowed is read; one byte less allowed, it is not.
     setFeed("0.2.0", 2, "/good.tar.zst");
@@ -473,6 +480,53 @@ TEST_F(UpdaterTest, OffersOnlyWhatIsNewerAndASkippedBuildOnlyWhenAskedByHand) {
         Updater sized(bounded, ui);
         EXPECT_EQ(offersOfACheck(sized), offered ? 1 : 0) << largest;
     }
+}
+
+// At start-up only the first running copy checks, only with automatic checks on, and only when
+// the last check is more than 20 hours old; it checks 3 s later, and from then on that check is
+// the last one.
+TEST_F(UpdaterTest, AtStartUpTheFirstCopyChecksWhenTheLastCheckIsOver20HoursOld) {
+    const QString lastCheck = QStringLiteral("update.lastCheck");
+    const double now = static_cast<double>(QDateTime::currentSecsSinceEpoch()), day = 72000;
+    const struct Row {
+        int instance;
+        bool automatic;
+        double last;
+        bool checks;
+    } rows[] = {{1, true, 0, true},
+                {2, true, 0, false},
+                {1, false, 0, false},
+                {1, true, now - day + 60, false},
+                {1, true, now - day - 60, true}};
+    std::vector<std::unique_ptr<ScriptedUi>> uis;
+    std::vector<std::unique_ptr<Updater>> updaters;
+    const auto launch = [&](const Row& row) {
+        Prefs::setValue(Prefs::kAutoCheckUpdates, row.automatic);
+        if (row.last > 0)
+            Prefs::setValue(lastCheck, row.last);
+        else
+            Prefs::remove(lastCheck);
+        uis.push_back(std::make_unique<ScriptedUi>());
+        updaters.push_back(std::make_unique<Updater>(options(), *uis.back()));
+        updaters.back()->checkOnLaunch(row.instance);
+    };
+    for (const Row& row : rows)
+        launch(row);
+    const auto offered = [&](std::size_t n) { return uis[n]->offers.size() == 1; };
+    EXPECT_TRUE(Wait::until([&] { return offered(0) && offered(4); }, 30000));
+    Wait::pump(1000);
+    for (std::size_t n = 0; n < std::size(rows); ++n)
+        EXPECT_EQ(offered(n), rows[n].checks) << "row " << n;
+
+    // Started again: the check it has just made is the last one.
+    Prefs::setValue(Prefs::kAutoCheckUpdates, true);
+    uis.push_back(std::make_unique<ScriptedUi>());
+    updaters.push_back(std::make_unique<Updater>(options(), *uis.back()));
+    updaters.back()->checkOnLaunch(1);
+    Wait::pump(4000);
+    EXPECT_TRUE(uis.back()->offers.isEmpty());
+    Prefs::remove(lastCheck);
+    Prefs::remove(Prefs::kAutoCheckUpdates);
 }
 
 TEST_F(UpdaterTest, InstallsASignedReleaseOnlyAtQuitAndArmsTheSwap) {
