@@ -102,7 +102,8 @@ struct ScriptedUi : UpdaterUi {
 
 // Release archives made once by scripts/make-release from this build's install tree: 0.2.0
 // (build 2) signed by the trusted key, the same by another key, and 0.1.0 (build 1); and,
-// repacked from the first, a tampered program, an extra file, a "../" entry and a link out.
+// repacked from the first, a tampered program, an extra file, a "../" entry, a link out, a
+// program that cannot be run and a link in, signed.
 struct Archives {
     TempDir dir;
     QByteArray trustedKey;
@@ -170,6 +171,22 @@ struct Archives {
         });
         bytes["link"] = repacked("link", [](const QString& folder) {
             QFile::link("/etc", folder + "/vorlin/share/etc");
+        });
+        // The program's bytes as signed, but no longer executable.
+        bytes["mode"] = repacked("mode", [](const QString& folder) {
+            QFile::setPermissions(folder + "/vorlin/bin/vorlin",
+                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup);
+        });
+        // A link beside the program to it, listed as a file of the program's bytes and the
+        // link's size and mode, and signed again by the trusted key: still no plain file.
+        bytes["signed link"] = repacked("signed-link", [&](const QString& folder) {
+            const QString tree = folder + "/vorlin";
+            QFile::link("vorlin", tree + "/bin/alias");
+            const QByteArray sha =
+                QCryptographicHash::hash(read(tree + "/bin/vorlin"), QCryptographicHash::Sha256);
+            writeFile(tree + "/MANIFEST",
+                      read(tree + "/MANIFEST") + "file " + sha.toHex() + " 6 777 bin/alias\n");
+            run("scripts/sign-release", {trusted, tree});
         });
     }
 };
@@ -556,6 +573,8 @@ TEST_F(UpdaterTest, RefusesEveryDoubtfulArchiveAndLeavesTheProgramAsItWas) {
         {"cut", "途中で切れました"},
         {"hangs", "中止"},
         {"edited", "署名"},
+        {"signed link", "署名"},
+        {"mode", "署名"},
         {"refused", "サーバーの応答: 400"},
     };
     const int folders = updateFolders();
