@@ -123,6 +123,14 @@ TEST_F(Midi, ProgramChangesAndControllersWorkThePagesStopsAndMaster) {
     midi.handle(note(36, 127));
     stage.run(0.05);
     EXPECT_TRUE(stage.engine().cues().empty());
+
+    // On a key, a program change is a tap, pressed and let go: a hold key starts and stops.
+    midi.learn(forKey(kS));
+    midi.handle({MidiEvent::Type::program, 1, 9, 0});
+    const auto cues = stage.engine().nextCueID();
+    midi.handle({MidiEvent::Type::program, 1, 9, 0});
+    EXPECT_EQ(stage.engine().nextCueID(), cues + 1);
+    EXPECT_FALSE(stage.model.isRunning(kS));
 }
 
 // A real sequencer client sends to the "Vorlin" port. Without a sequencer device there is
