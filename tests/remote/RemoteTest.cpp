@@ -161,7 +161,7 @@ TEST(OscPort, ATakenPortSaysSoAndLeavesNoSocketBehind) {
 }
 
 // Started with its standard input closed (a start script's `<&-`), the socket is descriptor 0,
-// and it serves its subscribers all the same.
+// and it serves its subscribers, and drops a gone one, all the same.
 TEST(OscPort, ASocketOnDescriptorZeroStillFeedsItsSubscribers) {
     const int input = ::dup(0);
     ::close(0);
@@ -175,6 +175,9 @@ TEST(OscPort, ASocketOnDescriptorZeroStillFeedsItsSubscribers) {
         ASSERT_TRUE(Wait::until([&] { return server.subscriberCount() == 1; }));
         server.sendToSubscribers("/vorlin/state/master", {1.0});
         EXPECT_TRUE(Wait::until([&] { return desk.hasPendingDatagrams(); }));
+        desk.close(); // its port answers "unreachable" from now on
+        server.sendToSubscribers("/vorlin/state/master", {1.0});
+        EXPECT_TRUE(Wait::until([&] { return server.subscriberCount() == 0; }));
     }
     ::dup2(input, 0);
     ::close(input);
